@@ -1,0 +1,122 @@
+#include "Platform/Linux/ZavloLinuxRunLoop.hpp"
+
+#include <pthread.h>
+
+#include <utility>
+
+struct ZavloLinuxRunLoop::Timer final : ZavloTimer {
+  std::mutex mutex;
+  Work work;
+
+  void cancel() override {
+    Work dropped;
+    {
+      std::lock_guard lock(mutex);
+      dropped.swap(work);
+    }
+    // The captures are released here, outside the lock.
+  }
+  Work take() {
+    std::lock_guard lock(mutex);
+    return std::exchange(work, nullptr);
+  }
+};
+
+ZavloLinuxRunLoop::~ZavloLinuxRunLoop() = default;
+
+void ZavloLinuxRunLoop::post(Work work) {
+  {
+    std::lock_guard lock(mutex_);
+    ready_.push_back(std::move(work));
+  }
+  wake_.notify_one();
+}
+
+std::shared_ptr<ZavloTimer> ZavloLinuxRunLoop::postAfter(Duration delay, Work work) {
+  auto timer = std::make_shared<Timer>();
+  timer->work = std::move(work);
+  {
+    std::lock_guard lock(mutex_);
+    timers_.push({std::chrono::steady_clock::now() + std::max(delay, Duration::zero()), sequence_++, timer});
+  }
+  wake_.notify_one();
+  return timer;
+}
+
+bool ZavloLinuxRunLoop::isCurrent() const { return runningThread_.load() == std::this_thread::get_id(); }
+
+void ZavloLinuxRunLoop::run() { loop(nullptr, std::chrono::steady_clock::time_point::max()); }
+
+bool ZavloLinuxRunLoop::runUntil(const std::function<bool()>& done, Duration timeout) {
+  return loop(&done, std::chrono::steady_clock::now() + timeout);
+}
+
+void ZavloLinuxRunLoop::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopRequested_ = true;
+  }
+  wake_.notify_all();
+}
+
+bool ZavloLinuxRunLoop::loop(const std::function<bool()>* done, std::chrono::steady_clock::time_point deadline) {
+  const auto previous = runningThread_.exchange(std::this_thread::get_id());
+  bool finished = done && (*done)();
+  Work work;
+  while (!finished && next(work, deadline)) {
+    work();
+    work = nullptr;  // release captures before waiting again
+    finished = done && (*done)();
+  }
+  runningThread_.store(previous);
+  return finished;
+}
+
+bool ZavloLinuxRunLoop::next(Work& work, std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    if (stopRequested_) {
+      stopRequested_ = false;
+      return false;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    // Due timers go before plain work posted after them, keeping deadline order fair.
+    while (!timers_.empty() && timers_.top().deadline <= now) {
+      auto timer = timers_.top().timer;
+      timers_.pop();
+      if ((work = timer->take())) return true;
+    }
+    if (!ready_.empty()) {
+      work = std::move(ready_.front());
+      ready_.pop_front();
+      return true;
+    }
+    if (now >= deadline) return false;
+    auto wakeAt = deadline;
+    if (!timers_.empty()) wakeAt = std::min(wakeAt, timers_.top().deadline);
+    if (wakeAt == std::chrono::steady_clock::time_point::max()) {
+      wake_.wait(lock);
+    } else {
+      wake_.wait_until(lock, wakeAt);
+    }
+  }
+}
+
+ZavloLinuxSerialQueue::ZavloLinuxSerialQueue(std::string label) : label_(std::move(label)) {
+  // Thread names are limited to 15 characters; the tail of the label is the telling part.
+  auto name = label_.size() > 15 ? label_.substr(label_.size() - 15) : label_;
+  thread_ = std::thread([loop = loop_, name = std::move(name)] {
+    pthread_setname_np(pthread_self(), name.c_str());
+    loop->run();
+  });
+}
+
+ZavloLinuxSerialQueue::~ZavloLinuxSerialQueue() {
+  loop_->stop();
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    // Destroyed by its own work: the thread ends once that item returns.
+    thread_.detach();
+  } else {
+    thread_.join();
+  }
+}

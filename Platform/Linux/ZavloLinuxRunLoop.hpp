@@ -1,0 +1,77 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <vector>
+
+#include "Platform/ZavloQueue.hpp"
+
+/// A run loop the host runs on its main thread (run, runUntil, stop). Also the engine of
+/// the Linux serial queues, which run one on a thread of their own.
+class ZavloLinuxRunLoop final : public ZavloQueue {
+ public:
+  ZavloLinuxRunLoop() = default;
+  ~ZavloLinuxRunLoop() override;
+
+  void post(Work work) override;
+  std::shared_ptr<ZavloTimer> postAfter(Duration delay, Work work) override;
+  [[nodiscard]] bool isCurrent() const override;
+
+  /// Runs work until stop() is called.
+  void run();
+  /// Runs work until done() holds (checked after each item) or the timeout passes;
+  /// returns done(). A pending stop() also ends it.
+  bool runUntil(const std::function<bool()>& done, Duration timeout);
+  /// Makes run() or runUntil() return after the current item. Callable from any thread.
+  void stop();
+
+ private:
+  struct Timer;
+  struct Scheduled {
+    std::chrono::steady_clock::time_point deadline;
+    std::uint64_t sequence;
+    std::shared_ptr<Timer> timer;
+    bool operator>(const Scheduled& other) const {
+      return deadline != other.deadline ? deadline > other.deadline : sequence > other.sequence;
+    }
+  };
+
+  // Runs items until stop or until done() holds; a deadline bounds the wait.
+  bool loop(const std::function<bool()>* done, std::chrono::steady_clock::time_point deadline);
+  // Takes the next runnable item, waiting until one is due or the deadline passes.
+  bool next(Work& work, std::chrono::steady_clock::time_point deadline);
+
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Work> ready_;
+  std::priority_queue<Scheduled, std::vector<Scheduled>, std::greater<>> timers_;
+  std::uint64_t sequence_ = 0;
+  bool stopRequested_ = false;
+  std::atomic<std::thread::id> runningThread_{};
+};
+
+/// A private serial queue: a run loop on a thread of its own, stopped and joined on
+/// destruction (work still queued then is dropped).
+class ZavloLinuxSerialQueue final : public ZavloQueue {
+ public:
+  explicit ZavloLinuxSerialQueue(std::string label);
+  ~ZavloLinuxSerialQueue() override;
+
+  void post(Work work) override { loop_->post(std::move(work)); }
+  std::shared_ptr<ZavloTimer> postAfter(Duration delay, Work work) override {
+    return loop_->postAfter(delay, std::move(work));
+  }
+  [[nodiscard]] bool isCurrent() const override { return loop_->isCurrent(); }
+  [[nodiscard]] const std::string& label() const noexcept { return label_; }
+
+ private:
+  std::string label_;
+  // Shared with the thread, which may outlive this object when the queue is destroyed
+  // by its own work.
+  std::shared_ptr<ZavloLinuxRunLoop> loop_ = std::make_shared<ZavloLinuxRunLoop>();
+  std::thread thread_;
+};

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Platform/ZavloDeviceInfo.hpp"
+#include "Platform/ZavloQueue.hpp"
+
+/// Every system service the library reaches, behind one injectable object. Managers take
+/// the services they need in their constructors; only the process-wide shared()
+/// accessors read current().
+///
+/// Threading contract: the accessors are callable from any thread; each service states
+/// its own contract.
+class ZavloPlatform {
+ public:
+  ZavloPlatform() = default;
+  ZavloPlatform(const ZavloPlatform&) = delete;
+  ZavloPlatform& operator=(const ZavloPlatform&) = delete;
+  virtual ~ZavloPlatform() = default;
+
+  /// The host's main queue: completions, timers and connection events run here.
+  virtual ZavloQueue& mainQueue() = 0;
+  /// A new private serial queue that runs work asynchronously.
+  virtual std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) = 0;
+  virtual const ZavloDeviceInfo& deviceInfo() = 0;
+
+  /// The process-wide platform: the one installed, or the Linux platform on first use.
+  static ZavloPlatform& current();
+  /// Installs the process-wide platform. Returns false (and changes nothing) once
+  /// current() has been used, so that no shared object ever sees two platforms.
+  static bool install(std::shared_ptr<ZavloPlatform> platform);
+};

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Platform/ZavloPlatform.hpp"
+#include "Testing/ZavloTestScheduler.hpp"
+
+/// Device facts a test sets as it likes.
+class ZavloTestDeviceInfo final : public ZavloDeviceInfo {
+ public:
+  [[nodiscard]] std::optional<std::string> hostApplicationVersion() const override {
+    std::lock_guard lock(mutex_);
+    return hostVersion_;
+  }
+  [[nodiscard]] std::string operatingSystemVersion() const override {
+    std::lock_guard lock(mutex_);
+    return osVersion_;
+  }
+  void setHostApplicationVersion(std::optional<std::string> version) {
+    std::lock_guard lock(mutex_);
+    hostVersion_ = std::move(version);
+  }
+  void setOperatingSystemVersion(std::string version) {
+    std::lock_guard lock(mutex_);
+    osVersion_ = std::move(version);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<std::string> hostVersion_ = "1.0.0";
+  std::string osVersion_ = "17.4.1";
+};
+
+/// A deterministic platform for unit tests and for hosts testing their integration:
+/// every queue runs on one virtual clock that only the test moves.
+class ZavloTestPlatform final : public ZavloPlatform {
+ public:
+  ZavloTestPlatform();
+
+  ZavloQueue& mainQueue() override { return *mainQueue_; }
+  std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override {
+    return scheduler_->makeQueue(label);
+  }
+  const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
+
+  ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
+  ZavloTestScheduler& scheduler() { return *scheduler_; }
+  std::size_t runUntilIdle() { return scheduler_->runUntilIdle(); }
+  std::size_t advanceBy(ZavloQueue::Duration delta) { return scheduler_->advanceBy(delta); }
+
+ private:
+  std::shared_ptr<ZavloTestScheduler> scheduler_;
+  std::shared_ptr<ZavloQueue> mainQueue_;
+  ZavloTestDeviceInfo deviceInfo_;
+};

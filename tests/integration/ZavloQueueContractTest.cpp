@@ -1,0 +1,136 @@
+// The queue contract, run on the test platform and on the Linux run loop and serial
+// queue, so that the double cannot drift from the real thing.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/ZavloTestPlatform.hpp"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Each driver owns a queue and can run it until a condition holds.
+struct TestDriver {
+  ZavloTestPlatform platform;
+  ZavloQueue& queue() { return platform.mainQueue(); }
+  bool drain(const std::function<bool()>& done, ZavloQueue::Duration span) {
+    platform.advanceBy(span);
+    return done();
+  }
+};
+
+struct LinuxRunLoopDriver {
+  ZavloLinuxRunLoop loop;
+  ZavloQueue& queue() { return loop; }
+  bool drain(const std::function<bool()>& done, ZavloQueue::Duration span) {
+    return loop.runUntil(done, span + 5s);  // generous bound; returns as soon as done
+  }
+};
+
+struct LinuxSerialQueueDriver {
+  ZavloLinuxSerialQueue serial{"contract"};
+  ZavloQueue& queue() { return serial; }
+  bool drain(const std::function<bool()>& done, ZavloQueue::Duration span) {
+    const auto until = std::chrono::steady_clock::now() + span + 5s;
+    while (!done() && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(1ms);
+    return done();
+  }
+};
+
+template <class Driver>
+class ZavloQueueContract : public ::testing::Test {
+ protected:
+  Driver driver;
+};
+
+using Drivers = ::testing::Types<TestDriver, LinuxRunLoopDriver, LinuxSerialQueueDriver>;
+TYPED_TEST_SUITE(ZavloQueueContract, Drivers);
+
+TYPED_TEST(ZavloQueueContract, RunsWorkInOrderOnTheQueueAndTimersByDeadline) {
+  auto& queue = this->driver.queue();
+  std::mutex mutex;
+  std::vector<int> order;
+  std::atomic<bool> allOnQueue{true};
+  const auto record = [&](int n) {
+    return [&, n] {
+      if (!queue.isCurrent()) allOnQueue = false;
+      std::lock_guard lock(mutex);
+      order.push_back(n);
+    };
+  };
+  queue.postAfter(30ms, record(5));
+  queue.postAfter(10ms, record(4));
+  queue.post(record(1));
+  queue.post(record(2));
+  queue.post(record(3));
+  ASSERT_TRUE(this->driver.drain(
+      [&] {
+        std::lock_guard lock(mutex);
+        return order.size() == 5;
+      },
+      30ms));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
+  EXPECT_TRUE(allOnQueue);
+  EXPECT_FALSE(queue.isCurrent());
+}
+
+TYPED_TEST(ZavloQueueContract, CancelledTimerNeverRunsAndPostsFromOtherThreadsArrive) {
+  auto& queue = this->driver.queue();
+  std::atomic<int> cancelledRuns{0};
+  std::atomic<int> arrived{0};
+  auto timer = queue.postAfter(5ms, [&] { ++cancelledRuns; });
+  timer->cancel();
+  std::vector<std::thread> posters;
+  for (int t = 0; t < 4; ++t) {
+    posters.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) queue.post([&] { ++arrived; });
+    });
+  }
+  for (auto& poster : posters) poster.join();
+  std::atomic<bool> after{false};
+  queue.postAfter(20ms, [&] { after = true; });
+  ASSERT_TRUE(this->driver.drain([&] { return arrived == 200 && after; }, 20ms));
+  EXPECT_EQ(cancelledRuns, 0);
+}
+
+}  // namespace
+
+TEST(ZavloLinuxRunLoop, RunUntilReturnsFalseAtTheTimeoutAndStopEndsRun) {
+  ZavloLinuxRunLoop loop;
+  EXPECT_FALSE(loop.runUntil([] { return false; }, 20ms));
+
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(10ms);
+    loop.stop();
+  });
+  loop.run();  // returns only because of stop()
+  stopper.join();
+
+  bool ran = false;
+  loop.post([&] {
+    ran = true;
+    loop.stop();
+  });
+  loop.run();
+  EXPECT_TRUE(ran);
+}
+
+TEST(ZavloLinuxSerialQueue, MayBeDestroyedByItsOwnWork) {
+  auto queue = std::make_shared<ZavloLinuxSerialQueue>("self-release");
+  std::atomic<bool> done{false};
+  std::weak_ptr<ZavloLinuxSerialQueue> weak = queue;
+  queue->post([queue, &done]() mutable {
+    queue.reset();  // may or may not be the last owner
+    done = true;
+  });
+  queue.reset();
+  for (int i = 0; i < 5000 && !done; ++i) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(done);
+  for (int i = 0; i < 5000 && !weak.expired(); ++i) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(weak.expired());
+}
