@@ -55,7 +55,9 @@ class ZavloTestScheduler::TestQueue final : public ZavloQueue {
   }
   ~TestQueue() override { state_->alive = false; }
 
-  void post(Work work) override { scheduler_->enqueue(state_, Duration::zero(), std::make_shared<TestTimer>(std::move(work))); }
+  void post(Work work) override {
+    scheduler_->enqueue(state_, Duration::zero(), std::make_shared<TestTimer>(std::move(work)));
+  }
   std::shared_ptr<ZavloTimer> postAfter(Duration delay, Work work) override {
     auto timer = std::make_shared<TestTimer>(std::move(work));
     scheduler_->enqueue(state_, std::max(delay, Duration::zero()), timer);
@@ -126,7 +128,6 @@ std::size_t ZavloTestScheduler::advanceBy(Duration delta) {
 
 std::size_t ZavloTestScheduler::pendingCount() const {
   std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(std::count_if(heap_.begin(), heap_.end(), [](const Item& item) {
-    return item.queue->alive && item.timer->live();
-  }));
+  return static_cast<std::size_t>(std::count_if(
+      heap_.begin(), heap_.end(), [](const Item& item) { return item.queue->alive && item.timer->live(); }));
 }

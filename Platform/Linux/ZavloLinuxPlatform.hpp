@@ -3,8 +3,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
+#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
@@ -13,6 +15,8 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
  public:
   struct Options {
     std::optional<std::string> hostApplicationVersion;
+    /// Interfaces to treat as cellular whatever the kernel says (tests, demos, odd modems).
+    std::vector<std::string> cellularInterfaces;
   };
 
   ZavloLinuxPlatform() : ZavloLinuxPlatform(Options{}) {}
@@ -24,8 +28,10 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
+  const ZavloLinuxInterfaceClassifier& interfaceClassifier() const { return classifier_; }
 
  private:
   ZavloLinuxRunLoop runLoop_;
   ZavloLinuxDeviceInfo deviceInfo_;
+  ZavloLinuxInterfaceClassifier classifier_;
 };

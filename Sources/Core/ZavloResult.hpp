@@ -22,7 +22,7 @@ template <class T, class E = ZavloAuthException>
 class ZavloResult {
  public:
   ZavloResult(T value) : storage_(std::in_place_index<0>, std::move(value)) {}  // NOLINT(google-explicit-constructor)
-  ZavloResult(ZavloFailure<E> failure)  // NOLINT(google-explicit-constructor)
+  ZavloResult(ZavloFailure<E> failure)                                          // NOLINT(google-explicit-constructor)
       : storage_(std::in_place_index<1>, std::move(failure.error)) {}
 
   [[nodiscard]] bool hasValue() const noexcept { return storage_.index() == 0; }

@@ -34,7 +34,8 @@ TEST(ZavloAuthResponseUtils, OptionalsAreOmittedNeverNull) {
   ASSERT_TRUE(exception);
   EXPECT_EQ(*exception, (json{{"status", "FAILURE"}, {"errorMessage", "m"}}));
 
-  const auto enroll = ZavloAuthResponseUtils::jsonObject(ZavloDeviceBindingEnrollResponse{"SUCCESS", "k", "pk", "ES256", {}});
+  const auto enroll =
+      ZavloAuthResponseUtils::jsonObject(ZavloDeviceBindingEnrollResponse{"SUCCESS", "k", "pk", "ES256", {}});
   ASSERT_TRUE(enroll);
   EXPECT_EQ(enroll->size(), 4U);
   EXPECT_FALSE(enroll->contains("attestation"));

@@ -22,7 +22,9 @@ TEST(ZavloAuthValidationUtils, RemovesScriptTagsAndSchemeIgnoringCase) {
   EXPECT_EQ(sanitize("JavaScript:alert(1)"), "alert(1)");
   EXPECT_EQ(sanitize("<script>javascript:<ScRiPt>x"), "x");
   // Case folding maps the long s to "s".
-  EXPECT_EQ(sanitize("<\xC5\xBF" "cript>x"), "x");
+  EXPECT_EQ(sanitize("<\xC5\xBF"
+                     "cript>x"),
+            "x");
   EXPECT_EQ(sanitize("<scrip>t"), "<scrip>t");
 }
 

@@ -1,0 +1,102 @@
+#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/in.h>
+#include <netpacket/packet.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+
+namespace {
+
+bool startsWith(const std::string& text, std::string_view prefix) { return text.rfind(prefix, 0) == 0; }
+
+bool exists(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0;
+}
+
+}  // namespace
+
+ZavloInterfaceType ZavloLinuxInterfaceClassifier::classify(const ZavloLinuxLinkFacts& facts) const {
+  if (std::find(declaredCellular_.begin(), declaredCellular_.end(), facts.name) != declaredCellular_.end()) {
+    return ZavloInterfaceType::cellular;
+  }
+  if ((facts.flags & IFF_LOOPBACK) != 0 || facts.arpType == ARPHRD_LOOPBACK) return ZavloInterfaceType::loopback;
+  if (facts.devType == "wwan") return ZavloInterfaceType::cellular;
+  if (facts.hasWirelessPhy || facts.devType == "wlan") return ZavloInterfaceType::wifi;
+  switch (facts.arpType) {
+    case ARPHRD_NONE:   // TUN and raw-IP modem links
+    case ARPHRD_RAWIP:  // qmi_wwan, rmnet
+    case ARPHRD_PPP:    // dial-up modems
+      return ZavloInterfaceType::cellular;
+    default:
+      break;
+  }
+  for (const auto* prefix : {"wwan", "rmnet", "ccmni"}) {
+    if (startsWith(facts.name, prefix)) return ZavloInterfaceType::cellular;
+  }
+  if (facts.arpType == ARPHRD_ETHER) return ZavloInterfaceType::wiredEthernet;
+  return ZavloInterfaceType::other;
+}
+
+void ZavloLinuxInterfaceClassifier::addSysfsFacts(ZavloLinuxLinkFacts& facts) {
+  if (facts.name.empty() || facts.name.find('/') != std::string::npos) return;
+  const std::string base = "/sys/class/net/" + facts.name;
+  std::ifstream uevent(base + "/uevent");
+  for (std::string line; std::getline(uevent, line);) {
+    if (startsWith(line, "DEVTYPE=")) facts.devType = line.substr(8);
+  }
+  facts.hasWirelessPhy = exists(base + "/wireless") || exists(base + "/phy80211");
+}
+
+std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces() const {
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) return {};
+  std::map<std::string, ZavloLinuxLinkFacts> facts;
+  std::map<std::string, ZavloLinuxInterface> interfaces;
+  for (auto* entry = list; entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_name == nullptr) continue;
+    const std::string name = entry->ifa_name;
+    auto& interface = interfaces[name];
+    auto& fact = facts[name];
+    interface.name = fact.name = name;
+    fact.flags = entry->ifa_flags;
+    interface.up = (entry->ifa_flags & IFF_UP) != 0 && (entry->ifa_flags & IFF_RUNNING) != 0;
+    if (entry->ifa_addr == nullptr) continue;
+    switch (entry->ifa_addr->sa_family) {
+      case AF_PACKET: {
+        const auto* link = reinterpret_cast<const sockaddr_ll*>(entry->ifa_addr);
+        fact.arpType = link->sll_hatype;
+        interface.index = static_cast<unsigned>(link->sll_ifindex);
+        break;
+      }
+      case AF_INET:
+        interface.hasUsableIPv4 = true;
+        break;
+      case AF_INET6: {
+        const auto* address = reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr);
+        if (!IN6_IS_ADDR_LINKLOCAL(&address->sin6_addr)) interface.hasUsableIPv6 = true;
+        break;
+      }
+      default:
+        break;
+    }
+  }
+  ::freeifaddrs(list);
+
+  std::vector<ZavloLinuxInterface> result;
+  for (auto& [name, interface] : interfaces) {
+    auto& fact = facts[name];
+    addSysfsFacts(fact);
+    if (interface.index == 0) interface.index = ::if_nametoindex(name.c_str());
+    interface.type = classify(fact);
+    result.push_back(interface);
+  }
+  std::sort(result.begin(), result.end(), [](const auto& a, const auto& b) { return a.index < b.index; });
+  return result;
+}

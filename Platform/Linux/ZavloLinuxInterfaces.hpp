@@ -1,0 +1,48 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/ZavloNetworkInterface.hpp"
+
+/// What the kernel tells about one link, enough to classify it.
+struct ZavloLinuxLinkFacts {
+  std::string name;
+  unsigned arpType = 0;                ///< ARPHRD_* of the link
+  unsigned flags = 0;                  ///< IFF_* of the link
+  std::optional<std::string> devType;  ///< DEVTYPE from the device's uevent, if any
+  bool hasWirelessPhy = false;
+};
+
+/// One interface as the Linux platform sees it.
+struct ZavloLinuxInterface {
+  std::string name;
+  unsigned index = 0;
+  ZavloInterfaceType type = ZavloInterfaceType::other;
+  bool up = false;  ///< administratively up and running
+  bool hasUsableIPv4 = false;
+  bool hasUsableIPv6 = false;  ///< a non-link-local IPv6 address
+  [[nodiscard]] bool usable() const noexcept { return up && (hasUsableIPv4 || hasUsableIPv6); }
+};
+
+/// Classification of links, with the host's declared cellular interfaces taking priority.
+/// Cellular: declared, DEVTYPE=wwan, raw-IP/no-ARP/PPP link types of modem drivers, or the
+/// modem driver names (wwan*, rmnet*, ccmni*). Wi-Fi: a wireless PHY. Loopback: the flag.
+/// Wired Ethernet: any other Ethernet link.
+class ZavloLinuxInterfaceClassifier {
+ public:
+  explicit ZavloLinuxInterfaceClassifier(std::vector<std::string> declaredCellular = {})
+      : declaredCellular_(std::move(declaredCellular)) {}
+
+  [[nodiscard]] ZavloInterfaceType classify(const ZavloLinuxLinkFacts& facts) const;
+  /// Adds what sysfs knows (DEVTYPE, wireless PHY) to facts read elsewhere.
+  static void addSysfsFacts(ZavloLinuxLinkFacts& facts);
+  /// Every interface of the calling thread's network namespace, in index order.
+  [[nodiscard]] std::vector<ZavloLinuxInterface> listInterfaces() const;
+
+  [[nodiscard]] const std::vector<std::string>& declaredCellular() const noexcept { return declaredCellular_; }
+
+ private:
+  std::vector<std::string> declaredCellular_;
+};
