@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+/// Global options of zavlo-auth, parsed before any command runs.
+struct ZavloCliOptions {
+  std::string environment = "production";
+  std::optional<std::string> telemetryEndpoint;
+  std::vector<std::string> cellularInterfaces;
+  std::optional<std::string> keystore;
+  std::string ownerAuth = "pam";
+  bool verbose = false;
+};
+
+/// What a command shares with the host: the options and the exit status it sets.
+struct ZavloCliContext {
+  ZavloCliOptions options;
+  int exitStatus = 0;
+
+  /// Prints one completion as a line of compact JSON and records the exit status it
+  /// implies: 0 for a dictionary whose "status" is "SUCCESS", 1 otherwise.
+  void printCompletion(const nlohmann::json& dictionary);
+  /// One diagnostic line on standard error, shown only with -v.
+  void trace(const std::string& line) const;
+};
+
+/// Each command registers itself on the app; its callback runs after parsing.
+using ZavloCliCommand = std::function<void(CLI::App& app, ZavloCliContext& context)>;
+
+void addCapabilitiesCommand(CLI::App& app, ZavloCliContext& context);
