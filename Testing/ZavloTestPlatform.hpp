@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/ZavloPlatform.hpp"
+#include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
 
 /// Device facts a test sets as it likes.
@@ -45,8 +46,11 @@ class ZavloTestPlatform final : public ZavloPlatform {
     return scheduler_->makeQueue(label);
   }
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
+  std::shared_ptr<ZavloPathMonitor> makePathMonitor() override { return pathMonitors_.makeMonitor(); }
 
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
+  /// The scripted network path that every monitor of this platform reports.
+  ZavloTestPathMonitorController& pathMonitors() { return pathMonitors_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
   std::size_t runUntilIdle() { return scheduler_->runUntilIdle(); }
   std::size_t advanceBy(ZavloQueue::Duration delta) { return scheduler_->advanceBy(delta); }
@@ -55,4 +59,5 @@ class ZavloTestPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloTestScheduler> scheduler_;
   std::shared_ptr<ZavloQueue> mainQueue_;
   ZavloTestDeviceInfo deviceInfo_;
+  ZavloTestPathMonitorController pathMonitors_;
 };

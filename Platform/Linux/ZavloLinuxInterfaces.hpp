@@ -22,7 +22,8 @@ struct ZavloLinuxInterface {
   ZavloInterfaceType type = ZavloInterfaceType::other;
   bool up = false;  ///< administratively up and running
   bool hasUsableIPv4 = false;
-  bool hasUsableIPv6 = false;  ///< a non-link-local IPv6 address
+  bool hasUsableIPv6 = false;    ///< a non-link-local IPv6 address
+  bool hasDefaultRoute = false;  ///< known only to the path monitor, which reads routes
   [[nodiscard]] bool usable() const noexcept { return up && (hasUsableIPv4 || hasUsableIPv6); }
 };
 

@@ -1,8 +1,14 @@
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 
+#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
+
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : deviceInfo_(std::move(options.hostApplicationVersion)), classifier_(std::move(options.cellularInterfaces)) {}
 
 std::shared_ptr<ZavloQueue> ZavloLinuxPlatform::makeSerialQueue(const std::string& label) {
   return std::make_shared<ZavloLinuxSerialQueue>(label);
+}
+
+std::shared_ptr<ZavloPathMonitor> ZavloLinuxPlatform::makePathMonitor() {
+  return std::make_shared<ZavloLinuxPathMonitor>(classifier_);
 }

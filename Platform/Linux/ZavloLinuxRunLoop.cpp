@@ -24,21 +24,19 @@ struct ZavloLinuxRunLoop::Timer final : ZavloTimer {
 
 ZavloLinuxRunLoop::~ZavloLinuxRunLoop() = default;
 
+// Notifying under the lock: once the loop may see the work, the poster no longer touches
+// the loop, which its owner may destroy as soon as that work has run.
 void ZavloLinuxRunLoop::post(Work work) {
-  {
-    std::lock_guard lock(mutex_);
-    ready_.push_back(std::move(work));
-  }
+  std::lock_guard lock(mutex_);
+  ready_.push_back(std::move(work));
   wake_.notify_one();
 }
 
 std::shared_ptr<ZavloTimer> ZavloLinuxRunLoop::postAfter(Duration delay, Work work) {
   auto timer = std::make_shared<Timer>();
   timer->work = std::move(work);
-  {
-    std::lock_guard lock(mutex_);
-    timers_.push({std::chrono::steady_clock::now() + std::max(delay, Duration::zero()), sequence_++, timer});
-  }
+  std::lock_guard lock(mutex_);
+  timers_.push({std::chrono::steady_clock::now() + std::max(delay, Duration::zero()), sequence_++, timer});
   wake_.notify_one();
   return timer;
 }
@@ -52,10 +50,8 @@ bool ZavloLinuxRunLoop::runUntil(const std::function<bool()>& done, Duration tim
 }
 
 void ZavloLinuxRunLoop::stop() {
-  {
-    std::lock_guard lock(mutex_);
-    stopRequested_ = true;
-  }
+  std::lock_guard lock(mutex_);
+  stopRequested_ = true;
   wake_.notify_all();
 }
 

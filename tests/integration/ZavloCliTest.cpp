@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 #include "ZavloProcess.hpp"
 
 namespace {
@@ -30,4 +32,35 @@ TEST(ZavloCli, UsageErrorsExitWithTwoAndPrintNothingOnStandardOutput) {
     EXPECT_TRUE(run.standardOutput.empty()) << run.standardOutput;
     EXPECT_FALSE(run.standardError.empty());
   }
+}
+
+TEST(ZavloCli, InterfacesListsADeclaredCellularInterfaceAndPassesThePreflight) {
+  const auto run = zavloAuth({"--cellular-interface", "lo", "interfaces"});
+  EXPECT_EQ(run.exitStatus, 0) << run.standardOutput << run.standardError;
+  ASSERT_EQ(std::count(run.standardOutput.begin(), run.standardOutput.end(), '\n'), 1) << run.standardOutput;
+  const auto dictionary = nlohmann::json::parse(run.standardOutput);
+  EXPECT_EQ(dictionary.at("status"), "SUCCESS");
+  const auto& interfaces = dictionary.at("interfaces");
+  const auto lo =
+      std::find_if(interfaces.begin(), interfaces.end(), [](const auto& i) { return i.at("name") == "lo"; });
+  ASSERT_NE(lo, interfaces.end()) << run.standardOutput;
+  EXPECT_EQ(lo->at("type"), "cellular");
+  EXPECT_EQ(lo->at("up"), true);
+  const auto& available = dictionary.at("path").at("availableInterfaces");
+  EXPECT_NE(std::find(available.begin(), available.end(), nlohmann::json{{"name", "lo"}, {"type", "cellular"}}),
+            available.end());
+}
+
+TEST(ZavloCli, InterfacesWithoutACellularInterfaceFailsWithTheMappedError) {
+  const auto run = zavloAuth({"interfaces"});
+  const auto dictionary = nlohmann::json::parse(run.standardOutput);
+  const auto& available = dictionary.at("path").at("availableInterfaces");
+  if (std::any_of(available.begin(), available.end(), [](const auto& i) { return i.at("type") == "cellular"; })) {
+    GTEST_SKIP() << "this machine has a cellular interface: " << run.standardOutput;
+  }
+  EXPECT_EQ(run.exitStatus, 1) << run.standardError;
+  EXPECT_EQ(dictionary.at("status"), "FAILURE");
+  EXPECT_EQ(dictionary.at("errorCode"), "SNA_CELLULAR_UNAVAILABLE");
+  EXPECT_EQ(dictionary.at("errorMessage"), "No cellular network available. Please ensure cellular data is enabled.");
+  EXPECT_TRUE(dictionary.at("interfaces").is_array());
 }

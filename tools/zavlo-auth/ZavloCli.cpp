@@ -1,6 +1,7 @@
 #include "ZavloCli.hpp"
 
 #include <iostream>
+#include <memory>
 
 void ZavloCliContext::printCompletion(const nlohmann::json& dictionary) {
   // Replacement keeps a line printable even if a server sent bytes that are not UTF-8.
@@ -11,4 +12,18 @@ void ZavloCliContext::printCompletion(const nlohmann::json& dictionary) {
 
 void ZavloCliContext::trace(const std::string& line) const {
   if (options.verbose) std::cerr << line << '\n' << std::flush;
+}
+
+ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
+  // Never destroyed: queues and shared objects may still refer to it while the process exits.
+  static auto* const platform = [&options] {
+    ZavloLinuxPlatform::Options platformOptions;
+    platformOptions.cellularInterfaces = options.cellularInterfaces;
+    auto made = std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions));
+    if (!ZavloPlatform::install(made)) {
+      std::cerr << "zavlo-auth: the process-wide platform was in use before the options were applied\n";
+    }
+    return new std::shared_ptr<ZavloLinuxPlatform>(std::move(made));
+  }();
+  return **platform;
 }

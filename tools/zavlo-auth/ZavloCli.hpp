@@ -8,6 +8,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "Platform/Linux/ZavloLinuxPlatform.hpp"
+
 /// Global options of zavlo-auth, parsed before any command runs.
 struct ZavloCliOptions {
   std::string environment = "production";
@@ -30,7 +32,12 @@ struct ZavloCliContext {
   void trace(const std::string& line) const;
 };
 
+/// The Linux platform built from the global options (the declared cellular interfaces),
+/// installed as the process-wide platform on the first call; later calls return it.
+ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options);
+
 /// Each command registers itself on the app; its callback runs after parsing.
 using ZavloCliCommand = std::function<void(CLI::App& app, ZavloCliContext& context)>;
 
 void addCapabilitiesCommand(CLI::App& app, ZavloCliContext& context);
+void addInterfacesCommand(CLI::App& app, ZavloCliContext& context);

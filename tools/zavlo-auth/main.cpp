@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
 
   const ZavloCliCommand commands[] = {
       addCapabilitiesCommand,
+      addInterfacesCommand,
   };
   for (const auto& add : commands) add(app, context);
 
