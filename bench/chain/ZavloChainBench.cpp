@@ -1,0 +1,258 @@
+// Per-hop cost of a redirect chain of fresh connections ("Connection: close", one read per hop):
+// the floor (raw sockets, raw OpenSSL), curl, and the library's chain once it is wired in;
+// on loopback, and over a link with 25 ms of delay each way between two network namespaces.
+//
+// A chain of N hops is N requests: N - 1 redirects, then the 200 with the token. per_hop is the
+// wall time of a chain divided by N.
+
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "ZavloChainFloor.hpp"
+#include "ZavloChainServer.hpp"
+#include "ZavloDelayRelay.hpp"
+#include "ZavloLibraryChain.hpp"
+
+namespace {
+
+constexpr std::array<int, 3> kHops{1, 5, 20};
+constexpr unsigned kDelayedHops = 5;
+
+// Everything the benchmarks share; built once in main, before any benchmark runs.
+struct Setup {
+  std::unique_ptr<ZavloChainServer> relative;
+  std::unique_ptr<ZavloChainServer> absolute;
+  std::unique_ptr<ZavloChainServer> tls;
+  std::string curl;
+  std::string caFile;  // the TLS server's CA, for curl
+  std::unique_ptr<ZavloDelayedLink> link;
+  std::unique_ptr<ZavloChainServer> delayed;  // listens inside the link's server namespace
+};
+Setup* gSetup = nullptr;
+
+void reportPerHop(benchmark::State& state, unsigned hops) {
+  state.counters["per_hop"] = benchmark::Counter(static_cast<double>(state.iterations()) * hops,
+                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+template <class Chain>
+void runChains(benchmark::State& state, unsigned hops, Chain&& chain) {
+  try {
+    for (auto _ : state) {
+      const std::string problem = chain();
+      if (!problem.empty()) {
+        state.SkipWithError(problem.c_str());
+        return;
+      }
+    }
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+    return;
+  }
+  reportPerHop(state, hops);
+}
+
+void floorChain(benchmark::State& state, ZavloChainServer& server, ZavloChainFloorClient::Options options) {
+  const auto hops = static_cast<unsigned>(state.range(0));
+  const auto url = server.chainUrl(hops);
+  ZavloChainFloorClient client(std::move(options));
+  runChains(state, hops, [&] {
+    const auto made = client.runChain(url);
+    return made == hops ? std::string() : "the chain took " + std::to_string(made) + " hops";
+  });
+  if (client.handshakes() > 0) {
+    state.counters["resumed"] = static_cast<double>(client.resumedHandshakes()) / client.handshakes();
+  }
+}
+
+void curlChain(benchmark::State& state, ZavloChainServer& server, const std::string& caFile) {
+  if (gSetup->curl.empty()) {
+    state.SkipWithError("curl: not found on PATH");
+    return;
+  }
+  const auto hops = static_cast<unsigned>(state.range(0));
+  const auto url = server.chainUrl(hops);
+  runChains(state, hops, [&] { return zavloRunCurlChain(gSetup->curl, url, caFile, server.token()); });
+}
+
+void libraryChain(benchmark::State& state, ZavloChainServer& server, const ZavloLibraryChainContext& context) {
+  const auto runner = zavloMakeLibraryChainRunner(context);
+  if (!runner) {
+    state.SkipWithError("library: not wired");
+    return;
+  }
+  const auto hops = static_cast<unsigned>(state.range(0));
+  const auto url = server.chainUrl(hops);
+  runChains(state, hops, [&] { return runner(url) ? std::string() : "the library's chain failed"; });
+}
+
+// Over the delayed link every hop pays two round trips (SYN/SYN-ACK, request/answer): its
+// physical floor is four one-way delays.
+template <class Chain>
+void delayedChain(benchmark::State& state, Chain&& chain) {
+  auto& link = *gSetup->link;
+  std::optional<ZavloNetworkNamespace::Entered> inside;
+  try {
+    inside.emplace(link.clientSide().enter());
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+    return;
+  }
+  const auto started = std::chrono::steady_clock::now();
+  chain(state);
+  const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - started;
+  if (state.error_occurred() || state.iterations() == 0) return;
+  const double perHop = elapsed.count() / (static_cast<double>(state.iterations()) * state.range(0));
+  const double floor = 4.0 * std::chrono::duration<double, std::milli>(link.oneWayDelay()).count();
+  state.counters["per_hop_ms"] = perHop;
+  state.counters["floor_ms"] = floor;
+  state.counters["over_floor_ms"] = perHop - floor;
+}
+
+void registerLoopback(Setup& setup) {
+  const auto hops = [](benchmark::internal::Benchmark* b) {
+    b->ArgName("hops")->UseRealTime()->Unit(benchmark::kMicrosecond);
+    for (const int n : kHops) b->Arg(n);
+  };
+  benchmark::RegisterBenchmark("floor/http/relative", [&](benchmark::State& s) {
+    floorChain(s, *setup.relative, {});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("floor/http/absolute", [&](benchmark::State& s) {
+    floorChain(s, *setup.absolute, {});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("curl/http", [&](benchmark::State& s) {
+    curlChain(s, *setup.relative, "");
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("library/http", [&](benchmark::State& s) {
+    libraryChain(s, *setup.relative, {"", "lo"});
+  })->Apply(hops);
+
+  const auto pem = setup.tls->trustAnchorPem();
+  benchmark::RegisterBenchmark("floor/tls/full-handshake", [&setup, pem](benchmark::State& s) {
+    floorChain(s, *setup.tls, {true, false, pem});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("floor/tls/resumed", [&setup, pem](benchmark::State& s) {
+    floorChain(s, *setup.tls, {true, true, pem});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("curl/tls", [&](benchmark::State& s) {
+    curlChain(s, *setup.tls, setup.caFile);
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("library/tls", [&setup, pem](benchmark::State& s) {
+    libraryChain(s, *setup.tls, {pem, "lo"});
+  })->Apply(hops);
+}
+
+void registerDelayed(Setup& setup) {
+  const auto delayed = [](benchmark::internal::Benchmark* b) {
+    b->ArgName("hops")->Arg(kDelayedHops)->UseRealTime()->Unit(benchmark::kMillisecond);
+  };
+  benchmark::RegisterBenchmark("delayed/floor/http",
+                               [&](benchmark::State& s) {
+                                 delayedChain(s,
+                                              [&](benchmark::State& state) { floorChain(state, *setup.delayed, {}); });
+                               })
+      ->Apply(delayed)
+      ->Iterations(6);
+  benchmark::RegisterBenchmark("delayed/curl/http",
+                               [&](benchmark::State& s) {
+                                 delayedChain(s,
+                                              [&](benchmark::State& state) { curlChain(state, *setup.delayed, ""); });
+                               })
+      ->Apply(delayed)
+      ->Iterations(4);
+  benchmark::RegisterBenchmark("delayed/library/http",
+                               [&](benchmark::State& s) {
+                                 delayedChain(s, [&](benchmark::State& state) {
+                                   libraryChain(state, *setup.delayed, {"", setup.link->interfaceName()});
+                                 });
+                               })
+      ->Apply(delayed)
+      ->Iterations(4);
+}
+
+// The delayed link needs namespaces and TUN devices, hence root; without them the rest still runs.
+void setUpDelayedLink(Setup& setup) {
+  if (geteuid() != 0) {
+    std::cout << "delayed link: skipped (needs root to create network namespaces)\n";
+    return;
+  }
+  try {
+    setup.link = std::make_unique<ZavloDelayedLink>();
+    const auto address = setup.link->serverAddress();
+    setup.delayed = setup.link->serverSide().run([&] {
+      ZavloChainServerOptions options;
+      options.bindAddress = address;
+      return std::make_unique<ZavloChainServer>(options);
+    });
+    std::cout << "delayed link: " << setup.link->oneWayDelay().count() / 1000 << " ms each way, "
+              << setup.link->clientSide().name() << " (" << setup.link->clientAddress() << ") -> "
+              << setup.link->serverSide().name() << " (" << setup.link->serverAddress() << "), device "
+              << setup.link->interfaceName() << "; physical floor per hop = 4 x one-way delay\n";
+  } catch (const std::exception& error) {
+    setup.delayed.reset();
+    setup.link.reset();
+    std::cout << "delayed link: skipped (" << error.what() << ")\n";
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A server that closes first must fail a write with EPIPE, not end the benchmark.
+  signal(SIGPIPE, SIG_IGN);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+
+  Setup setup;
+  gSetup = &setup;
+  setup.relative = std::make_unique<ZavloChainServer>();
+  ZavloChainServerOptions absolute;
+  absolute.absoluteLocation = true;
+  setup.absolute = std::make_unique<ZavloChainServer>(absolute);
+  ZavloChainServerOptions tls;
+  tls.tls = true;
+  setup.tls = std::make_unique<ZavloChainServer>(tls);
+
+  char caTemplate[] = "/tmp/zavlo-chain-ca-XXXXXX";
+  const int caFd = mkstemp(caTemplate);
+  if (caFd >= 0) {
+    close(caFd);
+    setup.caFile = caTemplate;
+    std::ofstream(setup.caFile) << setup.tls->trustAnchorPem();
+  }
+  setup.curl = zavloFindCurl();
+
+  std::cout << "chain: a chain of N hops is N requests (N - 1 redirects, then the token); "
+               "per_hop = wall time per chain / N\n"
+            << "curl: " << (setup.curl.empty() ? "not found" : setup.curl)
+            << " (curl/*/hops:1 is curl's single-request time, process start included)\n";
+  if (!zavloMakeLibraryChainRunner({"", "lo"})) {
+    std::cout << "library: not wired (bench/chain/ZavloLibraryChain.cpp)\n";
+  }
+  setUpDelayedLink(setup);
+  std::cout << std::flush;
+
+  registerLoopback(setup);
+  if (setup.delayed) registerDelayed(setup);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+
+  if (setup.link) {
+    const auto statistics = setup.link->statistics();
+    std::cout << "delayed link relay: " << statistics.forwardedAToB << " packets client->server, "
+              << statistics.forwardedBToA << " server->client, " << statistics.dropped << " dropped\n";
+  }
+  if (!setup.caFile.empty()) std::remove(setup.caFile.c_str());
+  return 0;
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <sys/socket.h>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+struct ssl_ctx_st;
+struct ssl_session_st;
+
+/// The least work a client can do per hop of a redirect chain: connect, write the library's
+/// request text, make one read of at most 65536 bytes, close; then follow the Location. Blocking
+/// sockets, no URL library: only what a chain from ZavloChainServer needs. Benchmark code.
+class ZavloChainFloorClient {
+ public:
+  struct Options {
+    bool tls = false;
+    bool resumeSessions = false;  ///< offer the last hop's TLS session to the next hop
+    std::string trustAnchorPem;   ///< the CA the TLS server certificate must chain to
+  };
+
+  explicit ZavloChainFloorClient(Options options);
+  ~ZavloChainFloorClient();
+  ZavloChainFloorClient(const ZavloChainFloorClient&) = delete;
+  ZavloChainFloorClient& operator=(const ZavloChainFloorClient&) = delete;
+
+  /// Follows the chain from url until it answers 200 with a token; returns the number of requests
+  /// made. Throws std::runtime_error naming the hop and what went wrong.
+  unsigned runChain(const std::string& url);
+
+  [[nodiscard]] std::uint64_t handshakes() const noexcept { return handshakes_; }
+  [[nodiscard]] std::uint64_t resumedHandshakes() const noexcept { return resumed_; }
+
+ private:
+  struct Address {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+  };
+  int connectTo(const std::string& host, std::uint16_t port);
+  std::string exchange(int fd, const std::string& host, const std::string& request);
+
+  Options options_;
+  ssl_ctx_st* context_ = nullptr;
+  ssl_session_st* session_ = nullptr;
+  std::map<std::string, Address> addresses_;  // "host:port" -> the address that connected
+  std::uint64_t handshakes_ = 0;
+  std::uint64_t resumed_ = 0;
+};
+
+/// The curl binary on PATH, or empty.
+std::string zavloFindCurl();
+
+/// Runs `curl -q -s -L -H 'Connection: close' --max-time 30 [--cacert caFile] url` in the calling
+/// thread's network namespace. Returns an empty string when curl exited 0 and printed `expected`,
+/// otherwise what went wrong.
+std::string zavloRunCurlChain(const std::string& curl, const std::string& url, const std::string& caFile,
+                              const std::string& expected);
