@@ -5,11 +5,16 @@
 #include <net/if_arp.h>
 #include <netinet/in.h>
 #include <netpacket/packet.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
 
 namespace {
 
@@ -18,6 +23,18 @@ bool startsWith(const std::string& text, std::string_view prefix) { return text.
 bool exists(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0;
+}
+
+std::optional<unsigned> linkTypeOf(const std::string& name) {
+  if (name.size() >= IFNAMSIZ) return std::nullopt;
+  const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return std::nullopt;
+  ifreq request{};
+  std::memcpy(request.ifr_name, name.c_str(), name.size() + 1);
+  const bool known = ::ioctl(probe, SIOCGIFHWADDR, &request) == 0;
+  ::close(probe);
+  if (!known) return std::nullopt;
+  return static_cast<unsigned>(request.ifr_hwaddr.sa_family);
 }
 
 }  // namespace
@@ -59,6 +76,7 @@ std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces()
   if (::getifaddrs(&list) != 0) return {};
   std::map<std::string, ZavloLinuxLinkFacts> facts;
   std::map<std::string, ZavloLinuxInterface> interfaces;
+  std::set<std::string> withLinkType;
   for (auto* entry = list; entry != nullptr; entry = entry->ifa_next) {
     if (entry->ifa_name == nullptr) continue;
     const std::string name = entry->ifa_name;
@@ -72,6 +90,7 @@ std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces()
       case AF_PACKET: {
         const auto* link = reinterpret_cast<const sockaddr_ll*>(entry->ifa_addr);
         fact.arpType = link->sll_hatype;
+        withLinkType.insert(name);
         interface.index = static_cast<unsigned>(link->sll_ifindex);
         break;
       }
@@ -92,6 +111,9 @@ std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces()
   std::vector<ZavloLinuxInterface> result;
   for (auto& [name, interface] : interfaces) {
     auto& fact = facts[name];
+    // Links without a hardware address (TUN, raw-IP modems) get no packet entry from
+    // getifaddrs; the device's hardware address family still names its link type.
+    if (withLinkType.count(name) == 0) fact.arpType = linkTypeOf(name).value_or(fact.arpType);
     addSysfsFacts(fact);
     if (interface.index == 0) interface.index = ::if_nametoindex(name.c_str());
     interface.type = classify(fact);

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "ZavloNetworkNamespace.hpp"
 
 TEST(ZavloLinuxInterfaceClassifier, ClassifiesModemWirelessLoopbackAndEthernetLinks) {
   const ZavloLinuxInterfaceClassifier classifier({"eth7"});
@@ -35,4 +36,20 @@ TEST(ZavloLinuxInterfaceClassifier, ListsTheLoopbackOfThisMachine) {
   const auto lo = std::find_if(declared.begin(), declared.end(), [](const auto& i) { return i.name == "lo"; });
   ASSERT_NE(lo, declared.end());
   EXPECT_EQ(lo->type, ZavloInterfaceType::cellular);
+}
+
+TEST(ZavloLinuxInterfaceClassifier, SeesATunLinkAsTheModemItStandsFor) {
+  std::string whyNot;
+  auto ns = ZavloNetworkNamespace::create(whyNot, "classify");
+  if (!ns) GTEST_SKIP() << "no network namespace: " << whyNot;
+  ZavloTunDevice modem(*ns, "zmodem0");
+  ns->ip({"link", "set", "zmodem0", "up"});
+  ns->ip({"address", "add", "10.204.0.1/32", "dev", "zmodem0"});
+  std::vector<ZavloLinuxInterface> interfaces;
+  ns->runInside([&] { interfaces = ZavloLinuxInterfaceClassifier().listInterfaces(); });
+  const auto tun =
+      std::find_if(interfaces.begin(), interfaces.end(), [](const auto& i) { return i.name == "zmodem0"; });
+  ASSERT_NE(tun, interfaces.end());
+  EXPECT_EQ(tun->type, ZavloInterfaceType::cellular);
+  EXPECT_TRUE(tun->usable());
 }
