@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Platform/ZavloDeviceInfo.hpp"
+#include "Platform/ZavloHttpSession.hpp"
 #include "Platform/ZavloQueue.hpp"
 
 /// Every system service the library reaches, behind one injectable object. Managers take
@@ -24,6 +25,8 @@ class ZavloPlatform {
   /// A new private serial queue that runs work asynchronously.
   virtual std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) = 0;
   virtual const ZavloDeviceInfo& deviceInfo() = 0;
+  /// A new HTTP session with these limits (the telemetry transport).
+  virtual std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) = 0;
 
   /// The process-wide platform: the one installed, or the Linux platform on first use.
   static ZavloPlatform& current();

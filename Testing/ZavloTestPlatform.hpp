@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/ZavloPlatform.hpp"
+#include "Testing/ZavloTestHttp.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
 
 /// Device facts a test sets as it likes.
@@ -45,9 +46,14 @@ class ZavloTestPlatform final : public ZavloPlatform {
     return scheduler_->makeQueue(label);
   }
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
+  std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override {
+    return http_.makeSession(configuration);
+  }
 
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
+  /// Every request of every HTTP session made by this platform, answered by the test.
+  ZavloTestHttp& http() { return http_; }
   std::size_t runUntilIdle() { return scheduler_->runUntilIdle(); }
   std::size_t advanceBy(ZavloQueue::Duration delta) { return scheduler_->advanceBy(delta); }
 
@@ -55,4 +61,5 @@ class ZavloTestPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloTestScheduler> scheduler_;
   std::shared_ptr<ZavloQueue> mainQueue_;
   ZavloTestDeviceInfo deviceInfo_;
+  ZavloTestHttp http_{scheduler_};
 };

@@ -25,6 +25,7 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   ZavloQueue& mainQueue() override { return runLoop_; }
   std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override;
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
+  std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override;
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
