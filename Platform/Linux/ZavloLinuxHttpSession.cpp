@@ -166,7 +166,7 @@ struct ZavloLinuxHttpSession::Transfer {
   }
 
   ZavloHttpTaskOutcome outcome(CURLcode result) {
-    if (result == CURLE_WEIRD_SERVER_REPLY) return {};  // something answered, but not HTTP
+    if (answeredButNotHttp(result)) return {};
     if (result != CURLE_OK) {
       if (tooLarge) return ZavloHttpTaskOutcome::failure(Code::other, "The response is too large.");
       return {transportError(result, errorBuffer), std::nullopt, std::nullopt};
@@ -178,6 +178,16 @@ struct ZavloLinuxHttpSession::Transfer {
     }
     if (!received.empty()) outcome.data = std::move(received);
     return outcome;
+  }
+
+  // A peer that answered with something other than HTTP: a malformed reply, or a status
+  // line libcurl cannot read (reported as an unsupported protocol, but only after a
+  // connection was made, which an unsupported scheme never gets to).
+  bool answeredButNotHttp(CURLcode result) const {
+    if (result == CURLE_WEIRD_SERVER_REPLY) return true;
+    if (result != CURLE_UNSUPPORTED_PROTOCOL) return false;
+    long connects = 0;
+    return curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK && connects > 0;
   }
 
   bool append(const std::string& line) {
