@@ -40,5 +40,6 @@ int main(int argc, char** argv) {
     app.exit(error);
     return kExitUsage;
   }
+  context.finishTelemetry();
   return context.exitStatus;
 }
