@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <stdexcept>
 
@@ -65,6 +66,7 @@ ZavloHttpTransportError transportError(CURLcode result, const char* detail) {
 struct Task {
   ZavloHttpRequest request;
   ZavloHttpSession::Completion completion;
+  std::chrono::steady_clock::time_point submitted;
 };
 
 }  // namespace
@@ -230,7 +232,7 @@ void ZavloLinuxHttpSession::post(ZavloHttpRequest request, Completion completion
   {
     std::lock_guard lock(shared_->mutex);
     if (!shared_->invalidated) {
-      shared_->submitted.push_back({std::move(request), std::move(completion)});
+      shared_->submitted.push_back({std::move(request), std::move(completion), std::chrono::steady_clock::now()});
       ++shared_->outstanding;
       curl_multi_wakeup(shared_->multi);
       return;
@@ -280,20 +282,29 @@ void ZavloLinuxHttpSession::run(const std::shared_ptr<Shared>& shared) {
     return ZavloHttpTaskOutcome::failure(Code::cancelled, std::string(zavloDescribe(Code::cancelled)));
   };
 
+  // Tasks beyond the transfers libcurl is given at once wait here: libcurl walks every
+  // handle it holds on each step, so thousands of queued posts would slow every step.
+  std::deque<Task> waiting;
   for (;;) {
-    std::deque<Task> fresh;
     bool stop = false;
     {
       std::lock_guard lock(shared->mutex);
-      fresh.swap(shared->submitted);
+      std::move(shared->submitted.begin(), shared->submitted.end(), std::back_inserter(waiting));
+      shared->submitted.clear();
       stop = shared->invalidated;
     }
-    if (stop) {
-      for (auto& task : fresh) shared->finish(task.completion, cancelled());
-      break;
+    if (stop) break;
+    // The whole-transfer limit runs from the post, also for a task still waiting its turn.
+    const auto now = std::chrono::steady_clock::now();
+    while (!waiting.empty() && now - waiting.front().submitted >= shared->configuration.resourceTimeout) {
+      auto completion = std::move(waiting.front().completion);
+      waiting.pop_front();
+      shared->finish(completion, ZavloHttpTaskOutcome::failure(
+                                     Code::timedOut, std::string(zavloDescribe(Code::timedOut)) + " (while queued)"));
     }
-    for (auto& task : fresh) {
-      auto transfer = std::make_unique<Transfer>(multi, std::move(task));
+    while (!waiting.empty() && active.size() < kMaximumActiveTransfers) {
+      auto transfer = std::make_unique<Transfer>(multi, std::move(waiting.front()));
+      waiting.pop_front();
       CURLcode prepared = transfer->prepare(shared->configuration);
       if (prepared == CURLE_OK && curl_multi_add_handle(multi, transfer->easy) != CURLM_OK) {
         prepared = CURLE_OUT_OF_MEMORY;
@@ -313,6 +324,7 @@ void ZavloLinuxHttpSession::run(const std::shared_ptr<Shared>& shared) {
     int running = 0;
     curl_multi_perform(multi, &running);
     int queued = 0;
+    bool finished = false;
     while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
       if (message->msg != CURLMSG_DONE) continue;
       const auto found = active.find(message->easy_handle);
@@ -321,10 +333,14 @@ void ZavloLinuxHttpSession::run(const std::shared_ptr<Shared>& shared) {
       auto completion = std::move(found->second->completion);
       active.erase(found);  // handles are freed before anyone hears of the outcome
       shared->finish(completion, std::move(outcome));
+      finished = true;
     }
+    if (finished && !waiting.empty()) continue;  // a slot is free: start the next task now
     curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
   }
 
+  // Nothing is submitted once the session is invalid, so these are all that is left.
+  for (auto& task : waiting) shared->finish(task.completion, cancelled());
   while (!active.empty()) {
     auto completion = std::move(active.begin()->second->completion);
     active.erase(active.begin());

@@ -28,6 +28,8 @@ class ZavloLinuxHttpSession final : public ZavloHttpSession {
 
   /// Largest response body kept; a longer one fails the task rather than exhaust memory.
   static constexpr std::size_t kMaximumResponseSize = 8 * 1024 * 1024;
+  /// Transfers handed to libcurl at once; later tasks wait in order.
+  static constexpr std::size_t kMaximumActiveTransfers = 64;
 
  private:
   struct Shared;

@@ -154,6 +154,21 @@ TEST(ZavloLinuxHttpSession, ReportsTransportFailuresAsTypedErrors) {
   }
 }
 
+TEST(ZavloLinuxHttpSession, TasksQueuedBehindBusyConnectionsStillTimeOutOnTime) {
+  ZavloHttpTestServer silent(ZavloHttpTestServer::neverAnswer());
+  ZavloHttpSessionConfiguration configuration;
+  configuration.resourceTimeout = 1s;
+  ZavloLinuxHttpSession session(configuration);
+  Inbox<ZavloHttpTaskOutcome> outcomes;
+  const std::size_t count = ZavloLinuxHttpSession::kMaximumActiveTransfers + 16;
+  const auto started = std::chrono::steady_clock::now();
+  for (std::size_t i = 0; i < count; ++i) session.post(post(silent.url("/")), outcomes.collect());
+  ASSERT_TRUE(outcomes.waitFor(count, 20s));
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+  for (std::size_t i = 0; i < count; ++i) EXPECT_EQ(outcomes.at(i).error->code, Code::timedOut) << i;
+  EXPECT_LE(silent.connectionCount(), 6U) << "at most six connections per host";
+}
+
 TEST(ZavloLinuxHttpSession, MayBeDestroyedFromItsOwnCompletion) {
   ZavloHttpTestServer server;
   auto session = std::make_shared<ZavloLinuxHttpSession>(ZavloHttpSessionConfiguration{});
@@ -264,7 +279,8 @@ TEST_F(ZavloTelemetryIntegration, ASilentCollectorDelaysNobodyAndCleanupCancelsI
   logManager->cleanup();
   ASSERT_EQ(results.size(), 20U) << "every cancelled post is reported during cleanup";
   for (std::size_t i = 0; i < 20; ++i) {
-    const auto* network = results.at(i).error().template as<ZavloAuthHttpError::NetworkError>();
+    const auto result = results.at(i);
+    const auto* network = result.error().template as<ZavloAuthHttpError::NetworkError>();
     ASSERT_NE(network, nullptr);
     EXPECT_EQ(network->error.code, Code::cancelled);
   }
