@@ -282,8 +282,8 @@ void ZavloLinuxHttpSession::run(const std::shared_ptr<Shared>& shared) {
     return ZavloHttpTaskOutcome::failure(Code::cancelled, std::string(zavloDescribe(Code::cancelled)));
   };
 
-  // Tasks beyond the transfers libcurl is given at once wait here: libcurl walks every
-  // handle it holds on each step, so thousands of queued posts would slow every step.
+  // Tasks beyond the transfers that run at once wait here rather than in libcurl, which
+  // walks every handle it holds on each step and is slow to start the ones it parks.
   std::deque<Task> waiting;
   for (;;) {
     bool stop = false;

@@ -8,7 +8,7 @@
 
 /// The HTTP session of the Linux platform: libcurl's multi interface driven by one worker
 /// thread per session. The multi handle keeps a connection cache, so posts to the same
-/// host reuse connections (at most six at a time per host; more tasks wait their turn).
+/// host reuse connections (at most six transfers run at a time; more tasks wait their turn).
 /// HTTPS verifies the peer against the system trust store. libcurl keeps no response
 /// cache, so every request goes to the server.
 ///
@@ -28,8 +28,9 @@ class ZavloLinuxHttpSession final : public ZavloHttpSession {
 
   /// Largest response body kept; a longer one fails the task rather than exhaust memory.
   static constexpr std::size_t kMaximumResponseSize = 8 * 1024 * 1024;
-  /// Transfers handed to libcurl at once; later tasks wait in order.
-  static constexpr std::size_t kMaximumActiveTransfers = 64;
+  /// Transfers run at once, one per connection a host gets; later tasks wait in order on
+  /// the worker (libcurl's own queue of transfers waiting for a connection drains slowly).
+  static constexpr std::size_t kMaximumActiveTransfers = 6;
 
  private:
   struct Shared;
