@@ -253,13 +253,16 @@ void ZavloLinuxHttpSession::invalidateAndCancel() {
       if (shared_->multi != nullptr) curl_multi_wakeup(shared_->multi);
     }
   }
-  std::lock_guard join(joinMutex_);
-  if (!worker_.joinable()) return;
   if (worker_.get_id() == std::this_thread::get_id()) {
-    worker_.detach();  // the worker cancels the rest once this completion returns
-  } else {
-    worker_.join();
+    // From inside a completion: the worker cancels the rest once it returns. Another
+    // thread may be joining it already; if not (this is the last owner letting go),
+    // the worker is left to finish on its own.
+    std::unique_lock join(joinMutex_, std::try_to_lock);
+    if (join.owns_lock() && worker_.joinable()) worker_.detach();
+    return;
   }
+  std::lock_guard join(joinMutex_);
+  if (worker_.joinable()) worker_.join();
 }
 
 bool ZavloLinuxHttpSession::waitForOutstandingTasks(std::chrono::milliseconds timeout) {

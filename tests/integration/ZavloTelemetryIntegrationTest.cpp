@@ -309,6 +309,22 @@ TEST_F(ZavloTelemetryIntegration, AManagerDestroyedWithAPostInFlightNeverCallsIt
   EXPECT_EQ(called, 0);
 }
 
+TEST_F(ZavloTelemetryIntegration, AManagerWhoseLastOwnerIsItsOwnCompletionShutsDownCleanly) {
+  ZavloHttpTestServer collector;
+  std::atomic<bool> called{false};
+  std::weak_ptr<ZavloAuthHTTPManager> weak = http;
+  logManager.reset();
+  auto owner = std::move(http);
+  owner->post(collector.url("/t"), {{"a", 1}}, std::nullopt, [owner, &called](HttpResult) mutable {
+    called = true;
+    owner.reset();  // the last owner lets go here, on the session's worker thread
+  });
+  owner.reset();  // from now on only the pending completion keeps the manager alive
+  for (int i = 0; i < 10000 && !(called && weak.expired()); ++i) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(called);
+  EXPECT_TRUE(weak.expired()) << "destroyed on the session's worker without waiting for itself";
+}
+
 TEST_F(ZavloTelemetryIntegration, BadInputIsRefusedAtOnceAndNothingReachesTheCollector) {
   ZavloHttpTestServer collector;
   std::vector<HttpResult> results;
