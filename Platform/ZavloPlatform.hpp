@@ -5,6 +5,7 @@
 
 #include "Platform/ZavloDeviceInfo.hpp"
 #include "Platform/ZavloPathMonitor.hpp"
+#include "Platform/ZavloHttpSession.hpp"
 #include "Platform/ZavloQueue.hpp"
 
 /// Every system service the library reaches, behind one injectable object. Managers take
@@ -27,6 +28,8 @@ class ZavloPlatform {
   virtual const ZavloDeviceInfo& deviceInfo() = 0;
   /// A new, unstarted monitor of the network path of all interface types.
   virtual std::shared_ptr<ZavloPathMonitor> makePathMonitor() = 0;
+  /// A new HTTP session with these limits (the telemetry transport).
+  virtual std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) = 0;
 
   /// The process-wide platform: the one installed, or the Linux platform on first use.
   static ZavloPlatform& current();

@@ -7,6 +7,7 @@
 
 #include "Platform/ZavloPlatform.hpp"
 #include "Testing/ZavloTestPathMonitor.hpp"
+#include "Testing/ZavloTestHttp.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
 
 /// Device facts a test sets as it likes.
@@ -47,11 +48,16 @@ class ZavloTestPlatform final : public ZavloPlatform {
   }
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override { return pathMonitors_.makeMonitor(); }
+  std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override {
+    return http_.makeSession(configuration);
+  }
 
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
   /// The scripted network path that every monitor of this platform reports.
   ZavloTestPathMonitorController& pathMonitors() { return pathMonitors_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
+  /// Every request of every HTTP session made by this platform, answered by the test.
+  ZavloTestHttp& http() { return http_; }
   std::size_t runUntilIdle() { return scheduler_->runUntilIdle(); }
   std::size_t advanceBy(ZavloQueue::Duration delta) { return scheduler_->advanceBy(delta); }
 
@@ -60,4 +66,5 @@ class ZavloTestPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloQueue> mainQueue_;
   ZavloTestDeviceInfo deviceInfo_;
   ZavloTestPathMonitorController pathMonitors_;
+  ZavloTestHttp http_{scheduler_};
 };

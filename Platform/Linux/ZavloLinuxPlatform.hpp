@@ -26,6 +26,7 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override;
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override;
+  std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override;
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }

@@ -164,6 +164,9 @@ class TalkativePlatform final : public ZavloPlatform {
   ZavloQueue& mainQueue() override { return base.mainQueue(); }
   std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override { return base.makeSerialQueue(label); }
   const ZavloDeviceInfo& deviceInfo() override { return base.deviceInfo(); }
+  std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override {
+    return base.makeHttpSession(configuration);
+  }
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override {
     monitor = std::make_shared<TalkativeMonitor>();
     return monitor;

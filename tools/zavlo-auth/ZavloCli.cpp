@@ -3,6 +3,8 @@
 #include <iostream>
 #include <memory>
 
+#include "ZavloCliTelemetry.hpp"
+
 void ZavloCliContext::printCompletion(const nlohmann::json& dictionary) {
   // Replacement keeps a line printable even if a server sent bytes that are not UTF-8.
   std::cout << dictionary.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n' << std::flush;
@@ -26,4 +28,17 @@ ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
     return new std::shared_ptr<ZavloLinuxPlatform>(std::move(made));
   }();
   return **platform;
+}
+
+std::shared_ptr<ZavloAuthLogManager> ZavloCliContext::telemetry() {
+  if (!logManager_) {
+    zavloCliPlatform(options);  // the shared managers are built on the platform the options ask for
+    logManager_ = ZavloAuthLogManager::shared();
+    zavloConfigureCliTelemetry(*logManager_, options);
+  }
+  return logManager_;
+}
+
+void ZavloCliContext::finishTelemetry() {
+  if (logManager_) zavloFinishCliTelemetry(*logManager_, options);
 }

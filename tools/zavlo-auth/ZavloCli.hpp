@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+class ZavloAuthLogManager;
 
 /// Global options of zavlo-auth, parsed before any command runs.
 struct ZavloCliOptions {
@@ -30,6 +32,15 @@ struct ZavloCliContext {
   void printCompletion(const nlohmann::json& dictionary);
   /// One diagnostic line on standard error, shown only with -v.
   void trace(const std::string& line) const;
+
+  /// The log manager a command sends its events through: the process-wide one, configured
+  /// from the global options on first use.
+  std::shared_ptr<ZavloAuthLogManager> telemetry();
+  /// Called once before exit: waits (at most 3 s) for telemetry still in flight.
+  void finishTelemetry();
+
+ private:
+  std::shared_ptr<ZavloAuthLogManager> logManager_;
 };
 
 /// The Linux platform built from the global options (the declared cellular interfaces),

@@ -41,5 +41,6 @@ int main(int argc, char** argv) {
     app.exit(error);
     return kExitUsage;
   }
+  context.finishTelemetry();
   return context.exitStatus;
 }
