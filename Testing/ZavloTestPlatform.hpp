@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/ZavloPlatform.hpp"
+#include "Testing/ZavloTestConnection.hpp"
 #include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
 
@@ -47,10 +48,16 @@ class ZavloTestPlatform final : public ZavloPlatform {
   }
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override { return pathMonitors_.makeMonitor(); }
+  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                  ZavloConnectionParameters parameters) override {
+    return connections_.make(host, port, std::move(parameters));
+  }
 
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
   /// The scripted network path that every monitor of this platform reports.
   ZavloTestPathMonitorController& pathMonitors() { return pathMonitors_; }
+  /// Every connection made so far, and the scripts later ones follow.
+  ZavloTestConnections& connections() { return connections_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
   std::size_t runUntilIdle() { return scheduler_->runUntilIdle(); }
   std::size_t advanceBy(ZavloQueue::Duration delta) { return scheduler_->advanceBy(delta); }
@@ -60,4 +67,5 @@ class ZavloTestPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloQueue> mainQueue_;
   ZavloTestDeviceInfo deviceInfo_;
   ZavloTestPathMonitorController pathMonitors_;
+  ZavloTestConnections connections_;
 };
