@@ -40,6 +40,8 @@ struct ZavloConnectionParameters {
 struct ZavloConnectionError {
   int code = 0;  ///< errno-style where the system gave one
   std::string localizedDescription;
+
+  friend bool operator==(const ZavloConnectionError&, const ZavloConnectionError&) = default;
 };
 
 /// One outgoing TCP or TLS connection to host:port.
