@@ -356,11 +356,15 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       error = systemError(errno);
     }
     if (error) return attemptFailed(index, error);
-    tcp.set_option(Tcp::no_delay(true), error);  // the request must not wait for an ACK
-    tcp.set_option(asio::socket_base::keep_alive(parameters_.tcp.enableKeepalive), error);
-    if (tls_ && parameters_.tcp.enableFastOpen) {
-      const int enable = 1;  // kernels without it simply connect the usual way
-      ::setsockopt(tcp.native_handle(), IPPROTO_TCP, TCP_FASTOPEN_CONNECT, &enable, sizeof enable);
+    // Each option costs a system call per hop, so only what differs from the defaults.
+    if (parameters_.tcp.enableKeepalive) tcp.set_option(asio::socket_base::keep_alive(true), error);
+    if (tls_) {
+      // The request follows the client's Finished at once; it must not wait for an ACK.
+      tcp.set_option(Tcp::no_delay(true), error);
+      if (parameters_.tcp.enableFastOpen) {
+        const int enable = 1;  // kernels without it simply connect the usual way
+        ::setsockopt(tcp.native_handle(), IPPROTO_TCP, TCP_FASTOPEN_CONNECT, &enable, sizeof enable);
+      }
     }
     // With Fast Open the handshake travels with the first bytes, so the time-out covers
     // the TLS handshake too.
