@@ -40,6 +40,8 @@ struct ZavloConnectionParameters {
 struct ZavloConnectionError {
   int code = 0;  ///< errno-style where the system gave one
   std::string localizedDescription;
+
+  friend bool operator==(const ZavloConnectionError&, const ZavloConnectionError&) = default;
 };
 
 /// One outgoing TCP or TLS connection to host:port.
@@ -47,8 +49,14 @@ struct ZavloConnectionError {
 /// Threading contract: the operations may be called from any thread. Every handler and
 /// completion runs on the queue given to start(), never inline in the call that caused
 /// it. After cancel() the state handler receives `cancelled` once and nothing else;
-/// outstanding send and receive completions are dropped. The connection keeps itself
-/// alive while started and not yet failed or cancelled.
+/// outstanding send and receive completions are dropped (cancel() before start() is
+/// reported once started). The connection keeps itself alive while started and not yet
+/// failed or cancelled.
+///
+/// States: preparing, then ready or failed (or waiting, where a platform waits for a
+/// path). Sends and receives made before ready wait for it; after failed they complete
+/// with the failure. Once ready, errors come only through the send and receive
+/// completions; the state stays ready.
 class ZavloConnection {
  public:
   enum class State { setup, preparing, waiting, ready, failed, cancelled };
@@ -68,7 +76,9 @@ class ZavloConnection {
   /// Sends one complete message; the completion reports when it was handed to the system.
   virtual void send(std::vector<std::uint8_t> content, SendCompletion completion) = 0;
   /// One read of at least minimumIncompleteLength (unless the peer finished or failed)
-  /// and at most maximumLength bytes.
+  /// and at most maximumLength bytes. isComplete: the peer has finished sending (later
+  /// receives get no data and isComplete). A minimum of 0 counts as 1; a maximum of 0
+  /// fails with EINVAL.
   virtual void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength,
                        ReceiveCompletion completion) = 0;
   virtual void cancel() = 0;

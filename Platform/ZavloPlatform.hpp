@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "Platform/ZavloConnection.hpp"
 #include "Platform/ZavloDeviceInfo.hpp"
 #include "Platform/ZavloPathMonitor.hpp"
 #include "Platform/ZavloHttpSession.hpp"
@@ -30,6 +32,9 @@ class ZavloPlatform {
   virtual std::shared_ptr<ZavloPathMonitor> makePathMonitor() = 0;
   /// A new HTTP session with these limits (the telemetry transport).
   virtual std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) = 0;
+  /// A new connection to host:port, not yet started.
+  virtual std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                          ZavloConnectionParameters parameters) = 0;
 
   /// The process-wide platform: the one installed, or the Linux platform on first use.
   static ZavloPlatform& current();

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/ZavloPlatform.hpp"
+#include "Testing/ZavloTestConnection.hpp"
 #include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestHttp.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
@@ -51,10 +52,16 @@ class ZavloTestPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override {
     return http_.makeSession(configuration);
   }
+  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                  ZavloConnectionParameters parameters) override {
+    return connections_.make(host, port, std::move(parameters));
+  }
 
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
   /// The scripted network path that every monitor of this platform reports.
   ZavloTestPathMonitorController& pathMonitors() { return pathMonitors_; }
+  /// Every connection made so far, and the scripts later ones follow.
+  ZavloTestConnections& connections() { return connections_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
   /// Every request of every HTTP session made by this platform, answered by the test.
   ZavloTestHttp& http() { return http_; }
@@ -67,4 +74,5 @@ class ZavloTestPlatform final : public ZavloPlatform {
   ZavloTestDeviceInfo deviceInfo_;
   ZavloTestPathMonitorController pathMonitors_;
   ZavloTestHttp http_{scheduler_};
+  ZavloTestConnections connections_;
 };

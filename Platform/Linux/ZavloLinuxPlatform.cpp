@@ -4,7 +4,9 @@
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
-    : deviceInfo_(std::move(options.hostApplicationVersion)), classifier_(std::move(options.cellularInterfaces)) {}
+    : deviceInfo_(std::move(options.hostApplicationVersion)),
+      classifier_(std::move(options.cellularInterfaces)),
+      connections_(classifier_) {}
 
 std::shared_ptr<ZavloQueue> ZavloLinuxPlatform::makeSerialQueue(const std::string& label) {
   return std::make_shared<ZavloLinuxSerialQueue>(label);

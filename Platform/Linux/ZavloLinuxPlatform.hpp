@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Linux/ZavloLinuxConnection.hpp"
 #include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
@@ -27,6 +28,10 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override;
   std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override;
+  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                  ZavloConnectionParameters parameters) override {
+    return connections_.makeConnection(host, port, std::move(parameters));
+  }
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
@@ -36,4 +41,5 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   ZavloLinuxRunLoop runLoop_;
   ZavloLinuxDeviceInfo deviceInfo_;
   ZavloLinuxInterfaceClassifier classifier_;
+  ZavloLinuxConnectionService connections_;  // last: its I/O thread stops first
 };

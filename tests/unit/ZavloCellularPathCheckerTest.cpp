@@ -171,6 +171,10 @@ class TalkativePlatform final : public ZavloPlatform {
     monitor = std::make_shared<TalkativeMonitor>();
     return monitor;
   }
+  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                  ZavloConnectionParameters parameters) override {
+    return base.makeConnection(host, port, std::move(parameters));
+  }
   ZavloTestPlatform base;
   std::shared_ptr<TalkativeMonitor> monitor;
 };

@@ -1,0 +1,589 @@
+#include "Platform/Linux/ZavloLinuxConnection.hpp"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <asio.hpp>
+#include <asio/ssl.hpp>
+#include <cerrno>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_set>
+
+#include "Platform/Linux/ZavloLinuxTlsContext.hpp"
+
+using Tcp = asio::ip::tcp;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Interfaces rarely change between the hops of one chain; listing them costs a netlink
+// dump and several sysfs reads, so a list this young is reused.
+constexpr auto kInterfaceListLifetime = 1s;
+
+std::string interfaceTypeName(ZavloInterfaceType type) {
+  switch (type) {
+    case ZavloInterfaceType::cellular:
+      return "cellular";
+    case ZavloInterfaceType::wifi:
+      return "Wi-Fi";
+    case ZavloInterfaceType::wiredEthernet:
+      return "wired Ethernet";
+    case ZavloInterfaceType::loopback:
+      return "loopback";
+    case ZavloInterfaceType::other:
+      break;
+  }
+  return "network";
+}
+
+// The one place where system, resolver and TLS errors become connection errors. ssl, when
+// given, tells why a certificate was refused.
+ZavloConnectionError connectionError(const std::error_code& error, const SSL* ssl = nullptr) {
+  if (error.category() == asio::error::get_ssl_category() ||
+      error.category() == asio::ssl::error::get_stream_category()) {
+    const long verifyResult = ssl != nullptr ? SSL_get_verify_result(ssl) : X509_V_OK;
+    if (verifyResult != X509_V_OK) {
+      return {EPROTO, std::string("The server's certificate could not be verified: ") +
+                          X509_verify_cert_error_string(verifyResult)};
+    }
+    if (error == asio::ssl::error::stream_truncated) {
+      return {ECONNRESET, "The server closed the connection during the TLS exchange"};
+    }
+    return {EPROTO, "TLS failed: " + error.message()};
+  }
+  if (error.category() == asio::error::get_netdb_category() ||
+      error.category() == asio::error::get_addrinfo_category()) {
+    return {EHOSTUNREACH, "The host name could not be resolved: " + error.message()};
+  }
+  if (error == asio::error::eof) return {ECONNRESET, "The server closed the connection"};
+  if (error.category() == asio::error::get_misc_category()) return {EIO, error.message()};
+  return {error.value(), error.message()};  // errno values, with strerror's text
+}
+
+std::error_code systemError(int value) { return {value, asio::error::get_system_category()}; }
+
+// An io_context whose services its owner can shut down: handlers still queued when the
+// I/O thread stops are then destroyed at once, releasing the connections they hold,
+// instead of living as long as the last connection keeps the context.
+class ZavloIoContext : public asio::io_context {
+ public:
+  ZavloIoContext() : asio::io_context(1) {}
+  using asio::io_context::shutdown;
+};
+
+}  // namespace
+
+ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
+                                     const ZavloConnectionParameters& parameters, bool ipv6) {
+  const auto& prohibited = parameters.prohibitedInterfaceTypes;
+  if (!parameters.requiredInterfaceType && prohibited.empty()) return {ZavloLinuxBinding::Kind::unbound, {}};
+  for (const auto& interface : interfaces) {
+    if (!interface.up || !(ipv6 ? interface.hasUsableIPv6 : interface.hasUsableIPv4)) continue;
+    if (std::find(prohibited.begin(), prohibited.end(), interface.type) != prohibited.end()) continue;
+    if (parameters.requiredInterfaceType && interface.type != *parameters.requiredInterfaceType) continue;
+    return {ZavloLinuxBinding::Kind::bound, interface.name};
+  }
+  return {ZavloLinuxBinding::Kind::none, {}};
+}
+
+/// What the connections of one service share: the I/O thread and the interface list.
+struct ZavloLinuxNetworkCore {
+  explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
+      : classifier(std::move(interfaceClassifier)) {}
+
+  // Runs work on the I/O thread, starting it on first use; false once stopped.
+  template <class Work>
+  bool post(Work&& work) {
+    std::lock_guard lock(mutex);
+    if (stopped) return false;
+    if (!thread.joinable()) {
+      guard.emplace(asio::make_work_guard(io));
+      thread = std::thread([this] { io.run(); });
+    }
+    asio::post(io, std::forward<Work>(work));
+    return true;
+  }
+
+  void stop() {
+    {
+      std::lock_guard lock(mutex);
+      stopped = true;
+    }
+    guard.reset();
+    io.stop();
+    if (!thread.joinable()) return;
+    if (thread.get_id() == std::this_thread::get_id()) {
+      thread.detach();  // cannot join itself; the context outlives it through the handlers
+      return;
+    }
+    thread.join();
+    io.shutdown();
+    keptAlive.clear();  // the thread is gone: nothing else touches it now
+  }
+
+  // I/O thread only.
+  const std::vector<ZavloLinuxInterface>& interfaces() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!listedAt || now - *listedAt > kInterfaceListLifetime) {
+      interfaceList = classifier.listInterfaces();
+      listedAt = now;
+    }
+    return interfaceList;
+  }
+
+  ZavloIoContext io;
+  const ZavloLinuxInterfaceClassifier classifier;
+
+  std::mutex mutex;
+  std::atomic<bool> stopped{false};  // written under mutex; read anywhere
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
+  std::thread thread;
+
+  std::vector<ZavloLinuxInterface> interfaceList;
+  std::optional<std::chrono::steady_clock::time_point> listedAt;
+  // Connections started and neither failed nor cancelled keep themselves alive here.
+  std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
+};
+
+namespace {
+
+class ZavloLinuxConnection final : public ZavloConnection, public std::enable_shared_from_this<ZavloLinuxConnection> {
+ public:
+  ZavloLinuxConnection(std::shared_ptr<ZavloLinuxNetworkCore> core, std::string host, std::uint16_t port,
+                       ZavloConnectionParameters parameters)
+      : core_(std::move(core)),
+        host_(std::move(host)),
+        port_(port),
+        parameters_(std::move(parameters)),
+        timer_(core_->io) {
+    if (host_.size() > 2 && host_.front() == '[' && host_.back() == ']') host_ = host_.substr(1, host_.size() - 2);
+  }
+
+  void setStateUpdateHandler(StateHandler handler) override {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
+  }
+
+  void start(ZavloQueue& queue) override {
+    {
+      std::lock_guard lock(mutex_);
+      if (started_) return;
+      started_ = true;
+      queue_ = &queue;
+    }
+    if (cancelled_) {
+      deliverCancelled();
+      return;
+    }
+    deliverState(State::preparing);
+    core_->post([self = shared_from_this()] { self->prepare(); });  // a stopped service reports nothing
+  }
+
+  void send(std::vector<std::uint8_t> content, SendCompletion completion) override {
+    if (cancelled_) return;
+    core_->post(
+        [self = shared_from_this(), content = std::move(content), completion = std::move(completion)]() mutable {
+          self->sends_.push_back({std::move(content), std::move(completion)});
+          self->pumpSends();
+        });
+  }
+
+  void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength, ReceiveCompletion completion) override {
+    if (cancelled_) return;
+    core_->post([self = shared_from_this(), minimumIncompleteLength, maximumLength,
+                 completion = std::move(completion)]() mutable {
+      self->receives_.push_back({minimumIncompleteLength, maximumLength, std::move(completion)});
+      self->pumpReceives();
+    });
+  }
+
+  void cancel() override {
+    {
+      std::lock_guard lock(mutex_);
+      if (cancelled_) return;
+      cancelled_ = true;
+      if (!started_) return;  // start() reports it
+    }
+    deliverCancelled();
+    core_->post([self = shared_from_this()] { self->close(); });
+  }
+
+ private:
+  enum class Phase { idle, preparing, ready, failed, closed };
+  struct PendingSend {
+    std::vector<std::uint8_t> content;
+    SendCompletion completion;
+  };
+  struct PendingReceive {
+    std::size_t minimum;
+    std::size_t maximum;
+    ReceiveCompletion completion;
+  };
+
+  // --- Delivery to the queue given to start(); callable from any thread once started.
+
+  // Runs work on the queue unless the connection is cancelled by then: nothing reaches
+  // the caller after `cancelled`.
+  template <class Work>
+  void deliver(Work&& work) {
+    if (cancelled_ || core_->stopped) return;
+    queue_->post([self = shared_from_this(), work = std::forward<Work>(work)]() mutable {
+      if (!self->cancelled_) work();
+    });
+  }
+
+  void deliverState(State state, std::optional<ZavloConnectionError> error = std::nullopt) {
+    deliver([this, state, error = std::move(error)] {
+      StateHandler handler;
+      {
+        std::lock_guard lock(mutex_);
+        handler = handler_;
+      }
+      if (handler) handler(state, error);
+    });
+  }
+
+  void deliverCancelled() {
+    if (core_->stopped) return;  // the platform, and maybe the queue, is gone
+    queue_->post([self = shared_from_this()] {
+      StateHandler handler;
+      {
+        std::lock_guard lock(self->mutex_);
+        handler = std::move(self->handler_);  // the last call: let go of the caller's captures
+        self->handler_ = nullptr;
+      }
+      if (handler) handler(State::cancelled, std::nullopt);
+    });
+  }
+
+  // --- I/O thread.
+
+  Tcp::socket& socket() { return secure_ ? secure_->next_layer() : *plain_; }
+
+  void prepare() {
+    if (cancelled_) return;
+    core_->keptAlive.insert(shared_from_this());
+    phase_ = Phase::preparing;
+    if (parameters_.tls) {
+      std::string problem;
+      tls_ = ZavloLinuxTlsContext::forAnchors(parameters_.tls->additionalTrustAnchorsPem, problem);
+      if (!tls_) return fail({EINVAL, problem});
+    }
+    const auto& interfaces = core_->interfaces();
+    const bool useV4 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v6;
+    const bool useV6 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v4;
+    if (useV4) bindingV4_ = zavloChooseBinding(interfaces, parameters_, false);
+    if (useV6) bindingV6_ = zavloChooseBinding(interfaces, parameters_, true);
+    if (bindingV4_.kind == ZavloLinuxBinding::Kind::none && bindingV6_.kind == ZavloLinuxBinding::Kind::none) {
+      return fail(noUsableInterface());
+    }
+
+    std::error_code literal;
+    const auto address = asio::ip::make_address(host_, literal);
+    if (!literal) {  // an address: no resolver round trip
+      if ((address.is_v4() && !useV4) || (address.is_v6() && !useV6)) {
+        return fail(connectionError(systemError(EAFNOSUPPORT)));
+      }
+      endpoints_.emplace_back(address, port_);
+      return connectTo(0);
+    }
+    resolver_.emplace(core_->io);
+    const auto flags = Tcp::resolver::numeric_service;  // and no AI_ADDRCONFIG: ::1 counts
+    auto onResolved = [self = shared_from_this()](const std::error_code& error, Tcp::resolver::results_type results) {
+      self->resolved(error, std::move(results));
+    };
+    const auto service = std::to_string(port_);
+    if (!useV6) {
+      resolver_->async_resolve(Tcp::v4(), host_, service, flags, std::move(onResolved));
+    } else if (!useV4) {
+      resolver_->async_resolve(Tcp::v6(), host_, service, flags, std::move(onResolved));
+    } else {
+      resolver_->async_resolve(host_, service, flags, std::move(onResolved));
+    }
+  }
+
+  void resolved(const std::error_code& error, const Tcp::resolver::results_type& results) {
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (error) return fail(connectionError(error));
+    for (const auto& entry : results) {
+      const auto endpoint = entry.endpoint();
+      if (std::find(endpoints_.begin(), endpoints_.end(), endpoint) == endpoints_.end()) {
+        endpoints_.push_back(endpoint);
+      }
+    }
+    connectTo(0);
+  }
+
+  ZavloConnectionError noUsableInterface() const {
+    const auto type = parameters_.requiredInterfaceType.value_or(ZavloInterfaceType::other);
+    return {ENETUNREACH, "No usable " + interfaceTypeName(type) + " interface"};
+  }
+
+  // Tries the endpoints in order from index, skipping families without a usable interface.
+  void connectTo(std::size_t index) {
+    const auto bindingFor = [this](const Tcp::endpoint& endpoint) -> const ZavloLinuxBinding& {
+      return endpoint.address().is_v6() ? bindingV6_ : bindingV4_;
+    };
+    while (index < endpoints_.size() && bindingFor(endpoints_[index]).kind == ZavloLinuxBinding::Kind::none) ++index;
+    if (index >= endpoints_.size()) return fail(lastError_.value_or(noUsableInterface()));
+
+    const auto& endpoint = endpoints_[index];
+    const auto& binding = bindingFor(endpoint);
+    ++attempt_;
+    timedOut_ = false;
+    plain_.reset();
+    secure_.reset();
+    if (tls_) {
+      SSL_CTX_up_ref(tls_->nativeHandle());
+      asio::ssl::context context(tls_->nativeHandle());  // owns that extra reference
+      secure_.emplace(core_->io, context);
+    } else {
+      plain_.emplace(core_->io);
+    }
+    auto& tcp = socket();
+    std::error_code error;
+    tcp.open(endpoint.protocol(), error);
+    if (!error && binding.kind == ZavloLinuxBinding::Kind::bound &&
+        ::setsockopt(tcp.native_handle(), SOL_SOCKET, SO_BINDTODEVICE, binding.interfaceName.c_str(),
+                     static_cast<socklen_t>(binding.interfaceName.size() + 1)) != 0) {
+      error = systemError(errno);
+    }
+    if (error) return attemptFailed(index, error);
+    // Each option costs a system call per hop, so only what differs from the defaults.
+    if (parameters_.tcp.enableKeepalive) tcp.set_option(asio::socket_base::keep_alive(true), error);
+    if (tls_) {
+      // The request follows the client's Finished at once; it must not wait for an ACK.
+      tcp.set_option(Tcp::no_delay(true), error);
+      if (parameters_.tcp.enableFastOpen) {
+        const int enable = 1;  // kernels without it simply connect the usual way
+        ::setsockopt(tcp.native_handle(), IPPROTO_TCP, TCP_FASTOPEN_CONNECT, &enable, sizeof enable);
+      }
+    }
+    // With Fast Open the handshake travels with the first bytes, so the time-out covers
+    // the TLS handshake too.
+    if (parameters_.tcp.connectionTimeout.count() > 0) {
+      timer_.expires_after(parameters_.tcp.connectionTimeout);
+      timer_.async_wait([self = shared_from_this(), attempt = attempt_](const std::error_code& waitError) {
+        if (waitError || attempt != self->attempt_ || self->phase_ != Phase::preparing) return;
+        self->timedOut_ = true;
+        std::error_code ignored;
+        self->socket().close(ignored);
+      });
+    }
+    tcp.async_connect(endpoint, [self = shared_from_this(), index](const std::error_code& connectError) {
+      self->connected(index, connectError);
+    });
+  }
+
+  void connected(std::size_t index, const std::error_code& error) {
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (error) return attemptFailed(index, error);
+    if (!secure_) return becomeReady();
+    if (!tls_->prepare(secure_->native_handle(), host_, port_)) {
+      return fail({EINVAL, "The host name cannot be checked against a certificate"});
+    }
+    secure_->async_handshake(asio::ssl::stream_base::client,
+                             [self = shared_from_this(), index](const std::error_code& handshakeError) {
+                               self->handshaken(index, handshakeError);
+                             });
+  }
+
+  void handshaken(std::size_t index, const std::error_code& error) {
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (!error) return becomeReady();
+    // Transport failures may be specific to this address; TLS refusals are not.
+    if (error.category() == asio::error::get_system_category()) return attemptFailed(index, error);
+    fail(connectionError(error, secure_->native_handle()));
+  }
+
+  void attemptFailed(std::size_t index, const std::error_code& error) {
+    lastError_ = connectionError(timedOut_ ? systemError(ETIMEDOUT) : error);
+    timer_.cancel();
+    std::error_code ignored;
+    socket().close(ignored);
+    connectTo(index + 1);
+  }
+
+  void becomeReady() {
+    timer_.cancel();
+    phase_ = Phase::ready;
+    deliverState(State::ready);
+    pumpSends();
+    pumpReceives();
+  }
+
+  void fail(ZavloConnectionError error) {
+    if (phase_ == Phase::failed || phase_ == Phase::closed) return;
+    phase_ = Phase::failed;
+    failure_ = error;
+    deliverState(State::failed, std::move(error));
+    closeTransport();
+    pumpSends();
+    pumpReceives();
+    core_->keptAlive.erase(shared_from_this());  // callers hold their own reference
+  }
+
+  void close() {
+    phase_ = Phase::closed;
+    closeTransport();
+    if ((!sends_.empty() || !receives_.empty()) && !core_->stopped) {
+      // The caller's completions are let go of on the caller's queue, not here.
+      queue_->post([sends = std::move(sends_), receives = std::move(receives_)] {});
+      sends_.clear();
+      receives_.clear();
+    }
+    core_->keptAlive.erase(shared_from_this());
+  }
+
+  void closeTransport() {
+    timer_.cancel();
+    if (resolver_) resolver_->cancel();
+    std::error_code ignored;
+    if (plain_ || secure_) socket().close(ignored);
+  }
+
+  void pumpSends() {
+    if (phase_ == Phase::failed) {
+      for (auto& pending : std::exchange(sends_, {})) {
+        if (pending.completion)
+          deliver([completion = std::move(pending.completion), error = failure_] { completion(error); });
+      }
+      return;
+    }
+    if (phase_ != Phase::ready || sending_ || sends_.empty()) return;
+    sending_ = true;
+    auto onWritten = [self = shared_from_this()](const std::error_code& error, std::size_t) { self->sent(error); };
+    const auto buffer = asio::buffer(sends_.front().content);
+    if (secure_) {
+      asio::async_write(*secure_, buffer, std::move(onWritten));
+    } else {
+      asio::async_write(*plain_, buffer, std::move(onWritten));
+    }
+  }
+
+  void sent(const std::error_code& error) {
+    sending_ = false;
+    if (phase_ == Phase::closed || sends_.empty()) return;
+    auto pending = std::move(sends_.front());
+    sends_.pop_front();
+    if (pending.completion) {
+      std::optional<ZavloConnectionError> result;
+      if (error) result = connectionError(error);
+      deliver([completion = std::move(pending.completion), result = std::move(result)] { completion(result); });
+    }
+    pumpSends();
+  }
+
+  void pumpReceives() {
+    if (phase_ == Phase::failed) {
+      for (auto& pending : std::exchange(receives_, {})) {
+        if (pending.completion) {
+          deliver([completion = std::move(pending.completion), error = failure_] { completion({}, false, error); });
+        }
+      }
+      return;
+    }
+    while (phase_ == Phase::ready && !receiving_ && !receives_.empty()) {
+      auto& front = receives_.front();
+      if (peerFinished_ || front.maximum == 0) {
+        std::optional<ZavloConnectionError> error;
+        if (!peerFinished_) error = connectionError(systemError(EINVAL));
+        finishReceive({}, peerFinished_, std::move(error));
+        continue;
+      }
+      if (readCapacity_ < front.maximum) {
+        readBuffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(front.maximum);
+        readCapacity_ = front.maximum;
+      }
+      receiving_ = true;
+      const auto minimum = std::clamp<std::size_t>(front.minimum, 1, front.maximum);
+      auto onRead = [self = shared_from_this()](const std::error_code& error, std::size_t count) {
+        self->received(error, count);
+      };
+      const auto buffer = asio::buffer(readBuffer_.get(), front.maximum);
+      if (secure_) {
+        asio::async_read(*secure_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
+      } else {
+        asio::async_read(*plain_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
+      }
+    }
+  }
+
+  void received(const std::error_code& error, std::size_t count) {
+    receiving_ = false;
+    if (phase_ == Phase::closed || receives_.empty()) return;
+    std::vector<std::uint8_t> data(readBuffer_.get(), readBuffer_.get() + count);
+    std::optional<ZavloConnectionError> failure;
+    // A peer that closes without a TLS close_notify has still finished its answer.
+    if (error == asio::error::eof || error == asio::ssl::error::stream_truncated) {
+      peerFinished_ = true;
+    } else if (error) {
+      failure = connectionError(error);
+    }
+    finishReceive(std::move(data), peerFinished_, std::move(failure));
+    pumpReceives();
+  }
+
+  void finishReceive(std::vector<std::uint8_t> data, bool isComplete, std::optional<ZavloConnectionError> error) {
+    auto pending = std::move(receives_.front());
+    receives_.pop_front();
+    if (!pending.completion) return;
+    deliver([completion = std::move(pending.completion), data = std::move(data), isComplete,
+             error = std::move(error)]() mutable { completion(std::move(data), isComplete, error); });
+  }
+
+  // Immutable after construction.
+  const std::shared_ptr<ZavloLinuxNetworkCore> core_;
+  std::string host_;
+  const std::uint16_t port_;
+  const ZavloConnectionParameters parameters_;
+
+  // Shared between the caller's threads, the queue and the I/O thread.
+  std::mutex mutex_;
+  StateHandler handler_;
+  bool started_ = false;
+  std::atomic<bool> cancelled_{false};
+  ZavloQueue* queue_ = nullptr;  // set once by start(), before any I/O work is posted
+
+  // I/O thread only.
+  Phase phase_ = Phase::idle;
+  std::shared_ptr<ZavloLinuxTlsContext> tls_;
+  ZavloLinuxBinding bindingV4_;
+  ZavloLinuxBinding bindingV6_;
+  std::optional<Tcp::resolver> resolver_;
+  std::vector<Tcp::endpoint> endpoints_;
+  std::optional<ZavloConnectionError> lastError_;
+  std::optional<Tcp::socket> plain_;
+  std::optional<asio::ssl::stream<Tcp::socket>> secure_;
+  asio::steady_timer timer_;
+  std::uint64_t attempt_ = 0;
+  bool timedOut_ = false;
+  std::optional<ZavloConnectionError> failure_;
+  std::deque<PendingSend> sends_;
+  bool sending_ = false;
+  std::deque<PendingReceive> receives_;
+  bool receiving_ = false;
+  bool peerFinished_ = false;
+  std::unique_ptr<std::uint8_t[]> readBuffer_;
+  std::size_t readCapacity_ = 0;
+};
+
+}  // namespace
+
+ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier)
+    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier))) {}
+
+ZavloLinuxConnectionService::~ZavloLinuxConnectionService() { core_->stop(); }
+
+std::shared_ptr<ZavloConnection> ZavloLinuxConnectionService::makeConnection(const std::string& host,
+                                                                             std::uint16_t port,
+                                                                             ZavloConnectionParameters parameters) {
+  return std::make_shared<ZavloLinuxConnection>(core_, host, port, std::move(parameters));
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "Platform/ZavloConnection.hpp"
+
+/// Where a socket of one address family may go.
+struct ZavloLinuxBinding {
+  enum class Kind {
+    unbound,  ///< nothing required or prohibited: the routing table decides
+    bound,    ///< pinned to interfaceName with SO_BINDTODEVICE
+    none,     ///< no interface qualifies: the family cannot be used
+  };
+  Kind kind = Kind::none;
+  std::string interfaceName;
+};
+
+/// The interface a connection with these parameters may use for IPv4 or IPv6: the first
+/// one (in the given order) that is up, has an address of that family, is of the
+/// required type if one is required, and is never of a prohibited type.
+ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
+                                     const ZavloConnectionParameters& parameters, bool ipv6);
+
+struct ZavloLinuxNetworkCore;
+
+/// Makes the Linux connections of one platform: TCP and TLS over standalone Asio and
+/// OpenSSL, with sockets pinned to an interface of the required type.
+///
+/// Threading contract: makeConnection may be called from any thread. All socket work runs
+/// on one I/O thread per service, started on first use; it inherits the network namespace
+/// of the thread that starts the first connection. The destructor stops and joins it;
+/// connections still held elsewhere then report nothing more and stay safe to use and
+/// destroy.
+class ZavloLinuxConnectionService {
+ public:
+  explicit ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier);
+  ZavloLinuxConnectionService(const ZavloLinuxConnectionService&) = delete;
+  ZavloLinuxConnectionService& operator=(const ZavloLinuxConnectionService&) = delete;
+  ~ZavloLinuxConnectionService();
+
+  /// host: a name, an IPv4 literal or an IPv6 literal (brackets allowed).
+  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                  ZavloConnectionParameters parameters);
+
+ private:
+  std::shared_ptr<ZavloLinuxNetworkCore> core_;
+};

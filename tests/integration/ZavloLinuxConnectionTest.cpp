@@ -1,0 +1,361 @@
+// The Linux connection over loopback, with lo declared cellular so that the pinning has
+// an interface to pin to.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "ZavloConnectionRecorder.hpp"
+#include "ZavloTestCertificates.hpp"
+#include "ZavloTestServer.hpp"
+
+using namespace std::chrono_literals;
+using IpVersion = ZavloConnectionParameters::IpVersion;
+
+namespace {
+
+constexpr auto kRequest = "GET /auth HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+
+class ZavloLinuxConnectionTest : public ::testing::Test {
+ protected:
+  explicit ZavloLinuxConnectionTest(std::vector<std::string> cellular = {"lo"})
+      : platform(ZavloLinuxPlatform::Options{.hostApplicationVersion = {}, .cellularInterfaces = std::move(cellular)}) {
+  }
+
+  ZavloConnectionRecorder connect(const std::string& host, std::uint16_t port,
+                                  ZavloConnectionParameters parameters = zavloCellularParameters()) {
+    return ZavloConnectionRecorder(platform.makeConnection(host, port, std::move(parameters)), platform.runLoop());
+  }
+  bool runUntil(const std::function<bool()>& done) { return platform.runLoop().runUntil(done, 10s); }
+
+  // Starts, and once ready sends the request and makes one receive; true once it ended.
+  bool hop(ZavloConnectionRecorder& recorder, std::size_t maximum = 65536) {
+    recorder.start();
+    if (!runUntil([&] { return recorder.has("ready") || recorder.has("failed"); })) return false;
+    if (recorder.has("failed")) return true;
+    recorder.send(kRequest);
+    recorder.receive(1, maximum);
+    return runUntil([&] { return recorder.receiveCalls() > 0; });
+  }
+
+  void cancel(ZavloConnectionRecorder& recorder) {
+    recorder.connection().cancel();
+    EXPECT_TRUE(runUntil([&] { return recorder.has("cancelled"); }));
+  }
+
+  ZavloLinuxPlatform platform;
+};
+
+class ZavloLinuxConnectionWithoutCellularTest : public ZavloLinuxConnectionTest {
+ protected:
+  ZavloLinuxConnectionWithoutCellularTest() : ZavloLinuxConnectionTest({}) {}
+};
+
+// A loopback port where nothing listens.
+std::uint16_t closedPort() {
+  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(probe);
+  return ntohs(address.sin_port);
+}
+
+TEST_F(ZavloLinuxConnectionTest, PlainHopSendsTheRequestAndReadsTheAnswer) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"x\"}"));
+  auto recorder = connect("localhost", server.port());
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"x\"}");
+  ASSERT_TRUE(server.waitForServed(1));
+  EXPECT_EQ(server.requests().front(), kRequest);
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, LargeAnswerIsCutAtTheReceiveMaximum) {
+  std::string answer = "HTTP/1.1 200 OK\r\n\r\n";
+  answer.resize(100 * 1024, 'a');
+  ZavloTestServer server(ZavloTestServerReply::answer(answer));
+  auto recorder = connect("127.0.0.1", server.port());
+  ASSERT_TRUE(hop(recorder));
+  const auto received = recorder.received();
+  EXPECT_FALSE(received.empty());
+  EXPECT_LE(received.size(), 65536U);
+  EXPECT_EQ(received, answer.substr(0, received.size()));
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, SplitAnswerReturnsWhatArrivedFirst) {
+  ZavloTestServer server(ZavloTestServerReply::split({"HTTP/1.1 200 OK\r\n", "\r\n{}"}, 200ms));
+  auto recorder = connect("127.0.0.1", server.port());
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n");
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, RefusedConnectionFails) {
+  auto recorder = connect("127.0.0.1", closedPort());
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->code, ECONNREFUSED);
+  EXPECT_EQ(recorder.stateError()->localizedDescription, "Connection refused");
+  cancel(recorder);
+  EXPECT_EQ(recorder.events(), (std::vector<std::string>{"preparing", "failed", "cancelled"}));
+}
+
+TEST_F(ZavloLinuxConnectionTest, ResetByThePeerFailsTheReceive) {
+  ZavloTestServer server(ZavloTestServerReply::reset());
+  auto recorder = connect("127.0.0.1", server.port());
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.receiveError());
+  EXPECT_EQ(recorder.receiveError()->code, ECONNRESET);
+  EXPECT_EQ(recorder.received(), "");
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, PeerClosingAtOnceEndsTheReceiveWithoutData) {
+  ZavloTestServer server(ZavloTestServerReply::closeAtOnce());
+  auto recorder = connect("127.0.0.1", server.port());
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "");
+  // The request may reach the closed socket first, which answers with a reset.
+  EXPECT_TRUE(recorder.read([](const auto& log) { return log.receivedComplete || log.receiveError.has_value(); }));
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, SilentServerLeavesTheReceivePendingUntilCancelled) {
+  ZavloTestServer server(ZavloTestServerReply::neverAnswer());
+  auto recorder = connect("127.0.0.1", server.port());
+  recorder.start();
+  ASSERT_TRUE(runUntil([&] { return recorder.has("ready"); }));
+  recorder.send(kRequest);
+  recorder.receive(1, 65536);
+  ASSERT_TRUE(server.waitForServed(1));
+  platform.runLoop().runUntil([] { return false; }, 200ms);
+  EXPECT_EQ(recorder.receiveCalls(), 0U);
+  std::weak_ptr<ZavloConnection> weak = recorder.shared();
+  cancel(recorder);
+  platform.runLoop().runUntil([] { return false; }, 100ms);
+  EXPECT_EQ(recorder.events(), (std::vector<std::string>{"preparing", "ready", "sent", "cancelled"}));
+  // Only the recorder holds it now: a cancelled connection keeps nothing of itself alive.
+  EXPECT_EQ(weak.use_count(), 1);
+}
+
+TEST_F(ZavloLinuxConnectionWithoutCellularTest, NoCellularInterfaceFailsWithoutConnecting) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"));
+  auto recorder = connect("127.0.0.1", server.port());
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->localizedDescription, "No usable cellular interface");
+  EXPECT_EQ(server.acceptedCount(), 0U);
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, ProhibitedTypeIsNeverUsedEvenWhenRequired) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"));
+  auto parameters = zavloCellularParameters();
+  parameters.prohibitedInterfaceTypes.push_back(ZavloInterfaceType::cellular);
+  auto recorder = connect("127.0.0.1", server.port(), parameters);
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->localizedDescription, "No usable cellular interface");
+  EXPECT_EQ(server.acceptedCount(), 0U);
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, IpVersionChoosesTheAddressFamily) {
+  if (!ZavloTestServer::ipv6LoopbackAvailable()) GTEST_SKIP() << "this machine cannot listen on ::1";
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 204 No Content\r\n\r\n"),
+                         ZavloTestServer::Options{.address = "::1", .port = 0, .tls = {}});
+  auto overV6 = connect("[::1]", server.port(), zavloCellularParameters(IpVersion::v6));
+  ASSERT_TRUE(hop(overV6));
+  EXPECT_EQ(overV6.received(), "HTTP/1.1 204 No Content\r\n\r\n");
+  cancel(overV6);
+
+  auto v4Only = connect("::1", server.port(), zavloCellularParameters(IpVersion::v4));
+  ASSERT_TRUE(hop(v4Only));
+  ASSERT_TRUE(v4Only.has("failed"));
+  EXPECT_EQ(v4Only.stateError()->code, EAFNOSUPPORT);
+  cancel(v4Only);
+  EXPECT_EQ(server.acceptedCount(), 1U);
+}
+
+TEST_F(ZavloLinuxConnectionTest, AnyVersionTriesTheNextAddressWhenOneIsRefused) {
+  // localhost may resolve to ::1 first, where nothing listens; 127.0.0.1 must still be reached.
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"));
+  auto recorder = connect("localhost", server.port(), zavloCellularParameters(IpVersion::any));
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n");
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, UnknownHostFailsWithAResolutionError) {
+  auto recorder = connect("no-such-host.invalid", 80, zavloCellularParameters(IpVersion::any));
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->code, EHOSTUNREACH);
+  EXPECT_NE(recorder.stateError()->localizedDescription.find("could not be resolved"), std::string::npos);
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxConnectionTest, CancelAtAnyMomentNeverReportsAfterCancelled) {
+  // Cancel after a growing number of loop turns, so that it lands in resolving, connecting,
+  // handshaking and reading; each must end with exactly one `cancelled`, last.
+  ZavloTestCertificateAuthority authority;
+  ZavloTestServer server(
+      ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"),
+      ZavloTestServer::Options{
+          .address = "127.0.0.1", .port = 0, .tls = authority.issueServerIdentity({"localhost", "127.0.0.1"})});
+  for (int turns = 0; turns < 12; ++turns) {
+    auto parameters = zavloCellularParameters(IpVersion::v4, true);
+    parameters.tls->additionalTrustAnchorsPem = {authority.certificatePem()};
+    auto recorder = connect("localhost", server.port(), parameters);
+    recorder.start();
+    recorder.send(kRequest);
+    recorder.receive(1, 65536);
+    for (int i = 0; i < turns; ++i) {
+      platform.runLoop().runUntil([] { return false; }, std::chrono::microseconds(200 * i));
+    }
+    recorder.connection().cancel();
+    ASSERT_TRUE(runUntil([&] { return recorder.has("cancelled"); }));
+    platform.runLoop().runUntil([] { return false; }, 20ms);
+    const auto events = recorder.events();
+    EXPECT_EQ(std::count(events.begin(), events.end(), "cancelled"), 1) << turns;
+    EXPECT_EQ(events.back(), "cancelled") << turns;
+  }
+}
+
+TEST(ZavloLinuxConnectionLifetime, PlatformMayGoWhileConnectionsAreInFlight) {
+  ZavloTestServer server(ZavloTestServerReply::neverAnswer());
+  std::shared_ptr<ZavloConnection> survivor;
+  {
+    ZavloLinuxPlatform platform(
+        ZavloLinuxPlatform::Options{.hostApplicationVersion = {}, .cellularInterfaces = {"lo"}});
+    survivor = platform.makeConnection("127.0.0.1", server.port(), zavloCellularParameters());
+    auto other = platform.makeConnection("127.0.0.1", server.port(), zavloCellularParameters());
+    survivor->start(platform.runLoop());
+    other->start(platform.runLoop());
+    other->receive(1, 10, [](auto, bool, const auto&) {});
+    platform.runLoop().runUntil([] { return false; }, 20ms);
+  }
+  // The service is gone: the connection reports nothing and stays safe to use and drop.
+  survivor->send({1, 2, 3}, [](const auto&) { ADD_FAILURE() << "no report after the platform went"; });
+  survivor->cancel();
+  survivor.reset();
+}
+
+// --- TLS
+
+class ZavloLinuxTlsConnectionTest : public ZavloLinuxConnectionTest {
+ protected:
+  ZavloConnectionParameters tlsParameters(bool withTestAnchor = true) {
+    auto parameters = zavloCellularParameters(IpVersion::v4, true);
+    if (withTestAnchor) parameters.tls->additionalTrustAnchorsPem = {authority.certificatePem()};
+    return parameters;
+  }
+  ZavloTestServer::Options serverFor(const std::vector<std::string>& names) {
+    return {.address = "127.0.0.1", .port = 0, .tls = authority.issueServerIdentity(names)};
+  }
+
+  ZavloTestCertificateAuthority authority;
+};
+
+TEST_F(ZavloLinuxTlsConnectionTest, HopSucceedsWithTheTestAnchorAndSendsTheServerName) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{}"), serverFor({"localhost"}));
+  auto recorder = connect("localhost", server.port(), tlsParameters());
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n{}");
+  ASSERT_TRUE(server.waitForServed(1));
+  EXPECT_EQ(server.requests().front(), kRequest);
+  EXPECT_EQ(server.serverNames(), std::vector<std::string>{"localhost"});
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxTlsConnectionTest, AnIpAddressIsCheckedAgainstTheCertificatesIpEntries) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"),
+                         serverFor({"localhost", "127.0.0.1"}));
+  auto recorder = connect("127.0.0.1", server.port(), tlsParameters());
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n");
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxTlsConnectionTest, VerificationFailsWithoutTheTestAnchor) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"), serverFor({"localhost"}));
+  auto recorder = connect("localhost", server.port(), tlsParameters(false));
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->code, EPROTO);
+  EXPECT_EQ(recorder.stateError()->localizedDescription,
+            "The server's certificate could not be verified: unable to get local issuer certificate");
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxTlsConnectionTest, WrongHostNameFails) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"), serverFor({"operator.example"}));
+  auto recorder = connect("localhost", server.port(), tlsParameters());
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->localizedDescription,
+            "The server's certificate could not be verified: hostname mismatch");
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxTlsConnectionTest, BadAnchorFailsClearly) {
+  auto parameters = tlsParameters();
+  parameters.tls->additionalTrustAnchorsPem = {"not a certificate"};
+  auto recorder = connect("localhost", 443, parameters);
+  ASSERT_TRUE(hop(recorder));
+  ASSERT_TRUE(recorder.has("failed"));
+  EXPECT_EQ(recorder.stateError()->code, EINVAL);
+  cancel(recorder);
+}
+
+TEST_F(ZavloLinuxTlsConnectionTest, LaterConnectionToTheSameServerResumesTheSession) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{}"), serverFor({"localhost"}));
+  for (int round = 0; round < 2; ++round) {
+    auto recorder = connect("localhost", server.port(), tlsParameters());
+    recorder.start();
+    recorder.send(kRequest);
+    // Read to the end, so that the session tickets sent after the handshake are taken in.
+    for (int reads = 0; reads < 10 && !recorder.read([](const auto& log) { return log.receivedComplete; }); ++reads) {
+      const auto before = recorder.receiveCalls();
+      recorder.receive(1, 65536);
+      ASSERT_TRUE(runUntil([&] { return recorder.receiveCalls() > before; })) << recorder.events().back();
+    }
+    EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n{}");
+    cancel(recorder);
+  }
+  ASSERT_TRUE(server.waitForServed(2));
+  EXPECT_EQ(server.resumedHandshakes(), 1U);
+}
+
+}  // namespace
+
+TEST(ZavloChooseBinding, PinsToAUsableInterfaceOfTheRequiredTypeAndNeverAProhibitedOne) {
+  using Type = ZavloInterfaceType;
+  const std::vector<ZavloLinuxInterface> interfaces = {
+      {"lo", 1, Type::loopback, true, true, true},      {"eth0", 2, Type::wiredEthernet, true, true, true},
+      {"wwan0", 3, Type::cellular, false, true, true},   // down
+      {"wwan1", 4, Type::cellular, true, true, false},   // IPv4 only
+      {"rmnet0", 5, Type::cellular, true, false, true},  // IPv6 only
+  };
+  const auto cellular = zavloCellularParameters();
+  EXPECT_EQ(zavloChooseBinding(interfaces, cellular, false).interfaceName, "wwan1");
+  EXPECT_EQ(zavloChooseBinding(interfaces, cellular, true).interfaceName, "rmnet0");
+
+  auto forbidden = cellular;
+  forbidden.prohibitedInterfaceTypes.push_back(Type::cellular);
+  EXPECT_EQ(zavloChooseBinding(interfaces, forbidden, false).kind, ZavloLinuxBinding::Kind::none);
+
+  ZavloConnectionParameters onlyProhibitions;
+  onlyProhibitions.prohibitedInterfaceTypes = {Type::loopback};
+  EXPECT_EQ(zavloChooseBinding(interfaces, onlyProhibitions, false).interfaceName, "eth0");
+  EXPECT_EQ(zavloChooseBinding(interfaces, ZavloConnectionParameters{}, false).kind, ZavloLinuxBinding::Kind::unbound);
+}

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZavloTestCertificates.hpp"
+
+/// How a test server treats one accepted connection.
+struct ZavloTestServerReply {
+  enum class Action {
+    answer,       ///< send the segments, then close
+    neverAnswer,  ///< read the request, then hold the connection open until the server stops
+    closeAtOnce,  ///< close right after accepting, reading nothing
+    reset,        ///< read the request, then reset the connection (SO_LINGER 0)
+  };
+
+  Action action = Action::answer;
+  std::vector<std::string> segments;   ///< written one by one, each in a TCP segment of its own
+  std::chrono::milliseconds pause{0};  ///< between segments
+
+  static ZavloTestServerReply answer(std::string bytes);
+  static ZavloTestServerReply split(std::vector<std::string> segments, std::chrono::milliseconds pause);
+  static ZavloTestServerReply neverAnswer();
+  static ZavloTestServerReply closeAtOnce();
+  static ZavloTestServerReply reset();
+};
+
+/// A scripted raw TCP (or TLS) server on a loopback address and an ephemeral port, run on
+/// a thread of its own (test support). It serves one connection at a time: it reads the
+/// request head (up to an empty line, or whatever came within two seconds), then acts as
+/// the reply says. Its sockets live in the network namespace of the thread that made it.
+class ZavloTestServer {
+ public:
+  struct Options {
+    std::string address = "127.0.0.1";  ///< "::1" for IPv6, or any local address
+    std::uint16_t port = 0;             ///< 0: an ephemeral port
+    std::optional<ZavloTestTlsIdentity> tls;
+  };
+
+  explicit ZavloTestServer(ZavloTestServerReply reply) : ZavloTestServer(std::move(reply), Options{}) {}
+  ZavloTestServer(ZavloTestServerReply reply, Options options);
+  ~ZavloTestServer();
+  ZavloTestServer(const ZavloTestServer&) = delete;
+  ZavloTestServer& operator=(const ZavloTestServer&) = delete;
+
+  /// Whether this machine can listen on ::1.
+  static bool ipv6LoopbackAvailable();
+
+  [[nodiscard]] std::uint16_t port() const noexcept { return port_; }
+  [[nodiscard]] const std::string& address() const noexcept { return address_; }
+  void setReply(ZavloTestServerReply reply);
+
+  [[nodiscard]] std::size_t acceptedCount() const;
+  /// What each served connection sent before the server acted, oldest first.
+  [[nodiscard]] std::vector<std::string> requests() const;
+  /// TLS: handshakes that resumed a session, that failed, and the server names (SNI) seen.
+  [[nodiscard]] std::size_t resumedHandshakes() const;
+  [[nodiscard]] std::size_t failedHandshakes() const;
+  [[nodiscard]] std::vector<std::string> serverNames() const;
+  /// Waits (bounded) until count connections have been served.
+  bool waitForServed(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+
+ private:
+  struct Tls;
+  void run();
+  void serve(int socket);
+
+  std::string address_;
+  std::uint16_t port_ = 0;
+  int listener_ = -1;
+  int wake_ = -1;
+  std::unique_ptr<Tls> tls_;
+  std::thread thread_;
+
+  mutable std::mutex mutex_;
+  ZavloTestServerReply reply_;
+  std::size_t accepted_ = 0;
+  std::size_t served_ = 0;
+  std::vector<std::string> requests_;
+  std::size_t resumed_ = 0;
+  std::size_t failed_ = 0;
+  std::vector<std::string> serverNames_;
+  std::vector<int> heldOpen_;
+  std::vector<void*> heldOpenTls_;  // SSL objects of connections held open
+};
