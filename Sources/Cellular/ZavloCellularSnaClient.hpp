@@ -1,0 +1,87 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Cellular/ZavloConnectionResult.hpp"
+#include "Core/ZavloAuthEventLog.hpp"
+#include "Platform/ZavloConnection.hpp"
+#include "Platform/ZavloPlatform.hpp"
+
+/// One silent network authentication chain, by hand: a GET per hop over a connection
+/// that may only use the cellular interface, redirects followed with a fresh connection
+/// each time, one dictionary at the end.
+///
+/// Threading: open() may be called from any thread; everything after it (connection
+/// events, timers, the response handler, the completion) runs on the main queue. The
+/// completion is called at most once, whatever arrives late.
+class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellularSnaClient> {
+ public:
+  using Completion = std::function<void(nlohmann::json)>;
+  using ResponseHandler = std::function<void(ZavloConnectionResult)>;
+  /// Where the per-hop telemetry events go (fire and forget).
+  using EventSink = std::function<void(std::shared_ptr<ZavloAuthEventLog>)>;
+
+  static std::shared_ptr<ZavloCellularSnaClient> create(ZavloPlatform& platform, EventSink sendEvent);
+
+  /// Per-hop time-out in seconds; the flow sets 10.0 before open().
+  double CONNECTION_TIME_OUT = 7.0;
+
+  /// Starts the chain at url; completion receives the final dictionary.
+  void open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion);
+  /// Opens the connection for one hop and, once ready, sends the request.
+  void activateConnectionForDataFetch(const ZavloUrl& url, ResponseHandler completion);
+  /// A cellular-only connection, stored as the current one; null for a scheme other than
+  /// http/https or an empty host.
+  std::shared_ptr<ZavloConnection> createConnection(const std::string& scheme, const std::string& host,
+                                                    std::optional<std::int64_t> port,
+                                                    ZavloConnectionParameters::IpVersion ipVersion);
+  ZavloConnection::StateHandler createConnectionUpdateHandler(ResponseHandler completion,
+                                                              std::function<void()> readyState,
+                                                              std::function<void()> ipv6Fallback);
+  void sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data, ResponseHandler completion);
+  void createTimer();
+  void fireTimer();
+  void cleanUp();
+
+  [[nodiscard]] ResponseHandler checkResponseHandler() const;
+  void setCheckResponseHandler(ResponseHandler handler);
+
+  /// The request text of a hop; absent for a URL without host or scheme.
+  static std::optional<std::string> createHttpCommand(const ZavloUrl& url);
+  /// The three characters after "HTTP/1.1 " as a number; 0 when they are not one.
+  static std::int64_t parseHttpStatusCode(std::string_view response);
+  /// The body after the header block; a single chunk holding a JSON object is unwrapped.
+  static std::optional<std::string> getResponseBody(std::string_view response);
+  /// The Location target, spaces turned into "+", relative references resolved.
+  static std::optional<ZavloRedirectResult> parseRedirect(const ZavloUrl& requestUrl, std::string_view response);
+  static nlohmann::json convertNetworkErrorToDictionary(const ZavloNetworkError& error);
+  static nlohmann::json convertConnectionResponseToDictionary(const ZavloConnectionResponse& response);
+
+  /// Judges the bytes of one hop's single receive and reports the hop's telemetry.
+  void processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,
+                       const std::optional<ZavloConnectionError>& error, const ResponseHandler& completion);
+
+ private:
+  ZavloCellularSnaClient(ZavloPlatform& platform, EventSink sendEvent);
+  ResponseHandler makeResponseHandler(Completion completion);
+  void sendHopEvent(const ZavloUrl& requestUrl, const std::string& responseUrl, std::int64_t httpCode,
+                    const std::string& responseBody, const std::optional<std::string>& failure);
+  void deliver(const ResponseHandler& completion, ZavloConnectionResult result);
+
+  ZavloPlatform& platform_;
+  EventSink sendEvent_;
+  std::shared_ptr<ZavloConnection> connection;
+  std::shared_ptr<ZavloTimer> timer;
+  std::optional<std::string> requestId;
+  mutable std::mutex accessQueue;  // "com.zavlo.cellular.sna.manager": guards the handler only
+  ResponseHandler checkResponseHandler_;
+  bool finished_ = false;  // the completion has been called; main queue only
+};

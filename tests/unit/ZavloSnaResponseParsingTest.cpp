@@ -1,0 +1,241 @@
+// The cellular client's request text and response judgement, as data: request bytes
+// expected for a URL, a canned answer next to the result and telemetry it must give.
+#include <gtest/gtest.h>
+
+#include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Testing/ZavloTestPlatform.hpp"
+
+using nlohmann::json;
+using Client = ZavloCellularSnaClient;
+
+namespace {
+
+ZavloUrl url(const char* text) {
+  auto parsed = ZavloUrl::parse(text);
+  EXPECT_TRUE(parsed) << text;
+  return parsed.value_or(*ZavloUrl::parse("http://invalid.test/"));
+}
+
+constexpr const char* kTail =
+    "\r\nAccept: text/html,application/json,application/xhtml+xml,application/xml,*/*"
+    "\r\nUser-Agent: ZavloAuthenticationSDK/1.0\r\nConnection: close\r\n\r\n";
+
+}  // namespace
+
+TEST(ZavloCellularSnaClientRequest, RequestTextByteForByte) {
+  const std::vector<std::pair<const char*, std::string>> cases = {
+      {"http://h:8080/a", "GET /a HTTP/1.1\r\nHost: h:8080"},
+      {"https://host/path?q=1", "GET /path?q=1 HTTP/1.1\r\nHost: host"},
+      {"https://h:443/x", "GET /x HTTP/1.1\r\nHost: h:443"},  // explicit 443 is kept
+      {"https://h:8443/x", "GET /x HTTP/1.1\r\nHost: h:8443"},
+      {"http://h:80/x", "GET /x HTTP/1.1\r\nHost: h"},
+      {"http://h", "GET / HTTP/1.1\r\nHost: h"},
+      {"http://h/dir/", "GET /dir/ HTTP/1.1\r\nHost: h"},
+      {"http://h/a%20b?x=%20y", "GET /a b?x=%20y HTTP/1.1\r\nHost: h"},  // path decoded, query as written
+      {"http://[::1]:8080/v6", "GET /v6 HTTP/1.1\r\nHost: ::1:8080"},
+  };
+  for (const auto& [text, head] : cases) {
+    EXPECT_EQ(Client::createHttpCommand(url(text)), head + kTail) << text;
+  }
+  EXPECT_FALSE(Client::createHttpCommand(url("file:///etc/hosts"))) << "no host";
+}
+
+TEST(ZavloCellularSnaClientResponse, StatusCodeComesFromTheThreeCharactersAfterTheVersion) {
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.1 302 Found\r\n"), 302);
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.0 200 OK"), 200);
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.1 2x0 OK"), 0);
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.1 20"), 0) << "shorter than twelve characters";
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/2 200 OK"), 0) << "positions 9 to 11 are not the status";
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.1 +20 X"), 20);
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.1 -01 X"), -1);
+  EXPECT_EQ(Client::parseHttpStatusCode("HTTP/1.1 ++2 X"), 0);
+}
+
+TEST(ZavloCellularSnaClientResponse, BodyExtraction) {
+  EXPECT_EQ(Client::getResponseBody("HTTP/1.1 200 OK\r\n\r\n  {\"snaToken\":\"x\"}\r\n"), R"({"snaToken":"x"})");
+  EXPECT_FALSE(Client::getResponseBody("HTTP/1.1 200 OK\r\nA: b\r\n\r\n \r\n"));
+  EXPECT_FALSE(Client::getResponseBody("HTTP/1.1 200 OK\r\nA: b\r\n"));
+  // One chunk holding a JSON object: the size line is dropped.
+  EXPECT_EQ(Client::getResponseBody("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                    "11\r\n{\"snaToken\":\"x\"}\r\n0\r\n\r\n"),
+            R"({"snaToken":"x"})");
+  // Without a "{" the whole chunk text is the body, size line included.
+  EXPECT_EQ(Client::getResponseBody("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"),
+            "3\r\nabc");
+  // Without the terminating chunk the plain rule applies.
+  EXPECT_EQ(Client::getResponseBody("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc"), "3\r\nabc");
+  // The header name is matched in exact case only.
+  EXPECT_EQ(Client::getResponseBody("HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\n3\r\n{}\r\n0\r\n\r\n"),
+            "3\r\n{}\r\n0");
+}
+
+TEST(ZavloCellularSnaClientResponse, RedirectTargets) {
+  const auto base = url("https://h/a");
+  const auto target = [&](const char* response) -> std::string {
+    const auto redirect = Client::parseRedirect(base, response);
+    if (!redirect) return "<none>";
+    EXPECT_FALSE(redirect->cookies);
+    return redirect->url ? redirect->url->absoluteString() : "<no url>";
+  };
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: /next?x=1\r\n\r\n"), "https://h/next?x=1");
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nlocation: http://op.test:8080/b\r\n\r\n"), "http://op.test:8080/b");
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: next\r\n\r\n"), "https://h/next");
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: http://o.test/a b?c d\r\n\r\n"), "http://o.test/a+b?c+d");
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\n\r\n"), "<none>");
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: /x"), "<none>") << "no line break after the value";
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: /x\nX: y\r\n"), "<none>") << "a bare LF ends the value";
+  EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: http://h:99999/\r\n\r\n"), "<none>") << "port out of range";
+  EXPECT_FALSE(Client::parseRedirect(url("file:///x"), "HTTP/1.1 302 X\r\nLocation: /y\r\n\r\n"));
+}
+
+TEST(ZavloCellularSnaClientResponse, DictionariesForErrorsAndFinalAnswers) {
+  EXPECT_EQ(Client::convertNetworkErrorToDictionary(ZavloNetworkError::connectionCantBeCreated("t")),
+            (json{{"error", "SNA_CONNECTION_FAILED"}, {"error_description", "t"}}));
+  EXPECT_EQ(Client::convertNetworkErrorToDictionary(ZavloNetworkError::connectionFailed("c")).at("error"),
+            "SNA_CONNECTION_FAILED");
+  EXPECT_EQ(Client::convertNetworkErrorToDictionary(ZavloNetworkError::invalidRedirectURL("r")).at("error"),
+            "SNA_INVALID_REDIRECT");
+  EXPECT_EQ(Client::convertNetworkErrorToDictionary(ZavloNetworkError::other("o")).at("error"),
+            "SNA_CELLULAR_REQUEST_FAILED");
+  EXPECT_EQ(Client::convertNetworkErrorToDictionary(ZavloNetworkError::tooManyRedirects()),
+            (json{{"error", "SNA_TOO_MANY_REDIRECTS"}, {"error_description", "Too many redirects"}}));
+
+  EXPECT_EQ(Client::convertConnectionResponseToDictionary({200, R"({"snaToken":"x"})"}),
+            (json{{"httpStatusCode", 200}, {"snaToken", "x"}}));
+  EXPECT_EQ(Client::convertConnectionResponseToDictionary({200, R"({"httpStatusCode":"fake"})"}),
+            (json{{"httpStatusCode", "fake"}}))
+      << "the body wins a clash";
+  EXPECT_EQ(Client::convertConnectionResponseToDictionary({404, "[1,2]"}), (json{{"httpStatusCode", 404}}));
+  EXPECT_EQ(Client::convertConnectionResponseToDictionary({500, "not json"}), (json{{"httpStatusCode", 500}}));
+  EXPECT_EQ(Client::convertConnectionResponseToDictionary({204, std::nullopt}), (json{{"httpStatusCode", 204}}));
+}
+
+namespace {
+
+struct Judged {
+  std::vector<ZavloConnectionResult> results;
+  std::vector<std::shared_ptr<ZavloAuthEventLog>> events;
+};
+
+Judged judge(const char* requestUrl, std::string response, std::optional<ZavloConnectionError> error = {}) {
+  ZavloTestPlatform platform;
+  Judged judged;
+  auto client = Client::create(platform, [&](auto event) { judged.events.push_back(std::move(event)); });
+  client->processResponse(url(requestUrl), std::vector<std::uint8_t>(response.begin(), response.end()), error,
+                          [&](ZavloConnectionResult result) { judged.results.push_back(std::move(result)); });
+  return judged;
+}
+
+json dictionaryOf(const ZavloConnectionResult& result) {
+  if (const auto* error = std::get_if<ZavloNetworkError>(&result))
+    return Client::convertNetworkErrorToDictionary(*error);
+  if (const auto* ok = std::get_if<ZavloDataOK>(&result)) {
+    return {{"dataOK", Client::convertConnectionResponseToDictionary(ok->response)}};
+  }
+  if (const auto* err = std::get_if<ZavloDataErr>(&result)) {
+    return {{"dataErr", Client::convertConnectionResponseToDictionary(err->response)}};
+  }
+  const auto& redirect = std::get<ZavloRedirectResult>(result);
+  return {{"follow", redirect.url ? redirect.url->absoluteString() : ""}};
+}
+
+}  // namespace
+
+TEST(ZavloCellularSnaClientResponse, StatusTableWithHopEvents) {
+  struct Row {
+    std::string response;
+    json result;
+    std::string responseUrl;
+    std::string responseBody;
+  };
+  const std::string hop = "http://op.test/start";
+  const std::vector<Row> rows = {
+      {"HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"x\"}",
+       {{"dataOK", {{"httpStatusCode", 200}, {"snaToken", "x"}}}},
+       hop,
+       R"({"snaToken":"x"})"},
+      {"HTTP/1.1 202 Accepted\r\n\r\n", {{"dataOK", {{"httpStatusCode", 202}}}}, hop, ""},
+      {"HTTP/1.1 204 No Content\r\n\r\n{\"ignored\":1}", {{"dataOK", {{"httpStatusCode", 204}}}}, hop, ""},
+      {"HTTP/1.1 302 Found\r\nLocation: /next\r\n\r\nmoved",
+       {{"follow", "http://op.test/next"}},
+       "http://op.test/next",
+       "moved"},
+      {"HTTP/1.1 308 Permanent\r\nLocation: https://b.test/\r\n\r\n",
+       {{"follow", "https://b.test/"}},
+       "https://b.test/",
+       ""},
+      {"HTTP/1.1 302 Found\r\n\r\n",
+       {{"error", "SNA_INVALID_REDIRECT"}, {"error_description", "Invalid URL - unable to parse redirect"}},
+       "",
+       ""},
+      {"HTTP/1.1 404 Not Found\r\n\r\n",
+       {{"error", "SNA_CELLULAR_REQUEST_FAILED"}, {"error_description", "Unexpected HTTP Status 404"}},
+       hop,
+       ""},
+      {"HTTP/1.1 404 Not Found\r\n\r\n{\"reason\":\"gone\"}",
+       {{"dataErr", {{"httpStatusCode", 404}, {"reason", "gone"}}}},
+       hop,
+       R"({"reason":"gone"})"},
+      {"HTTP/1.1 511 Auth\r\n\r\n{}", {{"dataErr", {{"httpStatusCode", 511}}}}, hop, "{}"},
+      {"HTTP/1.1 452 X\r\n\r\n{}",
+       {{"error", "SNA_CELLULAR_REQUEST_FAILED"}, {"error_description", "Unexpected HTTP Status 452"}},
+       hop,
+       ""},
+      {"HTTP/1.1 203 X\r\n\r\n{}",
+       {{"error", "SNA_CELLULAR_REQUEST_FAILED"}, {"error_description", "Unexpected HTTP Status 203"}},
+       hop,
+       ""},
+      {"HTTP/1.1 304 X\r\n\r\n",
+       {{"error", "SNA_CELLULAR_REQUEST_FAILED"}, {"error_description", "Unexpected HTTP Status 304"}},
+       hop,
+       ""},
+      {"garbage that is long",
+       {{"error", "SNA_CELLULAR_REQUEST_FAILED"}, {"error_description", "Unexpected HTTP Status 0"}},
+       hop,
+       ""},
+  };
+  for (const auto& row : rows) {
+    const auto judged = judge(hop.c_str(), row.response);
+    ASSERT_EQ(judged.results.size(), 1U) << row.response;
+    EXPECT_EQ(dictionaryOf(judged.results[0]), row.result) << row.response;
+    const bool invalidRedirect = row.result.contains("error") && row.result["error"] == "SNA_INVALID_REDIRECT";
+    if (invalidRedirect) {
+      EXPECT_TRUE(judged.events.empty()) << "an unparsable redirect sends no hop event";
+      continue;
+    }
+    ASSERT_EQ(judged.events.size(), 1U) << row.response;
+    const auto& event = *judged.events[0];
+    EXPECT_EQ(event.eventName, "SNA_HOP");
+    EXPECT_EQ(event.authProvider, "NATIVE_SNA");
+    EXPECT_FALSE(event.status);
+    EXPECT_FALSE(event.entityId);
+    const auto& meta = *event.metaData;
+    EXPECT_EQ(meta.at("requestUrl"), hop);
+    EXPECT_EQ(meta.at("responseUrl"), row.responseUrl) << row.response;
+    EXPECT_EQ(meta.at("responseBody"), row.responseBody) << row.response;
+    EXPECT_EQ(meta.at("requestBody"), "");
+    EXPECT_EQ(meta.at("httpCode"), Client::parseHttpStatusCode(row.response));
+    EXPECT_EQ(meta.at("sdkVersion"), "1.1.1");
+    EXPECT_EQ(meta.size(), 6U);
+  }
+}
+
+TEST(ZavloCellularSnaClientResponse, ReceiveErrorsAndCorruptAnswersFailWithDifferentTexts) {
+  const auto failed = judge("http://op.test/", "", ZavloConnectionError{104, "Connection reset by peer"});
+  ASSERT_EQ(failed.results.size(), 1U);
+  EXPECT_EQ(dictionaryOf(failed.results[0]),
+            (json{{"error", "SNA_CELLULAR_REQUEST_FAILED"}, {"error_description", "Connection reset by peer"}}));
+  ASSERT_EQ(failed.events.size(), 1U);
+  EXPECT_EQ(failed.events[0]->status, "FAILURE");
+  EXPECT_EQ(failed.events[0]->metaData->at("failureReason"), "Connection reset by peer");
+  EXPECT_EQ(failed.events[0]->metaData->at("httpCode"), 0);
+  EXPECT_EQ(failed.events[0]->metaData->size(), 7U);
+
+  for (const auto& response : {std::string(), std::string("HTTP/1.1 200 OK\r\n\r\n\xff\xfe")}) {
+    const auto corrupt = judge("http://op.test/", response);
+    ASSERT_EQ(corrupt.results.size(), 1U);
+    EXPECT_EQ(dictionaryOf(corrupt.results[0]).at("error_description"), "Response has no data or corrupt");
+    ASSERT_EQ(corrupt.events.size(), 1U);
+    EXPECT_EQ(corrupt.events[0]->failureReason, "Response has no data or is corrupt");
+  }
+}
