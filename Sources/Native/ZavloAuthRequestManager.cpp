@@ -1,0 +1,197 @@
+#include "Native/ZavloAuthRequestManager.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+#include "Cellular/ZavloCellularPathChecker.hpp"
+#include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Core/ZavloAuthEventLog.hpp"
+#include "Core/ZavloAuthLogManager.hpp"
+#include "Core/ZavloAuthValidationUtils.hpp"
+#include "Core/ZavloAuthVersion.hpp"
+#include "Core/ZavloUrl.hpp"
+
+namespace {
+
+constexpr const char* kProvider = "NATIVE_SNA";
+
+nlohmann::json failureMetaData(const ZavloAuthException& exception) {
+  return {{"errorCode", exception.errorCode().value_or("")},
+          {"errorMessage", exception.errorMessage()},
+          {"sdkVersion", ZavloAuthSDKVersion}};
+}
+
+std::string upperCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return text;
+}
+
+}  // namespace
+
+std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
+    ZavloPlatform& platform, std::shared_ptr<ZavloAuthLogManager> logManager,
+    std::shared_ptr<ZavloCellularPathChecker> pathChecker) {
+  return std::shared_ptr<ZavloAuthRequestManager>(
+      new ZavloAuthRequestManager(platform, std::move(logManager), std::move(pathChecker)));
+}
+
+std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::shared() {
+  // The process-wide checker is never destroyed, so it is held without ownership.
+  static const auto instance = create(
+      ZavloPlatform::current(), ZavloAuthLogManager::shared(),
+      std::shared_ptr<ZavloCellularPathChecker>(&ZavloCellularPathChecker::shared(), [](ZavloCellularPathChecker*) {}));
+  return instance;
+}
+
+ZavloAuthRequestManager::ZavloAuthRequestManager(ZavloPlatform& platform,
+                                                 std::shared_ptr<ZavloAuthLogManager> logManager,
+                                                 std::shared_ptr<ZavloCellularPathChecker> pathChecker)
+    : platform_(platform), logManager_(std::move(logManager)), pathChecker_(std::move(pathChecker)) {}
+
+ZavloAuthRequestManager::~ZavloAuthRequestManager() { clearSession(); }
+
+void ZavloAuthRequestManager::clearSession() {
+  std::lock_guard lock(stateLock);
+  storedRequestId.reset();
+  isSessionInitialized = false;
+}
+
+ZavloAuthRequestManager::SessionSnapshot ZavloAuthRequestManager::sessionSnapshot() const {
+  std::lock_guard lock(stateLock);
+  return {isSessionInitialized, storedRequestId};
+}
+
+void ZavloAuthRequestManager::sendStartEvent(const char* eventName, const std::optional<std::string>& requestId,
+                                             bool snaType) {
+  auto event = std::make_shared<ZavloAuthEventLog>();
+  event->requestId = requestId;
+  event->authProvider = kProvider;
+  if (snaType) event->authType = "SNA";
+  event->eventName = eventName;
+  auto metaData = ZavloAuthEventLog::createDeviceMetadata(platform_.deviceInfo());
+  metaData["sdkVersion"] = ZavloAuthSDKVersion;
+  event->metaData = std::move(metaData);
+  logManager_->sendEventLog(std::move(event));
+}
+
+void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std::optional<std::string>& requestId,
+                                               bool snaType, const char* status,
+                                               const std::optional<std::string>& failureReason,
+                                               nlohmann::json metaData) {
+  auto event = std::make_shared<ZavloAuthEventLog>();
+  event->requestId = requestId;
+  event->authProvider = kProvider;
+  if (snaType) event->authType = "SNA";
+  event->eventName = eventName;
+  event->status = status;
+  event->failureReason = failureReason;
+  event->metaData = std::move(metaData);
+  logManager_->sendEventLog(std::move(event));
+}
+
+void ZavloAuthRequestManager::performCellularPreflightCheck(const std::optional<std::string>& /*requestId*/,
+                                                            const std::string& /*eventName*/,
+                                                            std::function<void()> onSuccess,
+                                                            std::function<void(ZavloAuthException)> onFailure) {
+  pathChecker_->requireDefaultPathIsCellular(
+      [onSuccess = std::move(onSuccess), onFailure = std::move(onFailure)](ZavloCellularPathChecker::Verdict verdict) {
+        if (verdict) {
+          onSuccess();
+        } else {
+          onFailure(ZavloCellularPathChecker::authException(verdict.error()));
+        }
+      });
+}
+
+void ZavloAuthRequestManager::initialize(std::optional<std::string> requestId, std::shared_ptr<void> viewController,
+                                         InitCompletion completion) {
+  platform_.mainQueue().post([self = shared_from_this(), requestId = std::move(requestId),
+                              viewController = std::move(viewController), completion = std::move(completion)] {
+    if (!viewController) {
+      if (completion) {
+        completion(zavloFailure(
+            ZavloAuthException::failure("NO_VIEW_CONTROLLER", "ViewController is required but not provided")));
+      }
+      return;
+    }
+    self->sendStartEvent("INIT_AUTH", requestId, false);
+    self->performCellularPreflightCheck(
+        requestId, "INIT_AUTH",
+        [self, requestId, completion] {
+          {
+            std::lock_guard lock(self->stateLock);
+            self->storedRequestId = requestId;
+            self->isSessionInitialized = true;
+          }
+          self->sendOutcomeEvent("INIT_AUTH_RESPONSE", requestId, false, "SUCCESS", std::nullopt,
+                                 {{"mcc", ""}, {"mnc", ""}, {"sdkVersion", ZavloAuthSDKVersion}});
+          if (completion) completion(ZavloAuthInitSuccessResponse{"SUCCESS", "200", "", ""});
+        },
+        [self, requestId, completion](ZavloAuthException exception) {
+          self->sendOutcomeEvent("INIT_AUTH_RESPONSE", requestId, false, "FAILURE", exception.errorMessage(),
+                                 failureMetaData(exception));
+          if (completion) completion(zavloFailure(std::move(exception)));
+        });
+  });
+}
+
+void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLString, SnaCompletion completion) {
+  const auto session = sessionSnapshot();
+  if (!session.isSessionInitialized) {
+    if (completion) {
+      completion(zavloFailure(ZavloAuthException::failure("SESSION_NOT_INITIALIZED",
+                                                          "Session not initialized. Please call initAuth first.")));
+    }
+    return;
+  }
+  const auto sanitized = ZavloAuthValidationUtils::sanitizeString(snaURLString);
+  auto url = sanitized.empty() ? std::nullopt : ZavloUrl::parse(sanitized);
+  if (!url || (url->scheme() != "http" && url->scheme() != "https")) {
+    if (completion) {
+      completion(zavloFailure(ZavloAuthException::failure("INVALID_SNA_URI", "Invalid SNA URI provided")));
+    }
+    return;
+  }
+
+  const auto requestId = session.storedRequestId;
+  sendStartEvent("START_AUTH", requestId, true);
+  auto onFailure = [self = shared_from_this(), requestId, completion](ZavloAuthException exception) {
+    self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, "FAILURE", exception.errorMessage(),
+                           failureMetaData(exception));
+    if (completion) completion(zavloFailure(std::move(exception)));
+  };
+  auto onSuccess = [self = shared_from_this(), requestId, completion, url = std::move(*url)] {
+    std::weak_ptr<ZavloAuthLogManager> logManager = self->logManager_;
+    auto client = ZavloCellularSnaClient::create(self->platform_, [logManager](auto event) {
+      if (auto manager = logManager.lock()) manager->sendEventLog(std::move(event));
+    });
+    client->CONNECTION_TIME_OUT = kSnaHopTimeOut;
+    client->open(url, requestId, [self, requestId, completion](nlohmann::json dictionary) {
+      const auto error = dictionary.find("error");
+      if (error != dictionary.end() && error->is_string()) {
+        const auto description = dictionary.find("error_description");
+        const std::string message = (description != dictionary.end() && description->is_string())
+                                        ? description->get<std::string>()
+                                        : std::string("Unknown error");
+        auto exception = ZavloAuthException::failure(upperCase(error->get<std::string>()), message);
+        self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, "FAILURE", message, failureMetaData(exception));
+        if (completion) completion(zavloFailure(std::move(exception)));
+        return;
+      }
+      const auto code = dictionary.find("httpStatusCode");
+      const std::int64_t httpStatusCode =
+          (code != dictionary.end() && code->is_number_integer()) ? code->get<std::int64_t>() : 0;
+      std::optional<std::string> snaToken;
+      if (const auto token = dictionary.find("snaToken"); token != dictionary.end() && token->is_string()) {
+        snaToken = token->get<std::string>();
+      }
+      const char* status = (httpStatusCode >= 200 && httpStatusCode <= 399) ? "SUCCESS" : "FAILURE";
+      nlohmann::json metaData = {{"httpStatusCode", httpStatusCode}, {"sdkVersion", ZavloAuthSDKVersion}};
+      if (snaToken) metaData["snaToken"] = *snaToken;
+      self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, status, std::nullopt, std::move(metaData));
+      if (completion) completion(ZavloSnaStartResponse{status, httpStatusCode, snaToken});
+    });
+  };
+  performCellularPreflightCheck(requestId, "START_AUTH", std::move(onSuccess), std::move(onFailure));
+}

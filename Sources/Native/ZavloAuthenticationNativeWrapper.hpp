@@ -1,0 +1,58 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "Core/ZavloAuthEnvironment.hpp"
+#include "Core/ZavloAuthException.hpp"
+#include "Core/ZavloResult.hpp"
+#include "Native/ZavloAuthInitConfig.hpp"
+#include "Native/ZavloAuthenticationRepository.hpp"
+
+class ZavloAuthLogManager;
+
+/// The entry class for native hosts: setup, then initAuth, then the operations, then
+/// cleanupAll. Every result leaves as a dictionary, every failure as a ZavloAuthException.
+///
+/// Threading: call setup, initAuth and cleanupAll from one thread (normally the main
+/// thread). Completions run on the main queue, except synchronous failures (no screen,
+/// no session, a bad URL), which run on the caller's thread before the call returns.
+class ZavloAuthenticationNativeWrapper {
+ public:
+  using Completion = std::function<void(ZavloResult<nlohmann::json>)>;
+
+  ZavloAuthenticationNativeWrapper(std::shared_ptr<ZavloAuthenticationRepository> repository,
+                                   std::shared_ptr<ZavloAuthLogManager> logManager);
+  ZavloAuthenticationNativeWrapper(const ZavloAuthenticationNativeWrapper&) = delete;
+  ZavloAuthenticationNativeWrapper& operator=(const ZavloAuthenticationNativeWrapper&) = delete;
+
+  /// The process-wide instance, built on the process-wide platform on first use.
+  static ZavloAuthenticationNativeWrapper& shared();
+
+  /// Remembers the host's screen (weakly) and environment, and turns telemetry on for
+  /// that environment's tracking endpoint.
+  void setup(std::weak_ptr<void> viewController, ZavloAuthEnvironment environment);
+  void initAuth(const nlohmann::json& config, Completion completion);
+  void initSNA(const nlohmann::json& config, Completion completion) { initAuth(config, std::move(completion)); }
+  void startAuth(const std::string& snaUrl, Completion completion);
+  void startSNA(const std::string& snaUrl, Completion completion) { startAuth(snaUrl, std::move(completion)); }
+  [[nodiscard]] nlohmann::json getCapabilities() const;
+  /// Clears the session and the configuration and shuts telemetry down, synchronously.
+  void cleanupAll();
+
+  [[nodiscard]] std::shared_ptr<ZavloAuthInitConfig> initConfig() const { return initConfig_; }
+  [[nodiscard]] std::optional<ZavloAuthEnvironment> environment() const { return environment_; }
+
+ private:
+  void cleanup();
+
+  std::shared_ptr<ZavloAuthInitConfig> initConfig_;
+  const std::shared_ptr<ZavloAuthenticationRepository> repository;
+  std::shared_ptr<ZavloAuthLogManager> logManager_;
+  std::weak_ptr<void> viewController_;
+  std::optional<ZavloAuthEnvironment> environment_;
+};

@@ -1,0 +1,55 @@
+#pragma once
+
+// A complete native object graph on the test platform, with telemetry recorded by the
+// test HTTP sessions: what a host gets from the shared instances, but private to a test.
+#include <memory>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Cellular/ZavloCellularPathChecker.hpp"
+#include "Core/ZavloAuthHTTPManager.hpp"
+#include "Core/ZavloAuthLogManager.hpp"
+#include "Native/ZavloAuthenticationNativeWrapper.hpp"
+#include "Testing/ZavloTestPlatform.hpp"
+
+struct ZavloNativeGraph {
+  ZavloTestPlatform platform;
+  std::shared_ptr<ZavloAuthHTTPManager> http = ZavloAuthHTTPManager::create(platform);
+  std::shared_ptr<ZavloAuthLogManager> log = std::make_shared<ZavloAuthLogManager>(http);
+  std::shared_ptr<ZavloCellularPathChecker> checker = std::make_shared<ZavloCellularPathChecker>(platform);
+  std::shared_ptr<ZavloAuthRequestManager> requests = ZavloAuthRequestManager::create(platform, log, checker);
+  std::shared_ptr<ZavloAuthenticationRepository> repository = std::make_shared<ZavloAuthenticationRepository>(requests);
+  ZavloAuthenticationNativeWrapper wrapper{repository, log};
+  std::shared_ptr<int> screen = std::make_shared<int>(0);
+
+  /// Every telemetry event posted so far, as the collector would parse it.
+  [[nodiscard]] std::vector<nlohmann::json> events() {
+    std::vector<nlohmann::json> parsed;
+    for (const auto& exchange : platform.http().exchanges())
+      parsed.push_back(nlohmann::json::parse(exchange.bodyText()));
+    return parsed;
+  }
+  [[nodiscard]] std::vector<std::string> eventNames() {
+    std::vector<std::string> names;
+    for (const auto& event : events()) names.push_back(event.value("eventName", "?"));
+    return names;
+  }
+  /// The path every monitor reports from now on.
+  void setPath(std::vector<ZavloNetworkInterface> interfaces) {
+    platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath(std::move(interfaces)));
+  }
+};
+
+/// Collects completions of the native wrapper and says on which queue they arrived.
+struct ZavloCompletions {
+  std::vector<ZavloResult<nlohmann::json>> results;
+  std::vector<bool> onMainQueue;
+
+  ZavloAuthenticationNativeWrapper::Completion collect(ZavloPlatform& platform) {
+    return [this, &platform](ZavloResult<nlohmann::json> result) {
+      results.push_back(std::move(result));
+      onMainQueue.push_back(platform.mainQueue().isCurrent());
+    };
+  }
+};
