@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <thread>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "ZavloConnectionRecorder.hpp"
@@ -228,6 +229,28 @@ TEST_F(ZavloLinuxConnectionTest, CancelAtAnyMomentNeverReportsAfterCancelled) {
     const auto events = recorder.events();
     EXPECT_EQ(std::count(events.begin(), events.end(), "cancelled"), 1) << turns;
     EXPECT_EQ(events.back(), "cancelled") << turns;
+  }
+}
+
+TEST_F(ZavloLinuxConnectionTest, CancelFromAnotherThreadEndsCleanlyWhateverTheConnectionIsDoing) {
+  ZavloTestServer server(ZavloTestServerReply::neverAnswer());
+  for (int round = 0; round < 20; ++round) {
+    auto recorder = connect("127.0.0.1", server.port());
+    recorder.start();
+    recorder.send(kRequest);
+    recorder.receive(1, 65536);
+    std::thread canceller([&recorder, delay = std::chrono::microseconds(50 * round)] {
+      std::this_thread::sleep_for(delay);
+      recorder.connection().cancel();
+    });
+    const bool cancelled = runUntil([&] { return recorder.has("cancelled"); });
+    canceller.join();
+    ASSERT_TRUE(cancelled) << round;
+    platform.runLoop().runUntil([] { return false; }, 5ms);
+    const auto events = recorder.events();
+    EXPECT_EQ(std::count(events.begin(), events.end(), "cancelled"), 1) << round;
+    EXPECT_EQ(events.back(), "cancelled") << round;
+    EXPECT_FALSE(recorder.offQueue());
   }
 }
 
