@@ -6,7 +6,17 @@
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : deviceInfo_(std::move(options.hostApplicationVersion)),
       classifier_(std::move(options.cellularInterfaces)),
+      trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
       connections_(classifier_) {}
+
+std::shared_ptr<ZavloConnection> ZavloLinuxPlatform::makeConnection(const std::string& host, std::uint16_t port,
+                                                                    ZavloConnectionParameters parameters) {
+  if (parameters.tls) {
+    auto& anchors = parameters.tls->additionalTrustAnchorsPem;
+    anchors.insert(anchors.end(), trustAnchors_.begin(), trustAnchors_.end());
+  }
+  return connections_.makeConnection(host, port, std::move(parameters));
+}
 
 std::shared_ptr<ZavloQueue> ZavloLinuxPlatform::makeSerialQueue(const std::string& label) {
   return std::make_shared<ZavloLinuxSerialQueue>(label);

@@ -15,9 +15,12 @@
 class ZavloLinuxPlatform final : public ZavloPlatform {
  public:
   struct Options {
-    std::optional<std::string> hostApplicationVersion;
+    std::optional<std::string> hostApplicationVersion = {};
     /// Interfaces to treat as cellular whatever the kernel says (tests, demos, odd modems).
-    std::vector<std::string> cellularInterfaces;
+    std::vector<std::string> cellularInterfaces = {};
+    /// Trust anchors (PEM) that every TLS connection accepts beside the system trust store:
+    /// a private operator CA, or a test's own.
+    std::vector<std::string> additionalTrustAnchorsPem = {};
   };
 
   ZavloLinuxPlatform() : ZavloLinuxPlatform(Options{}) {}
@@ -29,9 +32,7 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override;
   std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override;
   std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
-                                                  ZavloConnectionParameters parameters) override {
-    return connections_.makeConnection(host, port, std::move(parameters));
-  }
+                                                  ZavloConnectionParameters parameters) override;
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
@@ -41,5 +42,6 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   ZavloLinuxRunLoop runLoop_;
   ZavloLinuxDeviceInfo deviceInfo_;
   ZavloLinuxInterfaceClassifier classifier_;
+  std::vector<std::string> trustAnchors_;
   ZavloLinuxConnectionService connections_;  // last: its I/O thread stops first
 };

@@ -35,7 +35,7 @@ class ZavloCellularPreflightInNamespace : public ::testing::Test {
   // Runs one check whose path monitor lives in the namespace; meanwhile (if given) runs
   // on the test thread while the check waits.
   Outcome check(const std::vector<std::string>& cellularInterfaces = {}, const std::function<void()>& meanwhile = {}) {
-    ZavloLinuxPlatform platform(ZavloLinuxPlatform::Options{{}, cellularInterfaces});
+    ZavloLinuxPlatform platform(ZavloLinuxPlatform::Options{.cellularInterfaces = cellularInterfaces});
     auto outcome = std::make_shared<Outcome>();
     {
       ZavloCellularPathChecker checker(platform);
