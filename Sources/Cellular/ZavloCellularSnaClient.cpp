@@ -111,6 +111,8 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
     return;
   }
   std::vector<std::uint8_t> request(command->begin(), command->end());
+  hopStarted_ = std::chrono::steady_clock::now();
+  connectTime_.reset();
   std::optional<std::int64_t> port;
   if (url.port()) port = *url.port();
   if (!createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::v6)) {
@@ -121,7 +123,11 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
 
   std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
   auto readyState = [weak, url, request, completion] {
-    if (auto self = weak.lock()) self->sendAndReceiveWithBody(url, request, completion);
+    const auto self = weak.lock();
+    if (!self) return;
+    self->connectTime_ =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - self->hopStarted_);
+    self->sendAndReceiveWithBody(url, request, completion);
   };
   auto fallback = [weak, url, port, completion, readyState] {
     const auto self = weak.lock();
@@ -265,22 +271,36 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
   sendEvent_(std::move(event));
 }
 
+void ZavloCellularSnaClient::traceHop(const ZavloUrl& url, std::int64_t status, std::optional<std::string> redirect,
+                                      std::optional<std::string> failure) const {
+  if (hopObserver) hopObserver({url.absoluteString(), connectTime_, status, std::move(redirect), std::move(failure)});
+}
+
 void ZavloCellularSnaClient::processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,
                                              const std::optional<ZavloConnectionError>& error,
                                              const ResponseHandler& completion) {
   if (error) {
+    traceHop(requestUrl, 0, std::nullopt, error->localizedDescription);
     sendHopEvent(requestUrl, "", 0, "", error->localizedDescription);
     deliver(completion, ZavloNetworkError::other(error->localizedDescription));
     return;
   }
   const std::string response(data.begin(), data.end());
   if (response.empty() || !isValidUtf8(response)) {
+    traceHop(requestUrl, 0, std::nullopt, std::string("Response has no data or corrupt"));
     sendHopEvent(requestUrl, "", 0, "", std::string("Response has no data or is corrupt"));
     deliver(completion, ZavloNetworkError::other("Response has no data or corrupt"));
     return;
   }
 
   const auto status = parseHttpStatusCode(response);
+  std::optional<ZavloRedirectResult> redirect;
+  if (status == 301 || status == 302 || status == 303 || status == 307 || status == 308) {
+    redirect = parseRedirect(requestUrl, response);
+  }
+  traceHop(requestUrl, status,
+           redirect && redirect->url ? std::optional<std::string>(redirect->url->absoluteString()) : std::nullopt,
+           std::nullopt);
   const auto& requestText = requestUrl.absoluteString();
   const auto unexpected = [&] {
     sendHopEvent(requestUrl, requestText, status, "", std::nullopt);
@@ -304,7 +324,6 @@ void ZavloCellularSnaClient::processResponse(const ZavloUrl& requestUrl, const s
     case 303:
     case 307:
     case 308: {
-      auto redirect = parseRedirect(requestUrl, response);
       if (!redirect) {
         deliver(completion, ZavloNetworkError::invalidRedirectURL("Invalid URL - unable to parse redirect"));
         return;

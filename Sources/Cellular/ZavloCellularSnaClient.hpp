@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -31,8 +32,20 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   static std::shared_ptr<ZavloCellularSnaClient> create(ZavloPlatform& platform, EventSink sendEvent);
 
+  /// What one hop did, for diagnostics (the command-line host's -v trace).
+  struct HopTrace {
+    std::string url;
+    std::optional<std::chrono::microseconds> connectTime;  ///< absent: never became ready
+    std::int64_t status = 0;                               ///< 0: no HTTP status was read
+    std::optional<std::string> redirect;                   ///< the next hop's URL
+    std::optional<std::string> failure;                    ///< why the hop failed, if it did
+  };
+  using HopObserver = std::function<void(const HopTrace&)>;
+
   /// Per-hop time-out in seconds; the flow sets 10.0 before open().
   double CONNECTION_TIME_OUT = 7.0;
+  /// Told about every hop that got an answer or a receive error; set before open().
+  HopObserver hopObserver;
 
   /// Starts the chain at url; completion receives the final dictionary.
   void open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion);
@@ -75,6 +88,8 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   void sendHopEvent(const ZavloUrl& requestUrl, const std::string& responseUrl, std::int64_t httpCode,
                     const std::string& responseBody, const std::optional<std::string>& failure);
   void deliver(const ResponseHandler& completion, ZavloConnectionResult result);
+  void traceHop(const ZavloUrl& url, std::int64_t status, std::optional<std::string> redirect,
+                std::optional<std::string> failure) const;
 
   ZavloPlatform& platform_;
   EventSink sendEvent_;
@@ -84,4 +99,6 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   mutable std::mutex accessQueue;  // "com.zavlo.cellular.sna.manager": guards the handler only
   ResponseHandler checkResponseHandler_;
   bool finished_ = false;  // the completion has been called; main queue only
+  std::chrono::steady_clock::time_point hopStarted_;
+  std::optional<std::chrono::microseconds> connectTime_;
 };

@@ -51,6 +51,11 @@ ZavloAuthRequestManager::ZavloAuthRequestManager(ZavloPlatform& platform,
 
 ZavloAuthRequestManager::~ZavloAuthRequestManager() { clearSession(); }
 
+void ZavloAuthRequestManager::setHopObserver(ZavloCellularSnaClient::HopObserver observer) {
+  std::lock_guard lock(observerMutex_);
+  hopObserver_ = std::move(observer);
+}
+
 void ZavloAuthRequestManager::clearSession() {
   std::lock_guard lock(stateLock);
   storedRequestId.reset();
@@ -167,6 +172,10 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
       if (auto manager = logManager.lock()) manager->sendEventLog(std::move(event));
     });
     client->CONNECTION_TIME_OUT = kSnaHopTimeOut;
+    {
+      std::lock_guard lock(self->observerMutex_);
+      client->hopObserver = self->hopObserver_;
+    }
     client->open(url, requestId, [self, requestId, completion](nlohmann::json dictionary) {
       const auto error = dictionary.find("error");
       if (error != dictionary.end() && error->is_string()) {

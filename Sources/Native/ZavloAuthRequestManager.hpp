@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "Cellular/ZavloCellularSnaClient.hpp"
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloAuthInitSuccessResponse.hpp"
 #include "Core/ZavloResult.hpp"
@@ -49,6 +50,10 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   /// Runs one silent network authentication chain against snaURLString.
   void startSilentNetworkAuth(const std::string& snaURLString, SnaCompletion completion);
 
+  /// Told about every hop of every chain this manager starts (diagnostics); callable
+  /// from any thread, takes effect for chains started afterwards.
+  void setHopObserver(ZavloCellularSnaClient::HopObserver observer);
+
   /// Per-hop time-out of the chains this manager starts.
   static constexpr double kSnaHopTimeOut = 10.0;
 
@@ -65,6 +70,9 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   ZavloPlatform& platform_;
   std::shared_ptr<ZavloAuthLogManager> logManager_;
   std::shared_ptr<ZavloCellularPathChecker> pathChecker_;
+
+  std::mutex observerMutex_;
+  ZavloCellularSnaClient::HopObserver hopObserver_;
 
   mutable std::mutex stateLock;
   std::optional<std::string> storedRequestId;

@@ -3,6 +3,10 @@
 
 #include <algorithm>
 
+#include <sstream>
+
+#include "ZavloChainServer.hpp"
+#include "ZavloHttpTestServer.hpp"
 #include "ZavloProcess.hpp"
 
 namespace {
@@ -63,4 +67,64 @@ TEST(ZavloCli, InterfacesWithoutACellularInterfaceFailsWithTheMappedError) {
   EXPECT_EQ(dictionary.at("errorCode"), "SNA_CELLULAR_UNAVAILABLE");
   EXPECT_EQ(dictionary.at("errorMessage"), "No cellular network available. Please ensure cellular data is enabled.");
   EXPECT_TRUE(dictionary.at("interfaces").is_array());
+}
+
+namespace {
+
+std::vector<nlohmann::json> jsonLines(const std::string& text) {
+  std::vector<nlohmann::json> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(nlohmann::json::parse(line));
+  return lines;
+}
+
+}  // namespace
+
+TEST(ZavloCli, SnaRunsTheChainOverTheDeclaredInterfaceAndTheCollectorGetsEveryEvent) {
+  ZavloChainServer operatorServer;
+  ZavloHttpTestServer collector;
+  const auto run =
+      zavloAuth({"--cellular-interface", "lo", "--telemetry-endpoint", collector.url("/events"), "-v", "--environment",
+                 "development", "sna", operatorServer.chainUrl(3), "--config", R"({"requestId":"cli-1"})"});
+  ASSERT_EQ(run.exitStatus, 0) << run.standardOutput << run.standardError;
+  const auto lines = jsonLines(run.standardOutput);
+  ASSERT_EQ(lines.size(), 2U) << run.standardOutput;
+  EXPECT_EQ(lines[0], (nlohmann::json{{"status", "SUCCESS"}, {"statusCode", "200"}, {"mcc", ""}, {"mnc", ""}}));
+  EXPECT_EQ(lines[1],
+            (nlohmann::json{{"status", "SUCCESS"}, {"httpStatusCode", 200}, {"snaToken", operatorServer.token()}}));
+  EXPECT_EQ(operatorServer.requestsServed(), 3U);
+
+  // The host waits for telemetry in flight before it exits: every event has arrived.
+  std::vector<std::string> names;
+  for (const auto& request : collector.requests()) {
+    const auto event = nlohmann::json::parse(request.body);
+    names.push_back(event.at("eventName"));
+    EXPECT_EQ(event.at("requestId"), "cli-1");
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"INIT_AUTH", "INIT_AUTH_RESPONSE", "START_AUTH", "SNA_HOP", "SNA_HOP",
+                                             "SNA_HOP", "START_AUTH_RESPONSE"}));
+  EXPECT_EQ(std::count(run.standardError.begin(), run.standardError.end(), '\n'), 10)
+      << run.standardError << "one trace line per hop and per event";
+}
+
+TEST(ZavloCli, SnaStopsAtTheFirstFailureAndRejectsConfigurationsThatAreNoObject) {
+  const auto badUrl = zavloAuth({"--cellular-interface", "lo", "sna", "ftp://op.test/"});
+  EXPECT_EQ(badUrl.exitStatus, 1);
+  const auto lines = jsonLines(badUrl.standardOutput);
+  ASSERT_EQ(lines.size(), 2U) << badUrl.standardOutput;
+  EXPECT_EQ(lines[1], (nlohmann::json{{"status", "FAILURE"},
+                                      {"errorCode", "INVALID_SNA_URI"},
+                                      {"errorMessage", "Invalid SNA URI provided"}}));
+
+  const auto noModem = zavloAuth({"sna", "http://127.0.0.1:9/"});
+  if (noModem.standardOutput.find("SNA_CELLULAR_UNAVAILABLE") != std::string::npos) {
+    EXPECT_EQ(noModem.exitStatus, 1);
+    EXPECT_EQ(jsonLines(noModem.standardOutput).size(), 1U) << "sna stops after a failed initAuth";
+  }
+
+  for (const auto* config : {"[1]", "\"text\"", "{bad"}) {
+    const auto run = zavloAuth({"--cellular-interface", "lo", "init", "--config", config});
+    EXPECT_EQ(run.exitStatus, 2) << config;
+    EXPECT_TRUE(run.standardOutput.empty()) << run.standardOutput;
+  }
 }

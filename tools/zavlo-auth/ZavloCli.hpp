@@ -52,3 +52,4 @@ using ZavloCliCommand = std::function<void(CLI::App& app, ZavloCliContext& conte
 
 void addCapabilitiesCommand(CLI::App& app, ZavloCliContext& context);
 void addInterfacesCommand(CLI::App& app, ZavloCliContext& context);
+void addSessionCommands(CLI::App& app, ZavloCliContext& context);

@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   const ZavloCliCommand commands[] = {
       addCapabilitiesCommand,
       addInterfacesCommand,
+      addSessionCommands,
   };
   for (const auto& add : commands) add(app, context);
 
