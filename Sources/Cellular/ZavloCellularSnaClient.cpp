@@ -96,7 +96,7 @@ void ZavloCellularSnaClient::deliver(const ResponseHandler& completion, ZavloCon
   if (completion) completion(std::move(result));
 }
 
-void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url, ResponseHandler completion) {
+void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion) {
   if (connection) {
     connection->cancel();
     connection.reset();
@@ -204,7 +204,7 @@ ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHand
 }
 
 void ZavloCellularSnaClient::sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data,
-                                                    ResponseHandler completion) {
+                                                    const ResponseHandler& completion) {
   if (!connection) return;
   connection->send(std::move(data), [completion](const std::optional<ZavloConnectionError>& error) {
     if (error && completion) completion(ZavloNetworkError::other(error->localizedDescription));
@@ -213,7 +213,7 @@ void ZavloCellularSnaClient::sendAndReceiveWithBody(const ZavloUrl& requestUrl, 
   // this read returns.
   std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
   connection->receive(1, kMaximumResponseLength,
-                      [weak, requestUrl, completion](std::vector<std::uint8_t> received, bool /*isComplete*/,
+                      [weak, requestUrl, completion](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
                                                      const std::optional<ZavloConnectionError>& error) {
                         if (auto self = weak.lock()) self->processResponse(requestUrl, received, error, completion);
                       });
@@ -362,11 +362,11 @@ std::optional<std::string> ZavloCellularSnaClient::createHttpCommand(const Zavlo
   if (url.query()) command += "?" + *url.query();
   command += " HTTP/1.1\r\nHost: " + url.host();
   const auto& scheme = url.scheme();
-  if (startsWith(scheme, "https") && url.port() && *url.port() != 443) {
-    command += ":" + std::to_string(*url.port());
-  } else if (startsWith(scheme, "http") && url.port() && *url.port() != 80) {
-    // An https URL naming port 443 lands here too and keeps ":443"; intended.
-    command += ":" + std::to_string(*url.port());
+  // An https URL naming port 443 fails the first test and passes the second, so it keeps
+  // ":443"; intended.
+  const auto port = url.port();
+  if (port && ((startsWith(scheme, "https") && *port != 443) || (startsWith(scheme, "http") && *port != 80))) {
+    command += ":" + std::to_string(*port);
   }
   command += "\r\nAccept: text/html,application/json,application/xhtml+xml,application/xml,*/*";
   command += "\r\nUser-Agent: ZavloAuthenticationSDK/1.0";

@@ -50,7 +50,7 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   /// Starts the chain at url; completion receives the final dictionary.
   void open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion);
   /// Opens the connection for one hop and, once ready, sends the request.
-  void activateConnectionForDataFetch(const ZavloUrl& url, ResponseHandler completion);
+  void activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion);
   /// A cellular-only connection, stored as the current one; null for a scheme other than
   /// http/https or an empty host.
   std::shared_ptr<ZavloConnection> createConnection(const std::string& scheme, const std::string& host,
@@ -59,7 +59,8 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   ZavloConnection::StateHandler createConnectionUpdateHandler(ResponseHandler completion,
                                                               std::function<void()> readyState,
                                                               std::function<void()> ipv6Fallback);
-  void sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data, ResponseHandler completion);
+  void sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data,
+                              const ResponseHandler& completion);
   void createTimer();
   void fireTimer();
   void cleanUp();

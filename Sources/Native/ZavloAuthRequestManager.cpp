@@ -141,7 +141,7 @@ void ZavloAuthRequestManager::initialize(std::optional<std::string> requestId, s
   });
 }
 
-void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLString, SnaCompletion completion) {
+void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion) {
   const auto session = sessionSnapshot();
   if (!session.isSessionInitialized) {
     if (completion) {

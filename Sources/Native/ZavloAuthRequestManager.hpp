@@ -48,7 +48,7 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   [[nodiscard]] SessionSnapshot sessionSnapshot() const;
 
   /// Runs one silent network authentication chain against snaURLString.
-  void startSilentNetworkAuth(const std::string& snaURLString, SnaCompletion completion);
+  void startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion);
 
   /// Told about every hop of every chain this manager starts (diagnostics); callable
   /// from any thread, takes effect for chains started afterwards.
