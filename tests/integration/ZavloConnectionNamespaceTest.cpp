@@ -111,4 +111,73 @@ TEST_F(ZavloConnectionNamespaceTest, UnansweredConnectTimesOutOnTheCellularLink)
   EXPECT_EQ(decoyServer->acceptedCount(), 0U);
 }
 
+// Special-use names are answered by the connection itself. Inside a namespace with no
+// route anywhere, the system resolver could only fail ("try again later"), so a
+// connection that works here, or fails as authoritatively unknown, asked no name server.
+class ZavloConnectionSpecialNamesNamespaceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string whyNot;
+    ns = ZavloNetworkNamespace::create(whyNot, "names");
+    if (!ns) GTEST_SKIP() << "cannot test in a network namespace: " << whyNot;
+  }
+
+  // One hop from inside the namespace, lo declared cellular.
+  HopResult hopInside(const std::string& host, std::uint16_t port, ZavloConnectionParameters::IpVersion version) {
+    HopResult result;
+    ns->runInside([&] {
+      ZavloLinuxPlatform platform(ZavloLinuxPlatform::Options{
+          .hostApplicationVersion = {}, .cellularInterfaces = {"lo"}, .additionalTrustAnchorsPem = {}});
+      ZavloConnectionRecorder recorder(platform.makeConnection(host, port, zavloCellularParameters(version)),
+                                       platform.runLoop());
+      auto& loop = platform.runLoop();
+      recorder.start();
+      loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed"); }, 10s);
+      if (recorder.has("ready")) {
+        recorder.send("GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+        recorder.receive(1, 65536);
+        loop.runUntil([&] { return recorder.receiveCalls() > 0; }, 10s);
+      }
+      recorder.connection().cancel();
+      loop.runUntil([&] { return recorder.has("cancelled"); }, 10s);
+      recorder.read([&](const ZavloConnectionRecorder::Log& log) {
+        result.events = log.events;
+        result.stateError = log.stateError;
+        result.received = log.received;
+        return 0;
+      });
+    });
+    return result;
+  }
+
+  std::unique_ptr<ZavloNetworkNamespace> ns;
+};
+
+TEST_F(ZavloConnectionSpecialNamesNamespaceTest, LocalhostIsLoopbackForEitherFamilyWithoutTheResolver) {
+  std::unique_ptr<ZavloTestServer> v4;
+  std::unique_ptr<ZavloTestServer> v6;
+  ns->runInside([&] {
+    v4 = std::make_unique<ZavloTestServer>(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\nv4"));
+    if (ZavloTestServer::ipv6LoopbackAvailable()) {
+      v6 = std::make_unique<ZavloTestServer>(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\nv6"),
+                                             ZavloTestServer::Options{.address = "::1", .port = 0, .tls = {}});
+    }
+  });
+  using IpVersion = ZavloConnectionParameters::IpVersion;
+  EXPECT_EQ(hopInside("localhost", v4->port(), IpVersion::v4).received, "HTTP/1.1 200 OK\r\n\r\nv4");
+  // Any version: ::1 first, where nothing listens on this port, then 127.0.0.1.
+  EXPECT_EQ(hopInside("LocalHost.", v4->port(), IpVersion::any).received, "HTTP/1.1 200 OK\r\n\r\nv4");
+  if (!v6) GTEST_SKIP() << "this namespace cannot listen on ::1";
+  EXPECT_EQ(hopInside("api.localhost", v6->port(), IpVersion::v6).received, "HTTP/1.1 200 OK\r\n\r\nv6");
+}
+
+TEST_F(ZavloConnectionSpecialNamesNamespaceTest, InvalidNamesFailAsUnknownWithoutTheResolver) {
+  const auto hop = hopInside("nonexistent.invalid", 80, ZavloConnectionParameters::IpVersion::any);
+  ASSERT_TRUE(hop.stateError);
+  EXPECT_EQ(hop.stateError->code, EHOSTUNREACH);
+  EXPECT_EQ(hop.stateError->localizedDescription,
+            "The host name could not be resolved: Host not found (authoritative)");
+  EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "failed", "cancelled"}));
+}
+
 }  // namespace
