@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <asio.hpp>
 #include <asio/ssl.hpp>
+#include <cctype>
 #include <cerrno>
 #include <deque>
 #include <mutex>
@@ -79,6 +80,20 @@ class ZavloIoContext : public asio::io_context {
 };
 
 }  // namespace
+
+ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host) {
+  if (host.ends_with('.')) host.remove_suffix(1);
+  const auto isUnder = [host](std::string_view domain) {
+    if (host.size() < domain.size()) return false;
+    const auto tail = host.substr(host.size() - domain.size());
+    const bool same = std::equal(tail.begin(), tail.end(), domain.begin(), domain.end(),
+                                 [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
+    return same && (host.size() == domain.size() || host[host.size() - domain.size() - 1] == '.');
+  };
+  if (isUnder("localhost")) return ZavloLinuxSpecialName::localhost;
+  if (isUnder("invalid")) return ZavloLinuxSpecialName::invalid;
+  return ZavloLinuxSpecialName::none;
+}
 
 ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
                                      const ZavloConnectionParameters& parameters, bool ipv6) {
@@ -293,6 +308,18 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       }
       endpoints_.emplace_back(address, port_);
       return connectTo(0);
+    }
+    switch (zavloSpecialUseName(host_)) {
+      case ZavloLinuxSpecialName::localhost:
+        // Without this, an IPv6-only try of "localhost" would ask the name server
+        // whenever the hosts file names no IPv6 loopback.
+        if (useV6) endpoints_.emplace_back(asio::ip::address_v6::loopback(), port_);
+        if (useV4) endpoints_.emplace_back(asio::ip::address_v4::loopback(), port_);
+        return connectTo(0);
+      case ZavloLinuxSpecialName::invalid:
+        return fail(connectionError(asio::error::host_not_found));
+      case ZavloLinuxSpecialName::none:
+        break;
     }
     resolver_.emplace(core_->io);
     const auto flags = Tcp::resolver::numeric_service;  // and no AI_ADDRCONFIG: ::1 counts

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
@@ -24,6 +25,13 @@ struct ZavloLinuxBinding {
 /// required type if one is required, and is never of a prohibited type.
 ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
                                      const ZavloConnectionParameters& parameters, bool ipv6);
+
+/// Special-use names (RFC 6761) that connections answer themselves, never asking the
+/// system resolver, so that they cost no query to a name server off the machine:
+/// "localhost" and names under it are the loopback addresses; "invalid" and names under
+/// it never exist. Compared without regard to ASCII case; a final dot is allowed.
+enum class ZavloLinuxSpecialName { none, localhost, invalid };
+ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host);
 
 struct ZavloLinuxNetworkCore;
 

@@ -382,3 +382,17 @@ TEST(ZavloChooseBinding, PinsToAUsableInterfaceOfTheRequiredTypeAndNeverAProhibi
   EXPECT_EQ(zavloChooseBinding(interfaces, onlyProhibitions, false).interfaceName, "eth0");
   EXPECT_EQ(zavloChooseBinding(interfaces, ZavloConnectionParameters{}, false).kind, ZavloLinuxBinding::Kind::unbound);
 }
+
+TEST(ZavloLinuxSpecialUseNameTest, OnlyLocalhostAndInvalidAndNamesUnderThemAreSpecial) {
+  using Name = ZavloLinuxSpecialName;
+  for (const auto* host : {"localhost", "LOCALHOST", "localhost.", "a.b.localhost", "x.LocalHost."}) {
+    EXPECT_EQ(zavloSpecialUseName(host), Name::localhost) << host;
+  }
+  for (const auto* host : {"invalid", "nonexistent.invalid", "a.INVALID."}) {
+    EXPECT_EQ(zavloSpecialUseName(host), Name::invalid) << host;
+  }
+  for (const auto* host : {"", ".", "notlocalhost", "localhost.example", "myinvalid", "invalid.example", "127.0.0.1",
+                           "localhostx", "example.com"}) {
+    EXPECT_EQ(zavloSpecialUseName(host), Name::none) << host;
+  }
+}
