@@ -143,14 +143,27 @@ struct ZavloLinuxNetworkCore {
     keptAlive.clear();  // the thread is gone: nothing else touches it now
   }
 
-  // I/O thread only.
+  // I/O thread only: only it lists interfaces, so that the list comes from its namespace.
   const std::vector<ZavloLinuxInterface>& interfaces() {
     const auto now = std::chrono::steady_clock::now();
     if (!listedAt || now - *listedAt > kInterfaceListLifetime) {
-      interfaceList = classifier.listInterfaces();
+      auto listed = classifier.listInterfaces();
+      std::lock_guard lock(interfaceMutex);
+      interfaceList = std::move(listed);
       listedAt = now;
     }
     return interfaceList;
+  }
+
+  // Any thread: whether the list interfaces() would hand out now has an interface for one of
+  // the allowed families; nothing when that list is too old and must be made again first.
+  std::optional<bool> recentListHasBinding(const ZavloConnectionParameters& parameters, bool useV4, bool useV6) {
+    std::lock_guard lock(interfaceMutex);
+    if (!listedAt || std::chrono::steady_clock::now() - *listedAt > kInterfaceListLifetime) return std::nullopt;
+    const auto usable = [&](bool ipv6) {
+      return zavloChooseBinding(interfaceList, parameters, ipv6).kind != ZavloLinuxBinding::Kind::none;
+    };
+    return (useV4 && usable(false)) || (useV6 && usable(true));
   }
 
   ZavloIoContext io;
@@ -161,6 +174,8 @@ struct ZavloLinuxNetworkCore {
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
   std::thread thread;
 
+  // Written by the I/O thread under interfaceMutex; read without it there, with it elsewhere.
+  std::mutex interfaceMutex;
   std::vector<ZavloLinuxInterface> interfaceList;
   std::optional<std::chrono::steady_clock::time_point> listedAt;
   // Connections started and neither failed nor cancelled keep themselves alive here.
@@ -198,6 +213,14 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       return;
     }
     deliverState(State::preparing);
+    if (auto error = failureKnownAtStart()) {
+      // What prepare() would report, without a round trip through the I/O thread: the caller
+      // learns it sooner, and a fallback to another address family starts at once.
+      deliverState(State::failed, *error);
+      core_->post(
+          [self = shared_from_this(), error = std::move(*error)]() mutable { self->failedAtStart(std::move(error)); });
+      return;
+    }
     core_->post([self = shared_from_this()] { self->prepare(); });  // a stopped service reports nothing
   }
 
@@ -278,9 +301,36 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     });
   }
 
+  // An address literal of a family these parameters exclude fails before any I/O. That is
+  // decided here only when everything prepare() checks before it is known to pass: a TLS
+  // context already made for these anchors, and a recent interface list with an interface
+  // for an allowed family. Otherwise prepare() decides, as for any other connection.
+  std::optional<ZavloConnectionError> failureKnownAtStart() const {
+    std::error_code notLiteral;
+    const auto address = asio::ip::make_address(host_, notLiteral);
+    if (notLiteral) return std::nullopt;
+    const bool useV4 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v6;
+    const bool useV6 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v4;
+    if ((address.is_v4() && useV4) || (address.is_v6() && useV6)) return std::nullopt;
+    if (parameters_.tls && !ZavloLinuxTlsContext::madeForAnchors(parameters_.tls->additionalTrustAnchorsPem)) {
+      return std::nullopt;
+    }
+    if (core_->recentListHasBinding(parameters_, useV4, useV6) != true) return std::nullopt;
+    return connectionError(systemError(EAFNOSUPPORT));
+  }
+
   // --- I/O thread.
 
   Tcp::socket& socket() { return secure_ ? secure_->next_layer() : *plain_; }
+
+  // fail() for a failure start() has reported already.
+  void failedAtStart(ZavloConnectionError error) {
+    if (cancelled_) return;  // as prepare(): close() lets go of what is pending
+    phase_ = Phase::failed;
+    failure_ = std::move(error);
+    pumpSends();
+    pumpReceives();
+  }
 
   void prepare() {
     if (cancelled_) return;

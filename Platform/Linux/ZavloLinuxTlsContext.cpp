@@ -99,6 +99,12 @@ std::shared_ptr<ZavloLinuxTlsContext> ZavloLinuxTlsContext::forAnchors(
   return entry;
 }
 
+bool ZavloLinuxTlsContext::madeForAnchors(const std::vector<std::string>& additionalAnchorsPem) {
+  auto& cache = contextCache();
+  std::lock_guard lock(cache.mutex);
+  return cache.contexts.contains(additionalAnchorsPem);
+}
+
 bool ZavloLinuxTlsContext::prepare(ssl_st* ssl, const std::string& host, unsigned short port) {
   X509_VERIFY_PARAM* verify = SSL_get0_param(ssl);
   if (isIpLiteral(host)) {

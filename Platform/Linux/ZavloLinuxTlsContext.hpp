@@ -25,6 +25,10 @@ class ZavloLinuxTlsContext {
   static std::shared_ptr<ZavloLinuxTlsContext> forAnchors(const std::vector<std::string>& additionalAnchorsPem,
                                                           std::string& error);
 
+  /// Whether forAnchors has already made the context for these anchors (and so would
+  /// succeed at once).
+  static bool madeForAnchors(const std::vector<std::string>& additionalAnchorsPem);
+
   ZavloLinuxTlsContext(const ZavloLinuxTlsContext&) = delete;
   ZavloLinuxTlsContext& operator=(const ZavloLinuxTlsContext&) = delete;
   ~ZavloLinuxTlsContext();

@@ -119,6 +119,16 @@ std::string_view ZavloAuthValidationUtils::trimWhitespaceAndNewlines(std::string
   return input;
 }
 
+bool ZavloAuthValidationUtils::isWellFormedUtf8(std::string_view text) noexcept {
+  char32_t ignored = 0;
+  while (!text.empty()) {
+    const auto length = decodeFront(text, ignored);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
 std::string ZavloAuthValidationUtils::sanitizeString(std::string_view input) {
   const auto withoutScriptTags = removeAllIgnoringCase(trimWhitespaceAndNewlines(input), "<script>");
   return removeAllIgnoringCase(withoutScriptTags, "javascript:");

@@ -15,4 +15,8 @@ class ZavloAuthValidationUtils {
 
   /// The trimming step alone (also used where only trimming is wanted).
   static std::string_view trimWhitespaceAndNewlines(std::string_view input) noexcept;
+
+  /// Whether text is well-formed UTF-8: no overlong forms, no encoded surrogates, nothing
+  /// above U+10FFFF, no truncated sequence. NUL bytes are well-formed.
+  static bool isWellFormedUtf8(std::string_view text) noexcept;
 };

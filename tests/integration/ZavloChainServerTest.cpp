@@ -151,7 +151,7 @@ TEST(ZavloChainServer, ServesManyOpenConnectionsAtOnceAndListensOnIpv6) {
   EXPECT_EQ(header(ask(ipv6, "/chain/1/a", "::1").firstRead, "Location"), base + "/chain/0/a");
 }
 
-TEST(ZavloChainServer, FollowsATlsChainWhoseCertificateOnlyItsOwnAnchorTrusts) {
+TEST(ZavloChainServer, FollowsATlsChainWhoseCertificateOnlyItsOwnAnchorTrustsAndCountsResumptions) {
   ZavloChainServerOptions options;
   options.tls = true;
   ZavloChainServer server(options);
@@ -161,12 +161,14 @@ TEST(ZavloChainServer, FollowsATlsChainWhoseCertificateOnlyItsOwnAnchorTrusts) {
   SSL_CTX* context = SSL_CTX_new(TLS_client_method());
   ASSERT_NE(context, nullptr);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  const auto hop = [&](const std::string& target) {
+  SSL_SESSION* session = nullptr;  // the latest one, offered by hops that resume
+  const auto hop = [&](const std::string& target, bool resume = false) {
     const int fd = connectTo("127.0.0.1", server.port());
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, fd);
     SSL_set_tlsext_host_name(ssl, "localhost");
     SSL_set1_host(ssl, "localhost");
+    if (resume && session != nullptr) SSL_set_session(ssl, session);
     std::string answer;
     if (SSL_connect(ssl) == 1) {
       const auto request = libraryRequest(target, "localhost:" + std::to_string(server.port()));
@@ -175,8 +177,12 @@ TEST(ZavloChainServer, FollowsATlsChainWhoseCertificateOnlyItsOwnAnchorTrusts) {
         const int received = SSL_read(ssl, buffer.data(), static_cast<int>(buffer.size()));
         if (received > 0) answer.assign(buffer.data(), static_cast<std::size_t>(received));
       }
+      SSL_SESSION_free(session);
+      session = SSL_get1_session(ssl);  // after the read: the TLS 1.3 ticket came with the answer
     }
     ERR_clear_error();
+    SSL_set_quiet_shutdown(ssl, 1);  // keeps the session resumable
+    SSL_shutdown(ssl);
     SSL_free(ssl);
     close(fd);
     return answer;
@@ -195,5 +201,12 @@ TEST(ZavloChainServer, FollowsATlsChainWhoseCertificateOnlyItsOwnAnchorTrusts) {
   EXPECT_TRUE(redirect.starts_with("HTTP/1.1 302 Found\r\n")) << redirect;
   const auto final = hop(header(redirect, "Location"));
   EXPECT_EQ(nlohmann::json::parse(body(final)).value("snaToken", ""), server.token()) << final;
+  EXPECT_EQ(server.tlsHandshakes(), 2U) << "the refused handshake never completed";
+  EXPECT_EQ(server.resumedTlsHandshakes(), 0U);
+
+  EXPECT_TRUE(hop("/chain/0/sna", true).starts_with("HTTP/1.1 200 OK\r\n"));
+  EXPECT_EQ(server.tlsHandshakes(), 3U);
+  EXPECT_EQ(server.resumedTlsHandshakes(), 1U);
+  SSL_SESSION_free(session);
   SSL_CTX_free(context);
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <thread>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
@@ -184,6 +185,47 @@ TEST_F(ZavloLinuxConnectionTest, IpVersionChoosesTheAddressFamily) {
   ASSERT_TRUE(v4Only.has("failed"));
   EXPECT_EQ(v4Only.stateError()->code, EAFNOSUPPORT);
   cancel(v4Only);
+  EXPECT_EQ(server.acceptedCount(), 1U);
+}
+
+// The first connection of a platform has no interface list yet and learns the failure from
+// the I/O thread; later ones learn it when they start. Both must look the same to the caller,
+// sends and receives made before the start included.
+TEST_F(ZavloLinuxConnectionTest, ALiteralOfAnExcludedFamilyFailsTheSameWithOrWithoutARecentInterfaceList) {
+  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"));
+  const auto excluded = [&] {
+    auto recorder = connect("127.0.0.1", server.port(), zavloCellularParameters(IpVersion::v6));
+    recorder.send(kRequest);
+    recorder.receive(1, 65536);
+    recorder.start();
+    EXPECT_TRUE(runUntil([&] { return recorder.receiveCalls() > 0; }));
+    EXPECT_EQ(recorder.events(), (std::vector<std::string>{"preparing", "failed", "send failed", "receive failed"}));
+    const ZavloConnectionError expected{EAFNOSUPPORT, std::strerror(EAFNOSUPPORT)};
+    EXPECT_EQ(recorder.stateError(), expected);
+    EXPECT_EQ(recorder.read([](const auto& log) { return log.sendError; }), expected);
+    EXPECT_EQ(recorder.receiveError(), expected);
+    EXPECT_FALSE(recorder.offQueue());
+    std::weak_ptr<ZavloConnection> weak = recorder.shared();
+    cancel(recorder);
+    EXPECT_EQ(recorder.events().back(), "cancelled");
+    platform.runLoop().runUntil([] { return false; }, 50ms);
+    EXPECT_EQ(weak.use_count(), 1) << "a failed connection keeps nothing of itself alive";
+  };
+  excluded();  // a fresh platform: the I/O thread lists the interfaces first
+
+  auto reachable = connect("127.0.0.1", server.port(), zavloCellularParameters(IpVersion::v4));
+  ASSERT_TRUE(hop(reachable));
+  EXPECT_EQ(reachable.received(), "HTTP/1.1 200 OK\r\n\r\n");
+  cancel(reachable);
+  excluded();  // the list that connection made is recent
+
+  // Cancelled at once: the failure decided at the start never reaches the caller.
+  auto cancelled = connect("127.0.0.1", server.port(), zavloCellularParameters(IpVersion::v6));
+  cancelled.start();
+  cancelled.connection().cancel();
+  EXPECT_TRUE(runUntil([&] { return cancelled.has("cancelled"); }));
+  platform.runLoop().runUntil([] { return false; }, 50ms);
+  EXPECT_EQ(cancelled.events(), (std::vector<std::string>{"cancelled"}));
   EXPECT_EQ(server.acceptedCount(), 1U);
 }
 

@@ -187,6 +187,8 @@ struct ZavloChainServer::State {
   int epollFd = -1;
   int stopFd = -1;
   std::atomic<std::uint64_t> served{0};
+  std::atomic<std::uint64_t> handshakes{0};
+  std::atomic<std::uint64_t> resumed{0};
   mutable std::mutex recentMutex;
   std::deque<std::string> recent;
   std::unordered_map<int, Connection> connections;  // owned by the serving thread
@@ -314,6 +316,8 @@ struct ZavloChainServer::State {
       const int result = SSL_do_handshake(connection.ssl);
       if (result != 1) return waitForTls(connection, result);
       connection.handshaking = false;
+      handshakes.fetch_add(1, std::memory_order_relaxed);
+      if (SSL_session_reused(connection.ssl) == 1) resumed.fetch_add(1, std::memory_order_relaxed);
     }
     if (connection.output.empty() && !readRequest(connection)) return false;
     if (connection.output.empty()) return true;  // the header block is still incomplete
@@ -502,6 +506,14 @@ std::string ZavloChainServer::chainUrl(unsigned hops, std::string_view rest) con
 
 std::uint64_t ZavloChainServer::requestsServed() const noexcept {
   return state_->served.load(std::memory_order_relaxed);
+}
+
+std::uint64_t ZavloChainServer::tlsHandshakes() const noexcept {
+  return state_->handshakes.load(std::memory_order_relaxed);
+}
+
+std::uint64_t ZavloChainServer::resumedTlsHandshakes() const noexcept {
+  return state_->resumed.load(std::memory_order_relaxed);
 }
 
 std::vector<std::string> ZavloChainServer::recentRequests() const {

@@ -47,6 +47,10 @@ class ZavloChainServer {
   [[nodiscard]] std::string chainUrl(unsigned hops, std::string_view rest = "sna") const;
   /// Answers written completely, of any status.
   [[nodiscard]] std::uint64_t requestsServed() const noexcept;
+  /// TLS handshakes completed, and how many of them resumed an earlier session (a client
+  /// that offers its last session should see almost every handshake after the first resume).
+  [[nodiscard]] std::uint64_t tlsHandshakes() const noexcept;
+  [[nodiscard]] std::uint64_t resumedTlsHandshakes() const noexcept;
   /// The latest request texts (request line and headers), oldest first.
   [[nodiscard]] std::vector<std::string> recentRequests() const;
   /// PEM of the CA that issued the server certificate; empty without TLS.
