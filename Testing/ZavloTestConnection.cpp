@@ -191,7 +191,7 @@ void ZavloTestConnection::requireStarted() const {
   if (queue_ == nullptr) throw std::logic_error("ZavloTestConnection: drive it only after start()");
 }
 
-void ZavloTestConnection::moveTo(State state, std::optional<ZavloConnectionError> error) {
+void ZavloTestConnection::moveTo(State state, const std::optional<ZavloConnectionError>& error) {
   bool completeSends = false;
   {
     std::lock_guard lock(mutex_);

@@ -81,7 +81,7 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
 
   // Driving it; each report is posted to the connection's queue. Throws std::logic_error
   // before start().
-  void moveTo(State state, std::optional<ZavloConnectionError> error = std::nullopt);
+  void moveTo(State state, const std::optional<ZavloConnectionError>& error = std::nullopt);
   /// Completes the oldest pending send; false if none was pending.
   bool completeSend(std::optional<ZavloConnectionError> error = std::nullopt);
   /// The peer sends bytes (and finishes if isComplete); pending receives take them once

@@ -68,9 +68,12 @@ class ZavloTestHttp::Session final : public ZavloHttpSession {
     const auto idle = request.timeoutInterval.value_or(configuration_.requestTimeout);
     std::size_t index = 0;
     bool accepted = false;
+    Completion rejected;
     {
       std::lock_guard lock(state_->mutex);
-      if (state_->liveSessions[index_]) {
+      if (!state_->liveSessions[index_]) {
+        rejected = std::move(completion);
+      } else {
         accepted = true;
         index = state_->records.size();
         State::Record record;
@@ -80,7 +83,7 @@ class ZavloTestHttp::Session final : public ZavloHttpSession {
       }
     }
     if (!accepted) {  // the session was invalidated
-      if (completion) completion(cancelledOutcome());
+      if (rejected) rejected(cancelledOutcome());
       return;
     }
     std::weak_ptr<State> weak = state_;
@@ -124,7 +127,7 @@ class ZavloTestHttp::Session final : public ZavloHttpSession {
   ZavloHttpSessionConfiguration configuration_;
 };
 
-ZavloTestHttp::ZavloTestHttp(std::shared_ptr<ZavloTestScheduler> scheduler) : state_(std::make_shared<State>()) {
+ZavloTestHttp::ZavloTestHttp(const std::shared_ptr<ZavloTestScheduler>& scheduler) : state_(std::make_shared<State>()) {
   state_->timerQueue = scheduler->makeQueue("http");
 }
 

@@ -39,7 +39,7 @@ struct ZavloTestHttpExchange {
 /// answers, cancels or moves the virtual clock, outside every lock, never inside post().
 class ZavloTestHttp {
  public:
-  explicit ZavloTestHttp(std::shared_ptr<ZavloTestScheduler> scheduler);
+  explicit ZavloTestHttp(const std::shared_ptr<ZavloTestScheduler>& scheduler);
   ~ZavloTestHttp();
   ZavloTestHttp(const ZavloTestHttp&) = delete;
   ZavloTestHttp& operator=(const ZavloTestHttp&) = delete;

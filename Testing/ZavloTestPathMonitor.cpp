@@ -109,7 +109,7 @@ class ZavloTestPathMonitorController::Monitor final : public ZavloPathMonitor {
 
 ZavloTestPathMonitorController::ZavloTestPathMonitorController() : core_(std::make_shared<Core>()) {}
 
-void ZavloTestPathMonitorController::setCurrentPath(ZavloNetworkPath path) {
+void ZavloTestPathMonitorController::setCurrentPath(const ZavloNetworkPath& path) {
   std::vector<std::pair<std::shared_ptr<MonitorState>, std::shared_ptr<ZavloQueue>>> targets;
   {
     std::lock_guard lock(core_->mutex);

@@ -25,7 +25,7 @@ class ZavloTestPathMonitorController {
 
   /// Makes path the current one and posts it to every live monitor, even when it equals
   /// the previous one, so that a test can repeat an update.
-  void setCurrentPath(ZavloNetworkPath path);
+  void setCurrentPath(const ZavloNetworkPath& path);
   [[nodiscard]] ZavloNetworkPath currentPath() const;
   void setStartMode(StartMode mode);
 

@@ -7,8 +7,8 @@
 
 #include "Platform/ZavloPlatform.hpp"
 #include "Testing/ZavloTestConnection.hpp"
-#include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestHttp.hpp"
+#include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
 
 /// Device facts a test sets as it likes.

@@ -373,8 +373,9 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     }
     resolver_.emplace(core_->io);
     const auto flags = Tcp::resolver::numeric_service;  // and no AI_ADDRCONFIG: ::1 counts
-    auto onResolved = [self = shared_from_this()](const std::error_code& error, Tcp::resolver::results_type results) {
-      self->resolved(error, std::move(results));
+    auto onResolved = [self = shared_from_this()](const std::error_code& error,
+                                                  const Tcp::resolver::results_type& results) {
+      self->resolved(error, results);
     };
     const auto service = std::to_string(port_);
     if (!useV6) {

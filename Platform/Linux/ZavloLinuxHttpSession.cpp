@@ -133,7 +133,12 @@ struct ZavloLinuxHttpSession::Transfer {
     for (const auto& [name, value] : request.headers) {
       if (!zavloIsValidHeaderField(name, value)) return CURLE_BAD_FUNCTION_ARGUMENT;
       // "Name;" is libcurl's way to send a header with an empty value.
-      const std::string line = value.empty() ? name + ";" : name + ": " + value;
+      std::string line = name;
+      if (value.empty()) {
+        line += ';';
+      } else {
+        line.append(": ").append(value);
+      }
       if (!append(line)) return CURLE_OUT_OF_MEMORY;
     }
     // No "Expect: 100-continue" round trip before larger bodies.

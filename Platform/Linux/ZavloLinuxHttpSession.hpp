@@ -27,7 +27,7 @@ class ZavloLinuxHttpSession final : public ZavloHttpSession {
   bool waitForOutstandingTasks(std::chrono::milliseconds timeout) override;
 
   /// Largest response body kept; a longer one fails the task rather than exhaust memory.
-  static constexpr std::size_t kMaximumResponseSize = 8 * 1024 * 1024;
+  static constexpr std::size_t kMaximumResponseSize = std::size_t{8} * 1024 * 1024;
   /// Transfers run at once, one per connection a host gets; later tasks wait in order on
   /// the worker (libcurl's own queue of transfers waiting for a connection drains slowly).
   static constexpr std::size_t kMaximumActiveTransfers = 6;

@@ -434,7 +434,7 @@ class ZavloLinuxPathMonitor::Reader {
 
  private:
   enum class Outcome { ok, cancelled, overrun, failed };
-  static constexpr std::size_t kBufferSize = 64 * 1024;
+  static constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
 
   void publish(bool always) {
     {

@@ -52,7 +52,7 @@ class ZavloLinuxNetlinkState {
     int family = 0;
     std::array<std::uint8_t, 16> bytes{};
     unsigned prefixLength = 0;
-    auto operator<=>(const Address&) const = default;
+    auto operator<=>(const Address&) const = default;  // NOLINT(modernize-use-nullptr): a tool false positive
   };
   struct DefaultRoute {
     int family = 0;
@@ -60,7 +60,7 @@ class ZavloLinuxNetlinkState {
     unsigned priority = 0;
     unsigned index = 0;
     std::array<std::uint8_t, 16> gateway{};
-    auto operator<=>(const DefaultRoute&) const = default;
+    auto operator<=>(const DefaultRoute&) const = default;  // NOLINT(modernize-use-nullptr)
   };
 
   Effect applyLink(const nlmsghdr& message);

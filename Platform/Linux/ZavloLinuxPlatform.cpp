@@ -1,7 +1,7 @@
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 
-#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
+#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : deviceInfo_(std::move(options.hostApplicationVersion)),

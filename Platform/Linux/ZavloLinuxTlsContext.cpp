@@ -116,10 +116,11 @@ bool ZavloLinuxTlsContext::prepare(ssl_st* ssl, const std::string& host, unsigne
   auto key = std::make_unique<std::string>(host + ":" + std::to_string(port));
   {
     std::lock_guard lock(mutex_);
-    if (auto found = sessions_.find(*key); found != sessions_.end()) SSL_set_session(ssl, found->second);
+    // A session that cannot be set only costs a full handshake.
+    if (auto found = sessions_.find(*key); found != sessions_.end()) (void)SSL_set_session(ssl, found->second);
   }
   if (SSL_set_ex_data(ssl, sessionKeyIndex(), key.get()) != 1) return false;
-  key.release();  // owned by the SSL object now (freeSessionKey)
+  (void)key.release();  // owned by the SSL object now (freeSessionKey)
   return true;
 }
 

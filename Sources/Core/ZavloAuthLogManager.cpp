@@ -82,7 +82,7 @@ std::shared_ptr<ZavloAuthHTTPManager> ZavloAuthLogManager::ensureHttpManager() {
   return transport_;
 }
 
-void ZavloAuthLogManager::sendEventLog(std::shared_ptr<ZavloAuthEventLog> eventLog, Completion completion) {
+void ZavloAuthLogManager::sendEventLog(const std::shared_ptr<ZavloAuthEventLog>& eventLog, Completion completion) {
   try {
     const auto endpoint = getLoggingEndpoint();
     if (!endpoint) {

@@ -53,7 +53,7 @@ class ZavloAuthLogManager {
   /// none) receives success, or the HTTP manager's error unchanged, or invalidURL("Logger
   /// not configured") at once when nothing is configured. A null event is refused with
   /// encodingError at once.
-  void sendEventLog(std::shared_ptr<ZavloAuthEventLog> eventLog, Completion completion = {});
+  void sendEventLog(const std::shared_ptr<ZavloAuthEventLog>& eventLog, Completion completion = {});
   /// Shuts the transport down (the next post rebuilds it) and forgets the configuration;
   /// the environment stays as it was.
   void cleanup();
