@@ -19,9 +19,9 @@
 #include <optional>
 #include <string>
 
+#include "Testing/Network/ZavloChainServer.hpp"
+#include "Testing/Network/ZavloDelayRelay.hpp"
 #include "ZavloChainFloor.hpp"
-#include "ZavloChainServer.hpp"
-#include "ZavloDelayRelay.hpp"
 #include "ZavloLibraryChain.hpp"
 
 namespace {

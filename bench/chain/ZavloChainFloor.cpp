@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "ZavloProcess.hpp"
+#include "Testing/Network/ZavloProcess.hpp"
 
 namespace {
 

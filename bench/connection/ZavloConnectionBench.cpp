@@ -11,8 +11,8 @@
 #include <memory>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "ZavloTestCertificates.hpp"
-#include "ZavloTestServer.hpp"
+#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "Testing/Network/ZavloTestServer.hpp"
 
 using namespace std::chrono_literals;
 

@@ -19,7 +19,7 @@
 
 #include "Core/ZavloAuthLogManager.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
 
 extern char** environ;
 

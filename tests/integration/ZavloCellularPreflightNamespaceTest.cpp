@@ -10,7 +10,7 @@
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "ZavloNetworkNamespace.hpp"
+#include "Testing/Network/ZavloNetworkNamespace.hpp"
 
 using namespace std::chrono_literals;
 using Verdict = ZavloCellularPathChecker::Verdict;

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "ZavloChainServer.hpp"
+#include "Testing/Network/ZavloChainServer.hpp"
 
 namespace {
 

@@ -4,10 +4,10 @@
 
 #include "Core/ZavloAuthEnvironmentSecurity.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloCli.hpp"
 #include "ZavloCliTelemetry.hpp"
-#include "ZavloHttpTestServer.hpp"
-#include "ZavloProcess.hpp"
 
 using namespace std::chrono_literals;
 

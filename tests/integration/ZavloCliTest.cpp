@@ -5,9 +5,9 @@
 
 #include <sstream>
 
-#include "ZavloChainServer.hpp"
-#include "ZavloHttpTestServer.hpp"
-#include "ZavloProcess.hpp"
+#include "Testing/Network/ZavloChainServer.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloProcess.hpp"
 
 namespace {
 ZavloProcessResult zavloAuth(std::vector<std::string> arguments) {

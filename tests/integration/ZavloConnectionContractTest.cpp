@@ -7,9 +7,9 @@
 #include <memory>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Network/ZavloTestServer.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 #include "ZavloConnectionRecorder.hpp"
-#include "ZavloTestServer.hpp"
 
 using namespace std::chrono_literals;
 using State = ZavloConnection::State;

@@ -7,9 +7,9 @@
 #include <memory>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloConnectionRecorder.hpp"
 #include "ZavloDecoyNetwork.hpp"
-#include "ZavloTestServer.hpp"
 
 using namespace std::chrono_literals;
 

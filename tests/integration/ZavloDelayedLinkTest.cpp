@@ -15,8 +15,8 @@
 #include <string>
 
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
-#include "ZavloChainServer.hpp"
-#include "ZavloDelayRelay.hpp"
+#include "Testing/Network/ZavloChainServer.hpp"
+#include "Testing/Network/ZavloDelayRelay.hpp"
 
 namespace {
 

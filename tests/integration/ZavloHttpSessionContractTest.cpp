@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
-#include "ZavloHttpTestServer.hpp"
 
 using namespace std::chrono_literals;
 using Code = ZavloHttpTransportError::Code;

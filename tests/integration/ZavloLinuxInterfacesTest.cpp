@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
-#include "ZavloNetworkNamespace.hpp"
+#include "Testing/Network/ZavloNetworkNamespace.hpp"
 
 TEST(ZavloLinuxInterfaceClassifier, ClassifiesModemWirelessLoopbackAndEthernetLinks) {
   const ZavloLinuxInterfaceClassifier classifier({"eth7"});

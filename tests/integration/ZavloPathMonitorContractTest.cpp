@@ -10,8 +10,8 @@
 
 #include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
+#include "Testing/Network/ZavloNetworkNamespace.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
-#include "ZavloNetworkNamespace.hpp"
 
 using namespace std::chrono_literals;
 

@@ -20,11 +20,11 @@
 #include "Core/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "ZavloChainServer.hpp"
-#include "ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloChainServer.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloSnaChainRun.hpp"
-#include "ZavloTestCertificates.hpp"
-#include "ZavloTestServer.hpp"
 
 using nlohmann::json;
 using namespace std::chrono_literals;

@@ -9,10 +9,10 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "ZavloChainServer.hpp"
+#include "Testing/Network/ZavloChainServer.hpp"
+#include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloDecoyNetwork.hpp"
 #include "ZavloSnaChainRun.hpp"
-#include "ZavloTestServer.hpp"
 
 using nlohmann::json;
 

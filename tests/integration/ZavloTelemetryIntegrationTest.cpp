@@ -13,7 +13,7 @@
 #include "Core/ZavloAuthLogManager.hpp"
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
 
 using namespace std::chrono_literals;
 using Code = ZavloHttpTransportError::Code;

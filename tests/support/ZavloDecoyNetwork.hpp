@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "ZavloNetworkNamespace.hpp"
+#include "Testing/Network/ZavloNetworkNamespace.hpp"
 
 /// Three network namespaces that make interface pinning visible (test support): a client
 /// with a link declared cellular (cell0) that leads to the operator, and an Ethernet-like

@@ -1,4 +1,4 @@
-#include "ZavloTestServer.hpp"
+#include "Testing/Network/ZavloTestServer.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

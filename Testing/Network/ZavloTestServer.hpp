@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "ZavloTestCertificates.hpp"
+#include "Testing/Network/ZavloTestCertificates.hpp"
 
 /// How a test server treats one accepted connection.
 struct ZavloTestServerReply {

@@ -1,4 +1,4 @@
-#include "ZavloTestCertificates.hpp"
+#include "Testing/Network/ZavloTestCertificates.hpp"
 
 #include <arpa/inet.h>
 #include <openssl/evp.h>

@@ -1,4 +1,4 @@
-#include "ZavloDelayRelay.hpp"
+#include "Testing/Network/ZavloDelayRelay.hpp"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

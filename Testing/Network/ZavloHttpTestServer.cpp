@@ -1,4 +1,4 @@
-#include "ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

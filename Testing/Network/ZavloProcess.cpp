@@ -1,4 +1,4 @@
-#include "ZavloProcess.hpp"
+#include "Testing/Network/ZavloProcess.hpp"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "ZavloChainServer.hpp"
+#include "Testing/Network/ZavloChainServer.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "ZavloNetworkNamespace.hpp"
+#include "Testing/Network/ZavloNetworkNamespace.hpp"
 
 struct ZavloDelayRelayStatistics {
   std::uint64_t forwardedAToB = 0;

@@ -1,4 +1,4 @@
-#include "ZavloNetworkNamespace.hpp"
+#include "Testing/Network/ZavloNetworkNamespace.hpp"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -22,7 +22,7 @@
 #include <system_error>
 #include <thread>
 
-#include "ZavloProcess.hpp"
+#include "Testing/Network/ZavloProcess.hpp"
 
 namespace {
 
