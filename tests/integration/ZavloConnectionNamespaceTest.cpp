@@ -25,6 +25,30 @@ struct HopResult {
   std::string received;
 };
 
+// Connects, sends one GET, reads one answer and cancels, on the platform's run loop.
+HopResult exchange(ZavloLinuxPlatform& platform, const std::string& host, std::uint16_t port,
+                   ZavloConnectionParameters parameters) {
+  HopResult result;
+  ZavloConnectionRecorder recorder(platform.makeConnection(host, port, std::move(parameters)), platform.runLoop());
+  auto& loop = platform.runLoop();
+  recorder.start();
+  loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed"); }, 10s);
+  if (recorder.has("ready")) {
+    recorder.send("GET / HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
+    recorder.receive(1, 65536);
+    loop.runUntil([&] { return recorder.receiveCalls() > 0; }, 10s);
+  }
+  recorder.connection().cancel();
+  loop.runUntil([&] { return recorder.has("cancelled"); }, 10s);
+  recorder.read([&](const ZavloConnectionRecorder::Log& log) {
+    result.events = log.events;
+    result.stateError = log.stateError;
+    result.received = log.received;
+    return 0;
+  });
+  return result;
+}
+
 class ZavloConnectionNamespaceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -50,24 +74,7 @@ class ZavloConnectionNamespaceTest : public ::testing::Test {
       ZavloLinuxPlatform::Options options;
       options.cellularInterfaces = {"cell0"};
       ZavloLinuxPlatform platform(options);
-      ZavloConnectionRecorder recorder(platform.makeConnection(kServerAddress, operatorServer->port(), parameters),
-                                       platform.runLoop());
-      auto& loop = platform.runLoop();
-      recorder.start();
-      loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed"); }, 10s);
-      if (recorder.has("ready")) {
-        recorder.send("GET / HTTP/1.1\r\nHost: 198.18.0.1\r\nConnection: close\r\n\r\n");
-        recorder.receive(1, 65536);
-        loop.runUntil([&] { return recorder.receiveCalls() > 0; }, 10s);
-      }
-      recorder.connection().cancel();
-      loop.runUntil([&] { return recorder.has("cancelled"); }, 10s);
-      recorder.read([&](const ZavloConnectionRecorder::Log& log) {
-        result.events = log.events;
-        result.stateError = log.stateError;
-        result.received = log.received;
-        return 0;
-      });
+      result = exchange(platform, kServerAddress, operatorServer->port(), parameters);
     });
     return result;
   }
@@ -128,24 +135,7 @@ class ZavloConnectionSpecialNamesNamespaceTest : public ::testing::Test {
     ns->runInside([&] {
       ZavloLinuxPlatform platform(ZavloLinuxPlatform::Options{
           .hostApplicationVersion = {}, .cellularInterfaces = {"lo"}, .additionalTrustAnchorsPem = {}});
-      ZavloConnectionRecorder recorder(platform.makeConnection(host, port, zavloCellularParameters(version)),
-                                       platform.runLoop());
-      auto& loop = platform.runLoop();
-      recorder.start();
-      loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed"); }, 10s);
-      if (recorder.has("ready")) {
-        recorder.send("GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
-        recorder.receive(1, 65536);
-        loop.runUntil([&] { return recorder.receiveCalls() > 0; }, 10s);
-      }
-      recorder.connection().cancel();
-      loop.runUntil([&] { return recorder.has("cancelled"); }, 10s);
-      recorder.read([&](const ZavloConnectionRecorder::Log& log) {
-        result.events = log.events;
-        result.stateError = log.stateError;
-        result.received = log.received;
-        return 0;
-      });
+      result = exchange(platform, host, port, zavloCellularParameters(version));
     });
     return result;
   }
