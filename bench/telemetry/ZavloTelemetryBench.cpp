@@ -19,6 +19,7 @@
 
 #include "Core/ZavloAuthLogManager.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 
 extern char** environ;
@@ -28,27 +29,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 enum class Collector { answering, silent, unroutable };
-
-// A loopback port bound but never listened on: every connection attempt is refused.
-class ClosedPort {
- public:
-  ClosedPort() {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  ~ClosedPort() { close(fd_); }
-  std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
-
- private:
-  int fd_ = -1;
-  std::uint16_t port_ = 0;
-};
 
 // A typical event: the fields a flow fills and the device metadata.
 std::shared_ptr<ZavloAuthEventLog> typicalEvent(ZavloPlatform& platform) {
@@ -75,7 +55,7 @@ void BM_SendEventLogCallerTime(benchmark::State& state, Collector kind) {
   ZavloLinuxPlatform platform;
   auto logManager = std::make_shared<ZavloAuthLogManager>(ZavloAuthHTTPManager::create(platform));
   std::unique_ptr<ZavloHttpTestServer> server;
-  std::unique_ptr<ClosedPort> closed;
+  std::unique_ptr<ZavloClosedPort> closed;
   std::string endpoint;
   switch (kind) {
     case Collector::answering:
@@ -87,7 +67,7 @@ void BM_SendEventLogCallerTime(benchmark::State& state, Collector kind) {
       endpoint = server->url("/redirection/api/auth-tracking");
       break;
     case Collector::unroutable:
-      closed = std::make_unique<ClosedPort>();
+      closed = std::make_unique<ZavloClosedPort>();
       endpoint = closed->url("/redirection/api/auth-tracking");
       break;
   }

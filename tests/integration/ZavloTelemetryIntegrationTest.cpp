@@ -13,6 +13,7 @@
 #include "Core/ZavloAuthLogManager.hpp"
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 
 using namespace std::chrono_literals;
@@ -54,27 +55,6 @@ class Inbox {
   std::vector<T> values_;
 };
 
-// A loopback port with nobody listening: bound, never listened on, so connects are refused.
-class ClosedPort {
- public:
-  ClosedPort() {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  ~ClosedPort() { close(fd_); }
-  std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
-
- private:
-  int fd_ = -1;
-  std::uint16_t port_ = 0;
-};
-
 ZavloHttpRequest post(const std::string& url) {
   ZavloHttpRequest request;
   request.url = url;
@@ -110,7 +90,7 @@ TEST(ZavloLinuxHttpSession, ReusesOneConnectionForPostsInSequence) {
 }
 
 TEST(ZavloLinuxHttpSession, ReportsTransportFailuresAsTypedErrors) {
-  ClosedPort closed;
+  ZavloClosedPort closed;
   ZavloHttpTestServer hangUp([](const ZavloHttpTestRequest&) -> std::optional<ZavloHttpTestReply> {
     ZavloHttpTestReply reply;
     reply.raw = "";  // closes without a byte of response
