@@ -21,6 +21,7 @@
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloChainServer.hpp"
+#include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloTestCertificates.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
@@ -39,28 +40,6 @@ ZavloLinuxPlatform::Options loopbackCellular(std::vector<std::string> trustAncho
   return {
       .hostApplicationVersion = {}, .cellularInterfaces = {"lo"}, .additionalTrustAnchorsPem = std::move(trustAnchors)};
 }
-
-// A loopback port where nothing listens: bound, never listened on.
-class ClosedPort {
- public:
-  ClosedPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  ~ClosedPort() { ::close(fd_); }
-  ClosedPort(const ClosedPort&) = delete;
-  ClosedPort& operator=(const ClosedPort&) = delete;
-  [[nodiscard]] std::uint16_t port() const { return port_; }
-
- private:
-  int fd_;
-  std::uint16_t port_ = 0;
-};
 
 std::string url(const ZavloTestServer& server, const std::string& path = "/sna") {
   return "http://127.0.0.1:" + std::to_string(server.port()) + path;
@@ -222,7 +201,7 @@ TEST_F(ZavloSilentAuthLoopbackTest, AConnectionEndedWithoutAnswerOrByResetFails)
 TEST_F(ZavloSilentAuthLoopbackTest, ConnectionFailuresAreReportedAfterTheFallback) {
   // Over IPv6 an IPv4 literal cannot even be tried; only the fallback reaches the closed
   // port, so its refusal is the message.
-  const ClosedPort closed;
+  const ZavloClosedPort closed;
   const auto refused = run("http://127.0.0.1:" + std::to_string(closed.port()) + "/sna");
   EXPECT_EQ(refused.only(), failure("SNA_CELLULAR_REQUEST_FAILED", "Connection failed: Connection refused"));
   EXPECT_TRUE(refused.hops.empty());
