@@ -1,5 +1,7 @@
 #include "Testing/Network/ZavloChainServer.hpp"
 
+#include "Testing/Network/ZavloTestCertificates.hpp"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -38,104 +40,26 @@ std::runtime_error osError(const std::string& what) {
   return std::runtime_error("chain server: " + what + ": " + std::strerror(errno));
 }
 
-std::string openSslErrors() {
-  std::string text;
-  while (const auto code = ERR_get_error()) {
-    std::array<char, 256> line{};
-    ERR_error_string_n(code, line.data(), line.size());
-    text += text.empty() ? "" : "; ";
-    text += line.data();
-  }
-  return text.empty() ? "unknown OpenSSL error" : text;
-}
-
-struct KeyFree {
-  void operator()(EVP_PKEY* key) const noexcept { EVP_PKEY_free(key); }
-};
-struct CertificateFree {
-  void operator()(X509* certificate) const noexcept { X509_free(certificate); }
-};
 struct ContextFree {
   void operator()(SSL_CTX* context) const noexcept { SSL_CTX_free(context); }
 };
-using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
-using Certificate = std::unique_ptr<X509, CertificateFree>;
 using Context = std::unique_ptr<SSL_CTX, ContextFree>;
 
 void check(bool ok, const char* what) {
-  if (!ok) throw std::runtime_error(std::string("chain server: ") + what + ": " + openSslErrors());
-}
-
-void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
-  check(extension != nullptr, "certificate extension");
-  const bool added = X509_add_ext(certificate, extension, -1) == 1;
-  X509_EXTENSION_free(extension);
-  check(added, "certificate extension");
-}
-
-// A self-signed CA when issuer is null, otherwise a server certificate it signs.
-Certificate makeCertificate(const char* commonName, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey, long serial) {
-  Certificate certificate(X509_new());
-  check(certificate != nullptr, "certificate");
-  X509* x = certificate.get();
-  check(X509_set_version(x, X509_VERSION_3) == 1, "certificate version");
-  check(ASN1_INTEGER_set(X509_get_serialNumber(x), serial) == 1, "certificate serial");
-  check(X509_gmtime_adj(X509_getm_notBefore(x), -3600) != nullptr, "certificate validity");
-  check(X509_gmtime_adj(X509_getm_notAfter(x), 30L * 24 * 3600) != nullptr, "certificate validity");
-  check(X509_set_pubkey(x, key) == 1, "certificate key");
-  X509_NAME* name = X509_get_subject_name(x);
-  check(X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName), -1, -1,
-                                   0) == 1,
-        "certificate name");
-  check(X509_set_issuer_name(x, issuer != nullptr ? X509_get_subject_name(issuer) : name) == 1, "certificate issuer");
-  X509* signer = issuer != nullptr ? issuer : x;
-  addExtension(x, signer, NID_subject_key_identifier, "hash");
-  if (issuer == nullptr) {
-    addExtension(x, signer, NID_basic_constraints, "critical,CA:TRUE");
-    addExtension(x, signer, NID_key_usage, "critical,keyCertSign,cRLSign");
-  } else {
-    addExtension(x, signer, NID_authority_key_identifier, "keyid:always");
-    addExtension(x, signer, NID_basic_constraints, "critical,CA:FALSE");
-    addExtension(x, signer, NID_key_usage, "critical,digitalSignature");
-    addExtension(x, signer, NID_ext_key_usage, "serverAuth");
-    addExtension(x, signer, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1,IP:::1");
-  }
-  check(X509_sign(x, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) > 0, "certificate signature");
-  return certificate;
-}
-
-std::string toPem(X509* certificate) {
-  BIO* bio = BIO_new(BIO_s_mem());
-  check(bio != nullptr, "PEM buffer");
-  const bool written = PEM_write_bio_X509(bio, certificate) == 1;
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(bio, &data);
-  std::string pem = written && length > 0 ? std::string(data, static_cast<std::size_t>(length)) : std::string();
-  BIO_free(bio);
-  check(!pem.empty(), "PEM encoding");
-  return pem;
+  if (!ok) throw std::runtime_error(std::string("chain server: ") + what + ": " + zavloOpenSslErrors());
 }
 
 // A server context with a fresh CA and a "localhost" certificate, all in memory.
 Context makeTlsContext(std::string& trustAnchorPem) {
-  const Key caKey(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
-  const Key serverKey(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
-  check(caKey != nullptr && serverKey != nullptr, "key generation");
-  const auto ca = makeCertificate("Zavlo chain test CA", caKey.get(), nullptr, nullptr, 1);
-  const auto leaf = makeCertificate("localhost", serverKey.get(), ca.get(), caKey.get(), 2);
-  trustAnchorPem = toPem(ca.get());
+  const ZavloTestCertificateAuthority authority("Zavlo chain test CA");
+  const auto identity = authority.issueServerIdentity({"localhost", "127.0.0.1", "::1"});
+  trustAnchorPem = authority.certificatePem();
 
   Context context(SSL_CTX_new(TLS_server_method()));
   check(context != nullptr, "TLS context");
   SSL_CTX* c = context.get();
   check(SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) == 1, "TLS version");
-  check(SSL_CTX_use_certificate(c, leaf.get()) == 1, "server certificate");
-  check(SSL_CTX_use_PrivateKey(c, serverKey.get()) == 1, "server key");
-  check(SSL_CTX_check_private_key(c) == 1, "server key");
+  check(zavloUseTlsIdentity(c, identity), "server identity");
   // Stateful TLS 1.2 resumption needs an id context; TLS 1.3 tickets work without one.
   static constexpr unsigned char kSessionContext[] = "zavlo-chain";
   check(SSL_CTX_set_session_id_context(c, kSessionContext, sizeof kSessionContext - 1) == 1, "session context");

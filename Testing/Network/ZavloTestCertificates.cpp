@@ -1,12 +1,14 @@
 #include "Testing/Network/ZavloTestCertificates.hpp"
 
 #include <arpa/inet.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <array>
 #include <stdexcept>
 
 namespace {
@@ -121,4 +123,29 @@ ZavloTestTlsIdentity ZavloTestCertificateAuthority::issueServerIdentity(const st
   EVP_PKEY_free(key);
   require(signedOk, "signing the server certificate failed");
   return identity;
+}
+
+bool zavloUseTlsIdentity(SSL_CTX* context, const ZavloTestTlsIdentity& identity) {
+  BIO* certificate = BIO_new_mem_buf(identity.certificatePem.data(), static_cast<int>(identity.certificatePem.size()));
+  BIO* key = BIO_new_mem_buf(identity.privateKeyPem.data(), static_cast<int>(identity.privateKeyPem.size()));
+  X509* x509 = PEM_read_bio_X509(certificate, nullptr, nullptr, nullptr);
+  EVP_PKEY* privateKey = PEM_read_bio_PrivateKey(key, nullptr, nullptr, nullptr);
+  const bool ok = x509 != nullptr && privateKey != nullptr && SSL_CTX_use_certificate(context, x509) == 1 &&
+                  SSL_CTX_use_PrivateKey(context, privateKey) == 1 && SSL_CTX_check_private_key(context) == 1;
+  X509_free(x509);
+  EVP_PKEY_free(privateKey);
+  BIO_free(certificate);
+  BIO_free(key);
+  return ok;
+}
+
+std::string zavloOpenSslErrors() {
+  std::string text;
+  while (const auto code = ERR_get_error()) {
+    std::array<char, 256> line{};
+    ERR_error_string_n(code, line.data(), line.size());
+    text += text.empty() ? "" : "; ";
+    text += line.data();
+  }
+  return text.empty() ? "no OpenSSL detail" : text;
 }

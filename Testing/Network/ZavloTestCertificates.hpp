@@ -1,5 +1,7 @@
 #pragma once
 
+#include <openssl/ssl.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,3 +32,10 @@ class ZavloTestCertificateAuthority {
   std::unique_ptr<Keys> keys_;
   std::string certificatePem_;
 };
+
+/// Installs identity as the certificate and key of a server context; false when the PEM
+/// does not load or the key does not match.
+bool zavloUseTlsIdentity(SSL_CTX* context, const ZavloTestTlsIdentity& identity);
+
+/// The OpenSSL errors queued on this thread, as one line (and clears them).
+std::string zavloOpenSslErrors();

@@ -116,16 +116,7 @@ ZavloTestServer::ZavloTestServer(ZavloTestServerReply reply, Options options)
   if (options.tls) {
     tls_ = std::make_unique<Tls>();
     tls_->context = SSL_CTX_new(TLS_server_method());
-    BIO* certificate = BIO_new_mem_buf(options.tls->certificatePem.data(), -1);
-    BIO* key = BIO_new_mem_buf(options.tls->privateKeyPem.data(), -1);
-    X509* x509 = PEM_read_bio_X509(certificate, nullptr, nullptr, nullptr);
-    EVP_PKEY* privateKey = PEM_read_bio_PrivateKey(key, nullptr, nullptr, nullptr);
-    const bool ok = x509 != nullptr && privateKey != nullptr && SSL_CTX_use_certificate(tls_->context, x509) == 1 &&
-                    SSL_CTX_use_PrivateKey(tls_->context, privateKey) == 1;
-    X509_free(x509);
-    EVP_PKEY_free(privateKey);
-    BIO_free(certificate);
-    BIO_free(key);
+    const bool ok = tls_->context != nullptr && zavloUseTlsIdentity(tls_->context, *options.tls);
     if (!ok) throw std::runtime_error("test server: unusable TLS identity");
   }
 

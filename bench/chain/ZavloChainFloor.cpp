@@ -1,4 +1,5 @@
 #include "ZavloChainFloor.hpp"
+#include "Testing/Network/ZavloTestCertificates.hpp"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -32,17 +33,6 @@ struct Target {
 };
 
 std::runtime_error failure(const std::string& what) { return std::runtime_error("floor client: " + what); }
-
-std::string openSslErrors() {
-  std::string text;
-  while (const auto code = ERR_get_error()) {
-    std::array<char, 256> line{};
-    ERR_error_string_n(code, line.data(), line.size());
-    text += text.empty() ? "" : "; ";
-    text += line.data();
-  }
-  return text.empty() ? "no OpenSSL detail" : text;
-}
 
 // Only absolute http(s) URLs with an optional port, as the chain server writes them.
 Target parseUrl(std::string_view url) {
@@ -110,7 +100,7 @@ bool isIpLiteral(const std::string& host) {
 ZavloChainFloorClient::ZavloChainFloorClient(Options options) : options_(std::move(options)) {
   if (!options_.tls) return;
   context_ = SSL_CTX_new(TLS_client_method());
-  if (context_ == nullptr) throw failure("TLS context: " + openSslErrors());
+  if (context_ == nullptr) throw failure("TLS context: " + zavloOpenSslErrors());
   SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
   SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, nullptr);
   BIO* bio = BIO_new_mem_buf(options_.trustAnchorPem.data(), static_cast<int>(options_.trustAnchorPem.size()));
@@ -120,7 +110,7 @@ ZavloChainFloorClient::ZavloChainFloorClient(Options options) : options_(std::mo
   X509_free(anchor);
   if (!trusted) {
     SSL_CTX_free(context_);
-    throw failure("trust anchor: " + openSslErrors());
+    throw failure("trust anchor: " + zavloOpenSslErrors());
   }
 }
 
@@ -183,7 +173,7 @@ std::string ZavloChainFloorClient::exchange(int fd, const std::string& host, con
   }
 
   SSL* ssl = SSL_new(context_);
-  if (ssl == nullptr) throw failure("TLS session: " + openSslErrors());
+  if (ssl == nullptr) throw failure("TLS session: " + zavloOpenSslErrors());
   std::string problem;
   SSL_set_fd(ssl, fd);
   if (isIpLiteral(host)) {
@@ -194,15 +184,15 @@ std::string ZavloChainFloorClient::exchange(int fd, const std::string& host, con
   }
   if (options_.resumeSessions && session_ != nullptr) SSL_set_session(ssl, session_);
   if (SSL_connect(ssl) != 1) {
-    problem = "TLS handshake: " + openSslErrors();
+    problem = "TLS handshake: " + zavloOpenSslErrors();
   } else if (SSL_write(ssl, request.data(), static_cast<int>(request.size())) != static_cast<int>(request.size())) {
-    problem = "TLS write: " + openSslErrors();
+    problem = "TLS write: " + zavloOpenSslErrors();
   } else {
     ++handshakes_;
     if (SSL_session_reused(ssl) == 1) ++resumed_;
     const int received = SSL_read(ssl, response.data(), static_cast<int>(response.size()));
     if (received <= 0) {
-      problem = "no answer: " + openSslErrors();
+      problem = "no answer: " + zavloOpenSslErrors();
     } else {
       response.resize(static_cast<std::size_t>(received));
     }
