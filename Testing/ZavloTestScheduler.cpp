@@ -104,9 +104,12 @@ bool ZavloTestScheduler::runOne(Duration limit, bool& ran) {
   if (!item.queue->alive) return true;
   if (auto work = item.timer->take()) {
     ran = true;
-    const auto* previous = std::exchange(tCurrentQueue, item.queue.get());
+    // A throwing item reaches the test, with isCurrent() as it was before the item.
+    struct Restore {
+      const void* previous;
+      ~Restore() { tCurrentQueue = previous; }
+    } restore{std::exchange(tCurrentQueue, item.queue.get())};
     work();
-    tCurrentQueue = previous;
   }
   return true;
 }

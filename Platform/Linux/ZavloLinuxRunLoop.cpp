@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cstdio>
 #include <utility>
 
 struct ZavloLinuxRunLoop::Timer final : ZavloTimer {
@@ -60,12 +61,46 @@ bool ZavloLinuxRunLoop::loop(const std::function<bool()>* done, std::chrono::ste
   bool finished = done && (*done)();
   Work work;
   while (!finished && next(work, deadline)) {
-    work();
+    runGuarded(work);
     work = nullptr;  // release captures before waiting again
     finished = done && (*done)();
   }
   runningThread_.store(previous);
   return finished;
+}
+
+void ZavloLinuxRunLoop::setExceptionHandler(ExceptionHandler handler) {
+  std::lock_guard lock(mutex_);
+  exceptionHandler_ = handler ? std::move(handler) : ExceptionHandler(reportToStandardError);
+}
+
+void ZavloLinuxRunLoop::reportToStandardError(std::exception_ptr exception) noexcept {
+  try {
+    std::rethrow_exception(std::move(exception));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "zavlo: a task on a run loop threw: %s\n", error.what());
+  } catch (...) {
+    std::fprintf(stderr, "zavlo: a task on a run loop threw an exception of an unknown type\n");
+  }
+}
+
+// An exception must not unwind through the loop: its state (the running thread, the
+// item being run) would be left wrong, and every later completion would be lost.
+void ZavloLinuxRunLoop::runGuarded(Work& work) noexcept {
+  try {
+    work();
+  } catch (...) {
+    ExceptionHandler handler;
+    {
+      std::lock_guard lock(mutex_);
+      handler = exceptionHandler_;
+    }
+    try {
+      handler(std::current_exception());
+    } catch (...) {
+      reportToStandardError(std::current_exception());
+    }
+  }
 }
 
 bool ZavloLinuxRunLoop::next(Work& work, std::chrono::steady_clock::time_point deadline) {

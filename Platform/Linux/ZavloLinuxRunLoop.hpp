@@ -3,6 +3,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <exception>
+#include <functional>
 #include <mutex>
 #include <queue>
 #include <thread>
@@ -12,8 +14,14 @@
 
 /// A run loop the host runs on its main thread (run, runUntil, stop). Also the engine of
 /// the Linux serial queues, which run one on a thread of their own.
+///
+/// A work item that throws (a host's completion, say) does not end the loop: the
+/// exception goes to the exception handler and the loop goes on with the next item.
 class ZavloLinuxRunLoop final : public ZavloQueue {
  public:
+  /// Told of each exception that escaped a work item, on the loop's thread.
+  using ExceptionHandler = std::function<void(std::exception_ptr)>;
+
   ZavloLinuxRunLoop() = default;
   ~ZavloLinuxRunLoop() override;
 
@@ -28,6 +36,11 @@ class ZavloLinuxRunLoop final : public ZavloQueue {
   bool runUntil(const std::function<bool()>& done, Duration timeout);
   /// Makes run() or runUntil() return after the current item. Callable from any thread.
   void stop();
+  /// Replaces the exception handler; the default writes one line to standard error.
+  /// Call before the loop runs.
+  void setExceptionHandler(ExceptionHandler handler);
+  /// The default handler: "zavlo: a task on a run loop threw: WHAT" on standard error.
+  static void reportToStandardError(std::exception_ptr exception) noexcept;
 
  private:
   struct Timer;
@@ -44,6 +57,7 @@ class ZavloLinuxRunLoop final : public ZavloQueue {
   bool loop(const std::function<bool()>* done, std::chrono::steady_clock::time_point deadline);
   // Takes the next runnable item, waiting until one is due or the deadline passes.
   bool next(Work& work, std::chrono::steady_clock::time_point deadline);
+  void runGuarded(Work& work) noexcept;
 
   mutable std::mutex mutex_;
   std::condition_variable wake_;
@@ -52,6 +66,7 @@ class ZavloLinuxRunLoop final : public ZavloQueue {
   std::uint64_t sequence_ = 0;
   bool stopRequested_ = false;
   std::atomic<std::thread::id> runningThread_{};
+  ExceptionHandler exceptionHandler_ = reportToStandardError;
 };
 
 /// A private serial queue: a run loop on a thread of its own, stopped and joined on

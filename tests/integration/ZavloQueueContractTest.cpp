@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -133,4 +135,46 @@ TEST(ZavloLinuxSerialQueue, MayBeDestroyedByItsOwnWork) {
   EXPECT_TRUE(done);
   for (int i = 0; i < 5000 && !weak.expired(); ++i) std::this_thread::sleep_for(1ms);
   EXPECT_TRUE(weak.expired());
+}
+
+// A host's completion that throws must not take the loop, or every later completion,
+// down with it: the item is reported and the next one runs, plain work and timers alike.
+TEST(ZavloLinuxRunLoop, AThrowingTaskIsReportedAndTheLoopGoesOn) {
+  ZavloLinuxRunLoop loop;
+  std::vector<std::string> reported;
+  loop.setExceptionHandler([&](std::exception_ptr exception) {
+    try {
+      std::rethrow_exception(std::move(exception));
+    } catch (const std::exception& error) {
+      reported.emplace_back(error.what());
+    } catch (...) {
+      reported.emplace_back("?");
+    }
+  });
+  std::vector<int> ran;
+  loop.post([] { throw std::runtime_error("completion failed"); });
+  loop.post([&] { ran.push_back(1); });
+  loop.postAfter(1ms, [] { throw 42; });
+  loop.postAfter(2ms, [&] {
+    ran.push_back(2);
+    EXPECT_TRUE(loop.isCurrent());
+  });
+  EXPECT_TRUE(loop.runUntil([&] { return ran.size() == 2; }, 5s));
+  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+  EXPECT_EQ(reported, (std::vector<std::string>{"completion failed", "?"}));
+  EXPECT_FALSE(loop.isCurrent()) << "the loop's thread mark is restored after it returns";
+}
+
+// Without a handler of the host's the report goes to standard error, as the command-line
+// host shows it.
+TEST(ZavloLinuxRunLoop, ReportsToStandardErrorByDefault) {
+  ZavloLinuxRunLoop loop;
+  bool after = false;
+  testing::internal::CaptureStderr();
+  loop.post([] { throw std::logic_error("host bug"); });
+  loop.post([&] { after = true; });
+  loop.runUntil([&] { return after; }, 5s);
+  const auto text = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(after);
+  EXPECT_EQ(text, "zavlo: a task on a run loop threw: host bug\n");
 }
