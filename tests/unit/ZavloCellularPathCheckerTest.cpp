@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
+#include "Platform/ZavloPlatformWrapper.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 using namespace std::chrono_literals;
@@ -159,21 +160,12 @@ class TalkativeMonitor final : public ZavloPathMonitor {
   std::shared_ptr<ZavloQueue> queue_;
 };
 
-class TalkativePlatform final : public ZavloPlatform {
+class TalkativePlatform final : public ZavloPlatformWrapper {
  public:
-  ZavloQueue& mainQueue() override { return base.mainQueue(); }
-  std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override { return base.makeSerialQueue(label); }
-  const ZavloDeviceInfo& deviceInfo() override { return base.deviceInfo(); }
-  std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override {
-    return base.makeHttpSession(configuration);
-  }
+  TalkativePlatform() : ZavloPlatformWrapper(base) {}
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override {
     monitor = std::make_shared<TalkativeMonitor>();
     return monitor;
-  }
-  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
-                                                  ZavloConnectionParameters parameters) override {
-    return base.makeConnection(host, port, std::move(parameters));
   }
   ZavloTestPlatform base;
   std::shared_ptr<TalkativeMonitor> monitor;
