@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "Core/ZavloResult.hpp"
 #include "Platform/ZavloKeychain.hpp"
+#include "Platform/ZavloResult.hpp"
 
 /// A failure of a key operation: the platform's integer code and a text for debugging
 /// only (it never reaches a caller of the library).
