@@ -6,8 +6,8 @@
 
 #include "Platform/ZavloConnection.hpp"
 #include "Platform/ZavloDeviceInfo.hpp"
-#include "Platform/ZavloPathMonitor.hpp"
 #include "Platform/ZavloHttpSession.hpp"
+#include "Platform/ZavloPathMonitor.hpp"
 #include "Platform/ZavloQueue.hpp"
 
 /// Every system service the library reaches, behind one injectable object. Managers take
@@ -36,9 +36,13 @@ class ZavloPlatform {
   virtual std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                           ZavloConnectionParameters parameters) = 0;
 
-  /// The process-wide platform: the one installed, or the Linux platform on first use.
+  /// The process-wide platform: the one installed, or zavloMakeDefaultPlatform()'s on first use.
   static ZavloPlatform& current();
   /// Installs the process-wide platform. Returns false (and changes nothing) once
   /// current() has been used, so that no shared object ever sees two platforms.
   static bool install(std::shared_ptr<ZavloPlatform> platform);
 };
+
+/// The platform a process gets when its host installs none; defined by the platform
+/// library that is linked (the Linux one makes a ZavloLinuxPlatform).
+std::shared_ptr<ZavloPlatform> zavloMakeDefaultPlatform();

@@ -37,11 +37,6 @@ struct ZavloCellularPathChecker::Check {
   }
 };
 
-ZavloCellularPathChecker& ZavloCellularPathChecker::shared() {
-  static auto* instance = new ZavloCellularPathChecker(ZavloPlatform::current());
-  return *instance;
-}
-
 std::shared_ptr<ZavloQueue> ZavloCellularPathChecker::monitorQueue() {
   std::lock_guard guard(queueMutex_);
   if (!queue_) queue_ = platform_.makeSerialQueue(std::string(kQueueLabel));

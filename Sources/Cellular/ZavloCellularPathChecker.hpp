@@ -33,7 +33,7 @@ class ZavloCellularPathChecker {
   ZavloCellularPathChecker(const ZavloCellularPathChecker&) = delete;
   ZavloCellularPathChecker& operator=(const ZavloCellularPathChecker&) = delete;
 
-  /// The process-wide checker, on ZavloPlatform::current(); never destroyed.
+  /// The process-wide checker: the process-wide graph's (ZavloAuthenticationGraph).
   static ZavloCellularPathChecker& shared();
 
   /// Success as soon as a satisfied path lists a cellular interface among its available

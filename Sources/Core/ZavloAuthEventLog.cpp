@@ -87,10 +87,6 @@ nlohmann::json ZavloAuthEventLog::createDeviceMetadata(const ZavloDeviceInfo& de
   };
 }
 
-nlohmann::json ZavloAuthEventLog::createDeviceMetadata() {
-  return createDeviceMetadata(ZavloPlatform::current().deviceInfo());
-}
-
 std::string ZavloAuthEventLog::makeTransactionId() {
   // Uniqueness, not secrecy, is what a transaction id needs: a per-thread generator
   // seeded from the system's entropy source is enough and keeps event creation cheap.

@@ -58,12 +58,6 @@ ZavloHttpSessionConfiguration ZavloAuthHTTPManager::sessionConfiguration() {
   return configuration;
 }
 
-std::shared_ptr<ZavloAuthHTTPManager> ZavloAuthHTTPManager::shared() {
-  // Never destroyed: telemetry may still be posted while statics are torn down.
-  static auto* instance = new std::shared_ptr<ZavloAuthHTTPManager>(create(ZavloPlatform::current()));
-  return *instance;
-}
-
 std::shared_ptr<ZavloAuthHTTPManager> ZavloAuthHTTPManager::create(ZavloPlatform& platform) {
   return std::shared_ptr<ZavloAuthHTTPManager>(new ZavloAuthHTTPManager(platform));
 }

@@ -49,7 +49,7 @@ class ZavloAuthHTTPManager : public std::enable_shared_from_this<ZavloAuthHTTPMa
   /// transfer, no local cache.
   static ZavloHttpSessionConfiguration sessionConfiguration();
 
-  /// The process-wide manager, built on first use from ZavloPlatform::current().
+  /// The process-wide manager: the process-wide graph's (ZavloAuthenticationGraph).
   static std::shared_ptr<ZavloAuthHTTPManager> shared();
   /// A manager whose sessions come from this platform, which must outlive it.
   static std::shared_ptr<ZavloAuthHTTPManager> create(ZavloPlatform& platform);

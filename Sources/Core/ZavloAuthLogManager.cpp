@@ -24,13 +24,6 @@ void report(const ZavloAuthLogManager::Completion& completion, ZavloResult<Zavlo
 
 }  // namespace
 
-std::shared_ptr<ZavloAuthLogManager> ZavloAuthLogManager::shared() {
-  // Never destroyed, like the HTTP manager it posts through.
-  static auto* instance =
-      new std::shared_ptr<ZavloAuthLogManager>(std::make_shared<ZavloAuthLogManager>(ZavloAuthHTTPManager::shared()));
-  return *instance;
-}
-
 ZavloAuthLogManager::ZavloAuthLogManager(std::shared_ptr<ZavloAuthHTTPManager> transport)
     : transport_(std::move(transport)) {}
 

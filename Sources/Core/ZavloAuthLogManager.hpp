@@ -33,7 +33,7 @@ class ZavloAuthLogManager {
   static constexpr const char* kStateQueueLabel = "zavlo.auth.log.manager.state";
   static constexpr std::string_view kNotConfigured = "Logger not configured";
 
-  /// The process-wide log manager, posting through ZavloAuthHTTPManager::shared().
+  /// The process-wide log manager: the process-wide graph's (ZavloAuthenticationGraph).
   static std::shared_ptr<ZavloAuthLogManager> shared();
 
   /// transport: the HTTP manager taken (and rebuilt if needed) whenever one is needed.

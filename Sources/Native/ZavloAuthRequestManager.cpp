@@ -36,14 +36,6 @@ std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
       new ZavloAuthRequestManager(platform, std::move(logManager), std::move(pathChecker)));
 }
 
-std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::shared() {
-  // The process-wide checker is never destroyed, so it is held without ownership.
-  static const auto instance = create(
-      ZavloPlatform::current(), ZavloAuthLogManager::shared(),
-      std::shared_ptr<ZavloCellularPathChecker>(&ZavloCellularPathChecker::shared(), [](ZavloCellularPathChecker*) {}));
-  return instance;
-}
-
 ZavloAuthRequestManager::ZavloAuthRequestManager(ZavloPlatform& platform,
                                                  std::shared_ptr<ZavloAuthLogManager> logManager,
                                                  std::shared_ptr<ZavloCellularPathChecker> pathChecker)

@@ -36,7 +36,7 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   static std::shared_ptr<ZavloAuthRequestManager> create(ZavloPlatform& platform,
                                                          std::shared_ptr<ZavloAuthLogManager> logManager,
                                                          std::shared_ptr<ZavloCellularPathChecker> pathChecker);
-  /// The process-wide instance, built on the process-wide platform on first use.
+  /// The process-wide instance: the process-wide graph's (ZavloAuthenticationGraph).
   static std::shared_ptr<ZavloAuthRequestManager> shared();
   ~ZavloAuthRequestManager();
 

@@ -18,12 +18,6 @@ ZavloAuthenticationNativeWrapper::ZavloAuthenticationNativeWrapper(
     std::shared_ptr<ZavloAuthenticationRepository> repository, std::shared_ptr<ZavloAuthLogManager> logManager)
     : repository(std::move(repository)), logManager_(std::move(logManager)) {}
 
-ZavloAuthenticationNativeWrapper& ZavloAuthenticationNativeWrapper::shared() {
-  static ZavloAuthenticationNativeWrapper instance(ZavloAuthenticationRepository::shared(),
-                                                   ZavloAuthLogManager::shared());
-  return instance;
-}
-
 void ZavloAuthenticationNativeWrapper::setup(std::weak_ptr<void> viewController, ZavloAuthEnvironment environment) {
   viewController_ = std::move(viewController);
   environment_ = environment;

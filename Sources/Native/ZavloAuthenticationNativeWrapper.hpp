@@ -30,7 +30,7 @@ class ZavloAuthenticationNativeWrapper {
   ZavloAuthenticationNativeWrapper(const ZavloAuthenticationNativeWrapper&) = delete;
   ZavloAuthenticationNativeWrapper& operator=(const ZavloAuthenticationNativeWrapper&) = delete;
 
-  /// The process-wide instance, built on the process-wide platform on first use.
+  /// The process-wide instance: the process-wide graph's (ZavloAuthenticationGraph).
   static ZavloAuthenticationNativeWrapper& shared();
 
   /// Remembers the host's screen (weakly) and environment, and turns telemetry on for

@@ -15,10 +15,8 @@ class ZavloAuthenticationRepository {
     if (requestManager) requestManager->clearSession();
   }
 
-  static std::shared_ptr<ZavloAuthenticationRepository> shared() {
-    static const auto instance = std::make_shared<ZavloAuthenticationRepository>(ZavloAuthRequestManager::shared());
-    return instance;
-  }
+  /// The process-wide repository, a member of the process-wide graph.
+  static std::shared_ptr<ZavloAuthenticationRepository> shared();
 
   const std::shared_ptr<ZavloAuthRequestManager> requestManager;
 };

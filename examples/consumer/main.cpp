@@ -1,17 +1,11 @@
-// A minimal host: asks the library for its capabilities and runs one task on the test
-// platform's virtual clock. Exits non-zero if either does not behave.
+// A minimal host on Linux: asks the process-wide native wrapper for its capabilities.
+// Exits non-zero if it does not answer as expected.
 #include <iostream>
 
-#include "Core/ZavloAuthResponseUtils.hpp"
-#include "Testing/ZavloTestPlatform.hpp"
+#include "Native/ZavloAuthenticationNativeWrapper.hpp"
 
 int main() {
-  const auto capabilities = ZavloAuthResponseUtils::capabilitiesDictionary();
+  const auto capabilities = ZavloAuthenticationNativeWrapper::shared().getCapabilities();
   std::cout << capabilities.dump() << '\n';
-
-  ZavloTestPlatform platform;
-  bool ran = false;
-  platform.mainQueue().postAfter(std::chrono::seconds(2), [&] { ran = true; });
-  platform.advanceBy(std::chrono::seconds(2));
-  return capabilities.value("sdkVersion", "") == "1.1.1" && ran ? 0 : 1;
+  return capabilities.value("sdkVersion", "") == "1.1.1" ? 0 : 1;
 }

@@ -18,7 +18,8 @@
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Core/ZavloAuthHTTPManager.hpp"
 #include "Core/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthenticationNativeWrapper.hpp"
+#include "Native/ZavloAuthRequestManager.hpp"
+#include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
@@ -277,12 +278,9 @@ struct LinuxNativeGraph {
 
   ZavloHttpTestServer collector;
   ZavloLinuxPlatform platform;
-  std::shared_ptr<ZavloAuthHTTPManager> http = ZavloAuthHTTPManager::create(platform);
-  std::shared_ptr<ZavloAuthLogManager> log = std::make_shared<ZavloAuthLogManager>(http);
-  std::shared_ptr<ZavloCellularPathChecker> checker = std::make_shared<ZavloCellularPathChecker>(platform);
-  std::shared_ptr<ZavloAuthRequestManager> requests = ZavloAuthRequestManager::create(platform, log, checker);
-  std::shared_ptr<ZavloAuthenticationRepository> repository = std::make_shared<ZavloAuthenticationRepository>(requests);
-  ZavloAuthenticationNativeWrapper wrapper{repository, log};
+  ZavloAuthenticationGraph graph{platform};
+  const std::shared_ptr<ZavloAuthLogManager>& log = graph.logManager;
+  ZavloAuthenticationNativeWrapper& wrapper = graph.nativeWrapper;
   std::shared_ptr<int> screen = std::make_shared<int>(0);
 };
 

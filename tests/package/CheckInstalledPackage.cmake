@@ -13,3 +13,4 @@ run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/consumer -B ${WORK_DIR}/consumer 
     -DCMAKE_PREFIX_PATH=${prefix})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
 run(${WORK_DIR}/consumer/zavlo-consumer)
+run(${WORK_DIR}/consumer/zavlo-consumer-tests)

@@ -7,20 +7,17 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Core/ZavloAuthHTTPManager.hpp"
 #include "Core/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthenticationNativeWrapper.hpp"
+#include "Native/ZavloAuthRequestManager.hpp"
+#include "Native/ZavloAuthenticationGraph.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 struct ZavloNativeGraph {
   ZavloTestPlatform platform;
-  std::shared_ptr<ZavloAuthHTTPManager> http = ZavloAuthHTTPManager::create(platform);
-  std::shared_ptr<ZavloAuthLogManager> log = std::make_shared<ZavloAuthLogManager>(http);
-  std::shared_ptr<ZavloCellularPathChecker> checker = std::make_shared<ZavloCellularPathChecker>(platform);
-  std::shared_ptr<ZavloAuthRequestManager> requests = ZavloAuthRequestManager::create(platform, log, checker);
-  std::shared_ptr<ZavloAuthenticationRepository> repository = std::make_shared<ZavloAuthenticationRepository>(requests);
-  ZavloAuthenticationNativeWrapper wrapper{repository, log};
+  ZavloAuthenticationGraph graph{platform};
+  const std::shared_ptr<ZavloAuthLogManager>& log = graph.logManager;
+  const std::shared_ptr<ZavloAuthRequestManager>& requests = graph.requestManager;
+  ZavloAuthenticationNativeWrapper& wrapper = graph.nativeWrapper;
   std::shared_ptr<int> screen = std::make_shared<int>(0);
 
   /// Every telemetry event posted so far, as the collector would parse it.

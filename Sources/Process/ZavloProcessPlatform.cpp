@@ -1,10 +1,8 @@
-// The process-wide platform defaults to the Linux one; it lives here so that Platform/
-// itself stays purely abstract.
+// The process-wide platform: the one the host installs, else the default of the platform
+// library linked.
 #include "Platform/ZavloPlatform.hpp"
 
 #include <mutex>
-
-#include "Platform/Linux/ZavloLinuxPlatform.hpp"
 
 namespace {
 
@@ -24,7 +22,7 @@ ProcessPlatform& processPlatform() {
 ZavloPlatform& ZavloPlatform::current() {
   auto& state = processPlatform();
   std::lock_guard lock(state.mutex);
-  if (!state.platform) state.platform = std::make_shared<ZavloLinuxPlatform>();
+  if (!state.platform) state.platform = zavloMakeDefaultPlatform();
   state.used = true;
   return *state.platform;
 }

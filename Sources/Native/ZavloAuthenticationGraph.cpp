@@ -1,0 +1,18 @@
+#include "Native/ZavloAuthenticationGraph.hpp"
+
+#include "Cellular/ZavloCellularPathChecker.hpp"
+#include "Core/ZavloAuthHTTPManager.hpp"
+#include "Core/ZavloAuthLogManager.hpp"
+#include "Native/ZavloAuthRequestManager.hpp"
+#include "Platform/ZavloPlatform.hpp"
+
+ZavloAuthenticationGraph::ZavloAuthenticationGraph(ZavloPlatform& platform)
+    : platform_(platform),
+      httpManager(ZavloAuthHTTPManager::create(platform)),
+      logManager(std::make_shared<ZavloAuthLogManager>(httpManager)),
+      pathChecker(std::make_shared<ZavloCellularPathChecker>(platform)),
+      requestManager(ZavloAuthRequestManager::create(platform, logManager, pathChecker)),
+      repository(std::make_shared<ZavloAuthenticationRepository>(requestManager)),
+      nativeWrapper(repository, logManager) {}
+
+ZavloAuthenticationGraph::~ZavloAuthenticationGraph() = default;
