@@ -1,4 +1,5 @@
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
 
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPathMonitor.hpp"

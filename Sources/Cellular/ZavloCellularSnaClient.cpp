@@ -31,17 +31,17 @@ ZavloCellularSnaClient::ZavloCellularSnaClient(ZavloPlatform& platform, EventSin
     : platform_(platform), sendEvent_(std::move(sendEvent)) {}
 
 ZavloCellularSnaClient::ResponseHandler ZavloCellularSnaClient::checkResponseHandler() const {
-  std::lock_guard lock(accessQueue);
+  std::lock_guard lock(accessQueue_);
   return checkResponseHandler_;
 }
 
 void ZavloCellularSnaClient::setCheckResponseHandler(ResponseHandler handler) {
-  std::lock_guard lock(accessQueue);
+  std::lock_guard lock(accessQueue_);
   checkResponseHandler_ = std::move(handler);
 }
 
-void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string> requestId_, Completion completion) {
-  requestId = std::move(requestId_);
+void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion) {
+  requestId_ = std::move(requestId);
   if (url.scheme().empty() || url.host().empty()) {
     if (completion) completion(convertNetworkErrorToDictionary(ZavloNetworkError::other("No scheme or host found")));
     return;
@@ -91,9 +91,9 @@ void ZavloCellularSnaClient::deliver(const ResponseHandler& completion, ZavloCon
 }
 
 void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion) {
-  if (connection) {
-    connection->cancel();
-    connection.reset();
+  if (connection_) {
+    connection_->cancel();
+    connection_.reset();
   }
   if (url.scheme().empty() || url.host().empty()) {
     deliver(completion, ZavloNetworkError::other("URL has no Host or Scheme"));
@@ -126,9 +126,9 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
   auto fallback = [weak, url, port, completion, readyState] {
     const auto self = weak.lock();
     if (!self) return;
-    if (self->connection) {
-      self->connection->cancel();
-      self->connection.reset();
+    if (self->connection_) {
+      self->connection_->cancel();
+      self->connection_.reset();
     }
     // Any IP version, not IPv4 only: the second try may still use IPv6.
     auto retry = self->createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::any);
@@ -140,8 +140,8 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
     retry->setStateUpdateHandler(self->createConnectionUpdateHandler(completion, readyState, nullptr));
     retry->start(self->platform_.mainQueue());
   };
-  connection->setStateUpdateHandler(createConnectionUpdateHandler(completion, readyState, fallback));
-  connection->start(platform_.mainQueue());
+  connection_->setStateUpdateHandler(createConnectionUpdateHandler(completion, readyState, fallback));
+  connection_->start(platform_.mainQueue());
 }
 
 std::shared_ptr<ZavloConnection> ZavloCellularSnaClient::createConnection(
@@ -167,8 +167,8 @@ std::shared_ptr<ZavloConnection> ZavloCellularSnaClient::createConnection(
   parameters.prohibitedInterfaceTypes = {ZavloInterfaceType::wifi, ZavloInterfaceType::loopback,
                                          ZavloInterfaceType::wiredEthernet};
   parameters.ipVersion = ipVersion;
-  connection = platform_.makeConnection(host, static_cast<std::uint16_t>(chosenPort), std::move(parameters));
-  return connection;
+  connection_ = platform_.makeConnection(host, static_cast<std::uint16_t>(chosenPort), std::move(parameters));
+  return connection_;
 }
 
 ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHandler(
@@ -199,32 +199,32 @@ ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHand
 
 void ZavloCellularSnaClient::sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data,
                                                     const ResponseHandler& completion) {
-  if (!connection) return;
-  connection->send(std::move(data), [completion](const std::optional<ZavloConnectionError>& error) {
+  if (!connection_) return;
+  connection_->send(std::move(data), [completion](const std::optional<ZavloConnectionError>& error) {
     if (error && completion) completion(ZavloNetworkError::other(error->localizedDescription));
   });
   // One receive only: an answer longer than this, or split in pieces, is judged on what
   // this read returns.
   std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
-  connection->receive(1, kMaximumResponseLength,
-                      [weak, requestUrl, completion](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
-                                                     const std::optional<ZavloConnectionError>& error) {
-                        if (auto self = weak.lock()) self->processResponse(requestUrl, received, error, completion);
-                      });
+  connection_->receive(1, kMaximumResponseLength,
+                       [weak, requestUrl, completion](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
+                                                      const std::optional<ZavloConnectionError>& error) {
+                         if (auto self = weak.lock()) self->processResponse(requestUrl, received, error, completion);
+                       });
 }
 
 void ZavloCellularSnaClient::createTimer() {
-  if (timer) timer->cancel();
+  if (timer_) timer_->cancel();
   const auto interval =
       std::chrono::duration_cast<ZavloQueue::Duration>(std::chrono::duration<double>(CONNECTION_TIME_OUT));
   // The timer holds the client: it is what keeps a chain alive between hops.
-  timer = platform_.mainQueue().postAfter(interval, [self = shared_from_this()] { self->fireTimer(); });
+  timer_ = platform_.mainQueue().postAfter(interval, [self = shared_from_this()] { self->fireTimer(); });
 }
 
 void ZavloCellularSnaClient::fireTimer() {
-  if (timer) {
-    timer->cancel();
-    timer.reset();
+  if (timer_) {
+    timer_->cancel();
+    timer_.reset();
   }
   if (auto handler = checkResponseHandler()) {
     handler(ZavloNetworkError::connectionCantBeCreated("Connection cancelled - time out"));
@@ -232,13 +232,13 @@ void ZavloCellularSnaClient::fireTimer() {
 }
 
 void ZavloCellularSnaClient::cleanUp() {
-  if (connection) {
-    connection->cancel();
-    connection.reset();
+  if (connection_) {
+    connection_->cancel();
+    connection_.reset();
   }
-  if (timer) {
-    timer->cancel();
-    timer.reset();
+  if (timer_) {
+    timer_->cancel();
+    timer_.reset();
   }
 }
 
@@ -247,7 +247,7 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
                                           const std::optional<std::string>& failure) {
   if (!sendEvent_) return;
   auto event = std::make_shared<ZavloAuthEventLog>();
-  event->requestId = requestId;
+  event->requestId = requestId_;
   event->authProvider = "NATIVE_SNA";
   event->eventName = "SNA_HOP";
   nlohmann::json metaData = {{"requestUrl", requestUrl.absoluteString()},

@@ -49,6 +49,25 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   /// Starts the chain at url; completion receives the final dictionary.
   void open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion);
+  /// The request text of a hop; absent for a URL without host or scheme.
+  static std::optional<std::string> createHttpCommand(const ZavloUrl& url);
+  /// The three characters after "HTTP/1.1 " as a number; 0 when they are not one.
+  static std::int64_t parseHttpStatusCode(std::string_view response);
+  /// The body after the header block; a single chunk holding a JSON object is unwrapped.
+  static std::optional<std::string> getResponseBody(std::string_view response);
+  /// The Location target, spaces turned into "+", relative references resolved.
+  static std::optional<ZavloRedirectResult> parseRedirect(const ZavloUrl& requestUrl, std::string_view response);
+  static nlohmann::json convertNetworkErrorToDictionary(const ZavloNetworkError& error);
+  static nlohmann::json convertConnectionResponseToDictionary(const ZavloConnectionResponse& response);
+
+  /// Judges the bytes of one hop's single receive and reports the hop's telemetry.
+  void processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,
+                       const std::optional<ZavloConnectionError>& error, const ResponseHandler& completion);
+
+ private:
+  ZavloCellularSnaClient(ZavloPlatform& platform, EventSink sendEvent);
+
+  // The steps of one hop, in the order they run.
   /// Opens the connection for one hop and, once ready, sends the request.
   void activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion);
   /// A cellular-only connection, stored as the current one; null for a scheme other than
@@ -67,24 +86,6 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   [[nodiscard]] ResponseHandler checkResponseHandler() const;
   void setCheckResponseHandler(ResponseHandler handler);
-
-  /// The request text of a hop; absent for a URL without host or scheme.
-  static std::optional<std::string> createHttpCommand(const ZavloUrl& url);
-  /// The three characters after "HTTP/1.1 " as a number; 0 when they are not one.
-  static std::int64_t parseHttpStatusCode(std::string_view response);
-  /// The body after the header block; a single chunk holding a JSON object is unwrapped.
-  static std::optional<std::string> getResponseBody(std::string_view response);
-  /// The Location target, spaces turned into "+", relative references resolved.
-  static std::optional<ZavloRedirectResult> parseRedirect(const ZavloUrl& requestUrl, std::string_view response);
-  static nlohmann::json convertNetworkErrorToDictionary(const ZavloNetworkError& error);
-  static nlohmann::json convertConnectionResponseToDictionary(const ZavloConnectionResponse& response);
-
-  /// Judges the bytes of one hop's single receive and reports the hop's telemetry.
-  void processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,
-                       const std::optional<ZavloConnectionError>& error, const ResponseHandler& completion);
-
- private:
-  ZavloCellularSnaClient(ZavloPlatform& platform, EventSink sendEvent);
   ResponseHandler makeResponseHandler(Completion completion);
   void sendHopEvent(const ZavloUrl& requestUrl, const std::string& responseUrl, std::int64_t httpCode,
                     const std::string& responseBody, const std::optional<std::string>& failure);
@@ -94,10 +95,10 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   ZavloPlatform& platform_;
   EventSink sendEvent_;
-  std::shared_ptr<ZavloConnection> connection;
-  std::shared_ptr<ZavloTimer> timer;
-  std::optional<std::string> requestId;
-  mutable std::mutex accessQueue;  // "com.zavlo.cellular.sna.manager": guards the handler only
+  std::shared_ptr<ZavloConnection> connection_;
+  std::shared_ptr<ZavloTimer> timer_;
+  std::optional<std::string> requestId_;
+  mutable std::mutex accessQueue_;  // "com.zavlo.cellular.sna.manager": guards the handler only
   ResponseHandler checkResponseHandler_;
   bool finished_ = false;  // the completion has been called; main queue only
   std::chrono::steady_clock::time_point hopStarted_;

@@ -49,14 +49,14 @@ void ZavloAuthRequestManager::setHopObserver(ZavloCellularSnaClient::HopObserver
 }
 
 void ZavloAuthRequestManager::clearSession() {
-  std::lock_guard lock(stateLock);
-  storedRequestId.reset();
-  isSessionInitialized = false;
+  std::lock_guard lock(stateLock_);
+  storedRequestId_.reset();
+  isSessionInitialized_ = false;
 }
 
 ZavloAuthRequestManager::SessionSnapshot ZavloAuthRequestManager::sessionSnapshot() const {
-  std::lock_guard lock(stateLock);
-  return {isSessionInitialized, storedRequestId};
+  std::lock_guard lock(stateLock_);
+  return {isSessionInitialized_, storedRequestId_};
 }
 
 void ZavloAuthRequestManager::sendStartEvent(const char* eventName, const std::optional<std::string>& requestId,
@@ -117,9 +117,9 @@ void ZavloAuthRequestManager::initialize(std::optional<std::string> requestId, s
         requestId, "INIT_AUTH",
         [self, requestId, completion] {
           {
-            std::lock_guard lock(self->stateLock);
-            self->storedRequestId = requestId;
-            self->isSessionInitialized = true;
+            std::lock_guard lock(self->stateLock_);
+            self->storedRequestId_ = requestId;
+            self->isSessionInitialized_ = true;
           }
           self->sendOutcomeEvent("INIT_AUTH_RESPONSE", requestId, false, "SUCCESS", std::nullopt,
                                  {{"mcc", ""}, {"mnc", ""}, {"sdkVersion", ZavloAuthSDKVersion}});

@@ -21,7 +21,7 @@ class ZavloCellularPathChecker;
 ///
 /// Threading: initialize and startSilentNetworkAuth may be called from any thread; their
 /// completions run on the main queue, except the synchronous session and URL failures of
-/// startSilentNetworkAuth, which run on the caller's thread. stateLock guards the session
+/// startSilentNetworkAuth, which run on the caller's thread. stateLock_ guards the session
 /// and is never held across a call out.
 class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthRequestManager> {
  public:
@@ -74,7 +74,7 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   std::mutex observerMutex_;
   ZavloCellularSnaClient::HopObserver hopObserver_;
 
-  mutable std::mutex stateLock;
-  std::optional<std::string> storedRequestId;
-  bool isSessionInitialized = false;
+  mutable std::mutex stateLock_;
+  std::optional<std::string> storedRequestId_;
+  bool isSessionInitialized_ = false;
 };

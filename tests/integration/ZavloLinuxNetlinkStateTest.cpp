@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
+#include "Platform/Linux/ZavloLinuxNetlinkState.hpp"
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
+#include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
 #include "Testing/Network/ZavloNetworkNamespace.hpp"
 #include "Testing/ZavloTestPlatform.hpp"

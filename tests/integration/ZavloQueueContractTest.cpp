@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 using namespace std::chrono_literals;
