@@ -24,21 +24,6 @@ struct SessionOptions {
   std::string url;
 };
 
-nlohmann::json dictionaryOf(const ZavloResult<nlohmann::json>& result) {
-  if (result) return result.value();
-  return ZavloAuthResponseUtils::jsonObject(result.error()).value_or(nlohmann::json::object());
-}
-
-// Runs one wrapper operation to its completion on the platform's run loop.
-std::optional<ZavloResult<nlohmann::json>> await(
-    ZavloLinuxPlatform& platform, std::chrono::seconds limit,
-    const std::function<void(ZavloAuthenticationNativeWrapper::Completion)>& operation) {
-  auto outcome = std::make_shared<std::optional<ZavloResult<nlohmann::json>>>();
-  operation([outcome](ZavloResult<nlohmann::json> result) { *outcome = std::move(result); });
-  platform.runLoop().runUntil([&outcome] { return outcome->has_value(); }, limit);
-  return *outcome;
-}
-
 std::string hopLine(const ZavloCellularSnaClient::HopTrace& hop) {
   std::ostringstream line;
   line << "hop: " << hop.url << " connect ";
@@ -65,12 +50,12 @@ bool runInit(ZavloCliContext& context, const nlohmann::json& config) {
   context.telemetry();  // after setup, so that --telemetry-endpoint has the last word
 
   const auto result =
-      await(platform, kInitLimit, [&](auto completion) { wrapper.initAuth(config, std::move(completion)); });
+      zavloCliAwait(platform, kInitLimit, [&](auto completion) { wrapper.initAuth(config, std::move(completion)); });
   if (!result) {
     context.printCompletion({{"status", "FAILURE"}, {"errorMessage", "initAuth did not complete in time"}});
     return false;
   }
-  context.printCompletion(dictionaryOf(*result));
+  context.printCompletion(zavloCliDictionary(*result));
   return result->hasValue();
 }
 
@@ -80,21 +65,14 @@ void runSna(ZavloCliContext& context, const nlohmann::json& config, const std::s
   if (context.options.verbose) {
     ZavloAuthRequestManager::shared()->setHopObserver([&context](const auto& hop) { context.trace(hopLine(hop)); });
   }
-  const auto result = await(platform, kChainLimit, [&](auto completion) {
+  const auto result = zavloCliAwait(platform, kChainLimit, [&](auto completion) {
     ZavloAuthenticationNativeWrapper::shared().startAuth(url, std::move(completion));
   });
   if (!result) {
     context.printCompletion({{"status", "FAILURE"}, {"errorMessage", "startAuth did not complete in time"}});
     return;
   }
-  context.printCompletion(dictionaryOf(*result));
-}
-
-// --config must be a JSON object; anything else is a usage error.
-nlohmann::json parseConfig(const std::string& text) {
-  auto parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!parsed.is_object()) throw CLI::ValidationError("--config", "must be a JSON object: " + text);
-  return parsed;
+  context.printCompletion(zavloCliDictionary(*result));
 }
 
 }  // namespace
@@ -104,10 +82,10 @@ void addSessionCommands(CLI::App& app, ZavloCliContext& context) {
 
   auto* init = app.add_subcommand("init", "Start a session: setup, then initAuth with the configuration");
   init->add_option("--config", options->config, "The initAuth configuration, a JSON object");
-  init->callback([options, &context] { runInit(context, parseConfig(options->config)); });
+  init->callback([options, &context] { runInit(context, zavloCliParseConfig(options->config)); });
 
   auto* sna = app.add_subcommand("sna", "Start a session, then run a silent authentication against URL");
   sna->add_option("URL", options->url, "The operator's silent authentication URL")->required();
   sna->add_option("--config", options->config, "The initAuth configuration, a JSON object");
-  sna->callback([options, &context] { runSna(context, parseConfig(options->config), options->url); });
+  sna->callback([options, &context] { runSna(context, zavloCliParseConfig(options->config), options->url); });
 }

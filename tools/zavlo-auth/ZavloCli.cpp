@@ -3,6 +3,7 @@
 #include <iostream>
 #include <memory>
 
+#include "Core/ZavloAuthResponseUtils.hpp"
 #include "ZavloCliTelemetry.hpp"
 
 void ZavloCliContext::printCompletion(const nlohmann::json& dictionary) {
@@ -41,4 +42,25 @@ std::shared_ptr<ZavloAuthLogManager> ZavloCliContext::telemetry() {
 
 void ZavloCliContext::finishTelemetry() {
   if (logManager_) zavloFinishCliTelemetry(*logManager_, options);
+}
+
+nlohmann::json zavloCliDictionary(const ZavloResult<nlohmann::json>& result) {
+  if (result) return result.value();
+  return ZavloAuthResponseUtils::jsonObject(result.error()).value_or(nlohmann::json::object());
+}
+
+std::optional<ZavloResult<nlohmann::json>> zavloCliAwait(
+    ZavloLinuxPlatform& platform, std::chrono::seconds limit,
+    const std::function<void(std::function<void(ZavloResult<nlohmann::json>)>)>& operation) {
+  // Shared with the completion, which may still arrive after the limit.
+  auto outcome = std::make_shared<std::optional<ZavloResult<nlohmann::json>>>();
+  operation([outcome](ZavloResult<nlohmann::json> result) { *outcome = std::move(result); });
+  platform.runLoop().runUntil([&outcome] { return outcome->has_value(); }, limit);
+  return *outcome;
+}
+
+nlohmann::json zavloCliParseConfig(const std::string& text) {
+  auto parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!parsed.is_object()) throw CLI::ValidationError("--config", "must be a JSON object: " + text);
+  return parsed;
 }

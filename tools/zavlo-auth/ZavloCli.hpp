@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "Core/ZavloResult.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 class ZavloAuthLogManager;
 
@@ -46,6 +48,18 @@ struct ZavloCliContext {
 /// The Linux platform built from the global options (the declared cellular interfaces),
 /// installed as the process-wide platform on the first call; later calls return it.
 ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options);
+
+/// The dictionary a completion prints: the success dictionary, or the exception's.
+nlohmann::json zavloCliDictionary(const ZavloResult<nlohmann::json>& result);
+
+/// Runs one operation of the native wrapper to its completion on the platform's run loop;
+/// absent when limit passes first.
+std::optional<ZavloResult<nlohmann::json>> zavloCliAwait(
+    ZavloLinuxPlatform& platform, std::chrono::seconds limit,
+    const std::function<void(std::function<void(ZavloResult<nlohmann::json>)>)>& operation);
+
+/// --config must be a JSON object; anything else is a usage error (CLI::ValidationError).
+nlohmann::json zavloCliParseConfig(const std::string& text);
 
 /// Each command registers itself on the app; its callback runs after parsing.
 using ZavloCliCommand = std::function<void(CLI::App& app, ZavloCliContext& context)>;
