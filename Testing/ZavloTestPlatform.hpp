@@ -7,35 +7,10 @@
 
 #include "Platform/ZavloPlatform.hpp"
 #include "Testing/ZavloTestConnection.hpp"
+#include "Testing/ZavloTestDeviceInfo.hpp"
 #include "Testing/ZavloTestHttp.hpp"
 #include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
-
-/// Device facts a test sets as it likes.
-class ZavloTestDeviceInfo final : public ZavloDeviceInfo {
- public:
-  [[nodiscard]] std::optional<std::string> hostApplicationVersion() const override {
-    std::lock_guard lock(mutex_);
-    return hostVersion_;
-  }
-  [[nodiscard]] std::string operatingSystemVersion() const override {
-    std::lock_guard lock(mutex_);
-    return osVersion_;
-  }
-  void setHostApplicationVersion(std::optional<std::string> version) {
-    std::lock_guard lock(mutex_);
-    hostVersion_ = std::move(version);
-  }
-  void setOperatingSystemVersion(std::string version) {
-    std::lock_guard lock(mutex_);
-    osVersion_ = std::move(version);
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::optional<std::string> hostVersion_ = "1.0.0";
-  std::string osVersion_ = "17.4.1";
-};
 
 /// A deterministic platform for unit tests and for hosts testing their integration:
 /// every queue runs on one virtual clock that only the test moves.
