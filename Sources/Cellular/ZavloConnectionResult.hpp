@@ -21,6 +21,8 @@ struct ZavloNetworkError {
     return {Kind::connectionCantBeCreated, std::move(m)};
   }
   static ZavloNetworkError other(std::string m) { return {Kind::other, std::move(m)}; }
+  /// Never produced (a chain has no redirect limit); its dictionary form is part of the
+  /// conversion all the same.
   static ZavloNetworkError tooManyRedirects() { return {Kind::tooManyRedirects, {}}; }
 
   friend bool operator==(const ZavloNetworkError&, const ZavloNetworkError&) = default;
