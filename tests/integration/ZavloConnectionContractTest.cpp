@@ -205,6 +205,7 @@ struct TestDoubleNetwork {
 
   bool build(const std::vector<Type>& present, std::string& /*whyNot*/) {
     std::vector<ZavloNetworkInterface> interfaces;
+    interfaces.reserve(present.size());
     for (const auto type : present) interfaces.push_back({std::string(toString(type)) + "0", type});
     // Loopback comes first, as lo does among Linux interfaces.
     std::stable_partition(interfaces.begin(), interfaces.end(),
