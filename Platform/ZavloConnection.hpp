@@ -57,6 +57,13 @@ struct ZavloConnectionError {
 /// path). Sends and receives made before ready wait for it; after failed they complete
 /// with the failure. Once ready, errors come only through the send and receive
 /// completions; the state stays ready.
+///
+/// Interfaces: a connection whose parameters require an interface type uses only an
+/// interface of that type, and never one of a prohibited type, whatever the routes
+/// prefer. When no interface present is allowed it does not wait for one: it reports
+/// preparing, then failed with ENETUNREACH and "No usable cellular interface" (the
+/// required type's name; "network" when only prohibitions apply). The rules are those of
+/// Platform/ZavloInterfaceRules.hpp.
 class ZavloConnection {
  public:
   enum class State { setup, preparing, waiting, ready, failed, cancelled };

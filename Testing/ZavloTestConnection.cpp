@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Platform/ZavloInterfaceRules.hpp"
+
 ZavloTestConnectionScript ZavloTestConnectionScript::answering(std::string_view response) {
   ZavloTestConnectionScript script;
   script.answer = Answer{{response.begin(), response.end()}, true, std::nullopt};
@@ -28,8 +30,12 @@ ZavloTestConnectionScript ZavloTestConnectionScript::waiting(ZavloConnectionErro
 }
 
 ZavloTestConnection::ZavloTestConnection(std::string host, std::uint16_t port, ZavloConnectionParameters parameters,
-                                         std::optional<ZavloTestConnectionScript> script)
-    : host_(std::move(host)), port_(port), parameters_(std::move(parameters)), script_(std::move(script)) {}
+                                         std::optional<ZavloTestConnectionScript> script, InterfaceSource interfaces)
+    : host_(std::move(host)),
+      port_(port),
+      parameters_(std::move(parameters)),
+      script_(std::move(script)),
+      interfaces_(std::move(interfaces)) {}
 
 void ZavloTestConnection::setStateUpdateHandler(StateHandler handler) {
   std::lock_guard lock(mutex_);
@@ -49,6 +55,8 @@ void ZavloTestConnection::deliver(Work work) {
 }
 
 void ZavloTestConnection::start(ZavloQueue& queue) {
+  // Read outside the lock: the source takes locks of its own.
+  const auto present = interfaces_ ? interfaces_() : std::vector<ZavloNetworkInterface>{};
   std::unique_lock lock(mutex_);
   if (queue_ != nullptr) return;
   queue_ = &queue;
@@ -65,6 +73,12 @@ void ZavloTestConnection::start(ZavloQueue& queue) {
     return;
   }
   state_ = State::preparing;
+  // Chosen before anything is reported, as a real platform binds before it connects.
+  const auto allowed = std::find_if(present.begin(), present.end(), [this](const ZavloNetworkInterface& interface) {
+    return zavloInterfaceAllowed(interface.type, parameters_);
+  });
+  const bool noUsableInterface = allowed == present.end() && zavloRestrictsInterfaces(parameters_);
+  if (allowed != present.end()) usedInterface_ = *allowed;
   deliver([this] {
     StateHandler handler;
     {
@@ -75,6 +89,10 @@ void ZavloTestConnection::start(ZavloQueue& queue) {
     if (handler) handler(State::preparing, std::nullopt);
   });
   lock.unlock();
+  if (noUsableInterface) {
+    moveTo(State::failed, zavloNoUsableInterfaceError(parameters_));
+    return;
+  }
   // Reports are posted in order, so the scripted state follows `preparing`.
   if (script_ && script_->stateAfterStart) moveTo(*script_->stateAfterStart, script_->startError);
   feedScriptedAnswer();  // for a receive made before start()
@@ -187,6 +205,11 @@ std::vector<ZavloConnection::State> ZavloTestConnection::reportedStates() const 
   return reported_;
 }
 
+std::optional<ZavloNetworkInterface> ZavloTestConnection::usedInterface() const {
+  std::lock_guard lock(mutex_);
+  return usedInterface_;
+}
+
 void ZavloTestConnection::requireStarted() const {
   if (queue_ == nullptr) throw std::logic_error("ZavloTestConnection: drive it only after start()");
 }
@@ -294,6 +317,14 @@ void ZavloTestConnection::failPending(const ZavloConnectionError& error) {
   }
 }
 
+ZavloTestConnections::ZavloTestConnections()
+    : ZavloTestConnections([] {
+        return std::vector<ZavloNetworkInterface>{{"wwan0", ZavloInterfaceType::cellular}};
+      }) {}
+
+ZavloTestConnections::ZavloTestConnections(ZavloTestConnection::InterfaceSource interfaces)
+    : interfaces_(std::move(interfaces)) {}
+
 void ZavloTestConnections::script(const std::string& host, std::uint16_t port, ZavloTestConnectionScript script,
                                   std::optional<ZavloConnectionParameters::IpVersion> ipVersion) {
   std::lock_guard lock(mutex_);
@@ -342,7 +373,8 @@ std::shared_ptr<ZavloTestConnection> ZavloTestConnections::make(const std::strin
   } else if (auto lasting = std::find_if(lasting_.rbegin(), lasting_.rend(), matches); lasting != lasting_.rend()) {
     chosen = lasting->script;
   }
-  auto connection = std::make_shared<ZavloTestConnection>(host, port, std::move(parameters), std::move(chosen));
+  auto connection =
+      std::make_shared<ZavloTestConnection>(host, port, std::move(parameters), std::move(chosen), interfaces_);
   connections_.push_back(connection);
   return connection;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "Platform/ZavloConnection.hpp"
+#include "Platform/ZavloNetworkInterface.hpp"
 
 /// What a scripted connection does by itself. A step left unset waits for the test to
 /// drive it through ZavloTestConnection.
@@ -46,6 +48,13 @@ struct ZavloTestConnectionScript {
 /// Incoming bytes behave like a TCP stream: a receive takes at most its maximum and
 /// leaves the rest for the next one.
 ///
+/// Interfaces, as on a real platform: start() picks the first interface present (in the
+/// source's order) that the parameters allow. When they require or prohibit a type and no
+/// present interface is allowed, the connection reports `preparing` then `failed` with
+/// ENETUNREACH "No usable cellular interface" ("network" when no type is required), and
+/// its script is not followed. Without any restriction it takes the first interface
+/// present, or none, and follows its script.
+///
 /// Threading contract: as ZavloConnection; the observers and drivers may be called from
 /// any thread.
 class ZavloTestConnection final : public ZavloConnection, public std::enable_shared_from_this<ZavloTestConnection> {
@@ -55,8 +64,11 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
     std::size_t maximumLength;
   };
 
+  /// The interfaces present when a connection starts, in the order they are preferred.
+  using InterfaceSource = std::function<std::vector<ZavloNetworkInterface>()>;
+
   ZavloTestConnection(std::string host, std::uint16_t port, ZavloConnectionParameters parameters,
-                      std::optional<ZavloTestConnectionScript> script);
+                      std::optional<ZavloTestConnectionScript> script, InterfaceSource interfaces);
 
   void setStateUpdateHandler(StateHandler handler) override;
   void start(ZavloQueue& queue) override;
@@ -78,6 +90,9 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
   [[nodiscard]] std::vector<ReceiveRequest> pendingReceives() const;
   /// The states the handler has been called with so far.
   [[nodiscard]] std::vector<State> reportedStates() const;
+  /// The interface start() chose; none before start(), when none was allowed, or when
+  /// nothing was restricted and no interface was present.
+  [[nodiscard]] std::optional<ZavloNetworkInterface> usedInterface() const;
 
   // Driving it; each report is posted to the connection's queue. Throws std::logic_error
   // before start().
@@ -111,8 +126,10 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
   const std::uint16_t port_;
   const ZavloConnectionParameters parameters_;
   const std::optional<ZavloTestConnectionScript> script_;
+  const InterfaceSource interfaces_;
 
   mutable std::mutex mutex_;
+  std::optional<ZavloNetworkInterface> usedInterface_;
   StateHandler handler_;
   ZavloQueue* queue_ = nullptr;
   bool cancelled_ = false;  // read by deliveries under mutex_
@@ -132,6 +149,12 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
 /// Threading contract: callable from any thread.
 class ZavloTestConnections {
  public:
+  /// Connections see one cellular interface, "wwan0".
+  ZavloTestConnections();
+  /// Connections see what interfaces returns when they start; it is called on the thread
+  /// that starts them and must outlive them (hold what it reads by shared ownership).
+  explicit ZavloTestConnections(ZavloTestConnection::InterfaceSource interfaces);
+
   /// Every later connection to host:port (and this IP version, when given) follows the
   /// script; the latest matching call wins.
   void script(const std::string& host, std::uint16_t port, ZavloTestConnectionScript script,
@@ -163,6 +186,7 @@ class ZavloTestConnections {
     }
   };
 
+  const ZavloTestConnection::InterfaceSource interfaces_;
   mutable std::mutex mutex_;
   std::vector<Entry> lasting_;
   std::deque<Entry> oneShot_;

@@ -35,7 +35,8 @@ class ZavloTestPlatform final : public ZavloPlatform {
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
   /// The scripted network path that every monitor of this platform reports.
   ZavloTestPathMonitorController& pathMonitors() { return pathMonitors_; }
-  /// Every connection made so far, and the scripts later ones follow.
+  /// Every connection made so far, and the scripts later ones follow. A connection uses
+  /// the interfaces of the current scripted path (pathMonitors()) when it starts.
   ZavloTestConnections& connections() { return connections_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
   /// Every request of every HTTP session made by this platform, answered by the test.
@@ -49,5 +50,6 @@ class ZavloTestPlatform final : public ZavloPlatform {
   ZavloTestDeviceInfo deviceInfo_;
   ZavloTestPathMonitorController pathMonitors_;
   ZavloTestHttp http_{scheduler_};
-  ZavloTestConnections connections_;
+  // Connections use the interfaces of the scripted path current when they start.
+  ZavloTestConnections connections_{[paths = pathMonitors_] { return paths.currentPath().availableInterfaces; }};
 };

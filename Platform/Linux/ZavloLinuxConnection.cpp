@@ -18,6 +18,7 @@
 #include <unordered_set>
 
 #include "Platform/Linux/ZavloLinuxTlsContext.hpp"
+#include "Platform/ZavloInterfaceRules.hpp"
 
 using Tcp = asio::ip::tcp;
 using namespace std::chrono_literals;
@@ -27,22 +28,6 @@ namespace {
 // Interfaces rarely change between the hops of one chain; listing them costs a netlink
 // dump and several sysfs reads, so a list this young is reused.
 constexpr auto kInterfaceListLifetime = 1s;
-
-std::string interfaceTypeName(ZavloInterfaceType type) {
-  switch (type) {
-    case ZavloInterfaceType::cellular:
-      return "cellular";
-    case ZavloInterfaceType::wifi:
-      return "Wi-Fi";
-    case ZavloInterfaceType::wiredEthernet:
-      return "wired Ethernet";
-    case ZavloInterfaceType::loopback:
-      return "loopback";
-    case ZavloInterfaceType::other:
-      break;
-  }
-  return "network";
-}
 
 // The one place where system, resolver and TLS errors become connection errors. ssl, when
 // given, tells why a certificate was refused.
@@ -97,12 +82,10 @@ ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host) {
 
 ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
                                      const ZavloConnectionParameters& parameters, bool ipv6) {
-  const auto& prohibited = parameters.prohibitedInterfaceTypes;
-  if (!parameters.requiredInterfaceType && prohibited.empty()) return {ZavloLinuxBinding::Kind::unbound, {}};
+  if (!zavloRestrictsInterfaces(parameters)) return {ZavloLinuxBinding::Kind::unbound, {}};
   for (const auto& interface : interfaces) {
     if (!interface.up || !(ipv6 ? interface.hasUsableIPv6 : interface.hasUsableIPv4)) continue;
-    if (std::find(prohibited.begin(), prohibited.end(), interface.type) != prohibited.end()) continue;
-    if (parameters.requiredInterfaceType && interface.type != *parameters.requiredInterfaceType) continue;
+    if (!zavloInterfaceAllowed(interface.type, parameters)) continue;
     return {ZavloLinuxBinding::Kind::bound, interface.name};
   }
   return {ZavloLinuxBinding::Kind::none, {}};
@@ -399,10 +382,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     connectTo(0);
   }
 
-  ZavloConnectionError noUsableInterface() const {
-    const auto type = parameters_.requiredInterfaceType.value_or(ZavloInterfaceType::other);
-    return {ENETUNREACH, "No usable " + interfaceTypeName(type) + " interface"};
-  }
+  ZavloConnectionError noUsableInterface() const { return zavloNoUsableInterfaceError(parameters_); }
 
   // Tries the endpoints in order from index, skipping families without a usable interface.
   void connectTo(std::size_t index) {

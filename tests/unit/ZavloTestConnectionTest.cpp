@@ -165,3 +165,69 @@ TEST_F(ZavloTestConnectionTest, NothingArrivesAfterCancelledEvenWhatWasAlreadyQu
 }
 
 }  // namespace
+
+namespace {
+
+const ZavloNetworkInterface kWifi{"wlan0", ZavloInterfaceType::wifi};
+const ZavloNetworkInterface kEthernet{"eth0", ZavloInterfaceType::wiredEthernet};
+const ZavloNetworkInterface kCellular{"rmnet1", ZavloInterfaceType::cellular};
+
+ZavloConnectionParameters cellularOnly() {
+  ZavloConnectionParameters parameters;
+  parameters.requiredInterfaceType = ZavloInterfaceType::cellular;
+  parameters.prohibitedInterfaceTypes = {ZavloInterfaceType::wifi, ZavloInterfaceType::loopback,
+                                         ZavloInterfaceType::wiredEthernet};
+  return parameters;
+}
+
+TEST_F(ZavloTestConnectionTest, InterfacesAreThoseOfThePathWhenTheConnectionStarts) {
+  platform.connections().script("op.test", 80, ZavloTestConnectionScript::answering("HTTP/1.1 200 OK\r\n\r\n"));
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi}));
+  auto connection = platform.makeConnection("op.test", 80, cellularOnly());
+  // The cellular link comes up between making the connection and starting it.
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi, kEthernet, kCellular}));
+  connection->setStateUpdateHandler([this](State state, const auto&) { observed.states.push_back(state); });
+  connection->start(platform.mainQueue());
+  receive(*connection);
+  platform.runUntilIdle();
+  EXPECT_EQ(observed.states, (std::vector<State>{State::preparing, State::ready}));
+  EXPECT_EQ(platform.connections().last()->usedInterface(), kCellular);
+  EXPECT_EQ(observed.received, (std::vector<std::string>{"HTTP/1.1 200 OK\r\n\r\n"}));
+}
+
+TEST_F(ZavloTestConnectionTest, WithoutAnAllowedInterfaceTheScriptIsIgnoredAndPendingWorkFails) {
+  platform.connections().script("op.test", 80, ZavloTestConnectionScript::answering("HTTP/1.1 200 OK\r\n\r\n"));
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi, kEthernet}));
+  auto connection = platform.makeConnection("op.test", 80, cellularOnly());
+  send(*connection, "GET / HTTP/1.1\r\n\r\n");  // made before start: waits for the outcome
+  receive(*connection);
+  connection->setStateUpdateHandler([this](State state, const std::optional<ZavloConnectionError>& error) {
+    observed.states.push_back(state);
+    observed.stateError = error;
+  });
+  connection->start(platform.mainQueue());
+  platform.runUntilIdle();
+  const ZavloConnectionError expected{ENETUNREACH, "No usable cellular interface"};
+  EXPECT_EQ(observed.states, (std::vector<State>{State::preparing, State::failed}));
+  EXPECT_EQ(observed.stateError, expected);
+  EXPECT_EQ(observed.sends, (std::vector<std::optional<ZavloConnectionError>>{expected}));
+  EXPECT_EQ(observed.receiveError, expected);
+  EXPECT_EQ(observed.received, (std::vector<std::string>{""}));
+  EXPECT_FALSE(platform.connections().last()->usedInterface());
+}
+
+TEST_F(ZavloTestConnectionTest, UnrestrictedConnectionTakesTheFirstInterfaceOrNoneAndFollowsItsScript) {
+  platform.connections().script("op.test", 80, ZavloTestConnectionScript::silent());
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi, kCellular}));
+  open("op.test", 80);
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::unsatisfiedPath());
+  open("op.test", 80);
+  platform.runUntilIdle();
+  const auto made = platform.connections().all();
+  ASSERT_EQ(made.size(), 2U);
+  EXPECT_EQ(made[0]->usedInterface(), kWifi);
+  EXPECT_FALSE(made[1]->usedInterface());
+  EXPECT_EQ(observed.states, (std::vector<State>{State::preparing, State::ready, State::preparing, State::ready}));
+}
+
+}  // namespace
