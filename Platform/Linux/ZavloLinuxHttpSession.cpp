@@ -103,7 +103,7 @@ struct ZavloLinuxHttpSession::Shared {
 // One easy handle and everything it points at; removed from the multi handle and freed on
 // every path by the destructor.
 struct ZavloLinuxHttpSession::Transfer {
-  Transfer(CURLM* multi, Task task) : multi(multi), request(std::move(task.request)) {
+  Transfer(CURLM* multi, Task task) : multi(multi), request(std::move(task.request)), submitted(task.submitted) {
     completion = std::move(task.completion);
     errorBuffer[0] = '\0';
   }
@@ -164,7 +164,13 @@ struct ZavloLinuxHttpSession::Transfer {
     // Idle time-out: abort when less than one byte a second moves for that long.
     set(CURLOPT_LOW_SPEED_LIMIT, 1L);
     set(CURLOPT_LOW_SPEED_TIME, idleSeconds);
-    set(CURLOPT_TIMEOUT_MS, static_cast<long>(configuration.resourceTimeout.count()));
+    // The whole-transfer limit runs from the post: a task that waited for a slot gets what
+    // is left of it (libcurl reads 0 as "no limit", hence at least a millisecond).
+    const auto waited =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - submitted);
+    const auto remaining =
+        std::max<std::chrono::milliseconds>(configuration.resourceTimeout - waited, std::chrono::milliseconds(1));
+    set(CURLOPT_TIMEOUT_MS, static_cast<long>(remaining.count()));
     set(CURLOPT_WRITEFUNCTION, &Transfer::write);
     set(CURLOPT_WRITEDATA, static_cast<void*>(this));
     set(CURLOPT_ERRORBUFFER, errorBuffer);
@@ -210,6 +216,7 @@ struct ZavloLinuxHttpSession::Transfer {
   bool added = false;
   bool tooLarge = false;
   ZavloHttpRequest request;  // owns the body libcurl sends from
+  std::chrono::steady_clock::time_point submitted;
   std::vector<std::uint8_t> received;
   ZavloHttpSession::Completion completion;
   char errorBuffer[CURL_ERROR_SIZE];

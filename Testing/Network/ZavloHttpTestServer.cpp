@@ -118,6 +118,11 @@ std::size_t ZavloHttpTestServer::connectionCount() const {
   return connections_;
 }
 
+std::size_t ZavloHttpTestServer::peakOpenConnections() const {
+  std::lock_guard lock(mutex_);
+  return peakOpen_;
+}
+
 bool ZavloHttpTestServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   return arrived_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
@@ -171,17 +176,6 @@ void ZavloHttpTestServer::run() {
       std::uint64_t count = 0;
       [[maybe_unused]] const auto n = read(wakeFd_, &count, sizeof count);
     }
-    if ((fds[1].revents & POLLIN) != 0) {
-      for (;;) {
-        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0) break;
-        const int yes = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-        std::lock_guard lock(mutex_);
-        const auto index = connections_++;
-        connections[index] = Connection{fd, index, {}, {}, false, false};
-      }
-    }
     for (std::size_t i = 2; i < fds.size(); ++i) {
       auto& connection = connections.at(order[i - 2]);
       bool closed = false;
@@ -202,6 +196,26 @@ void ZavloHttpTestServer::run() {
       if (closed || (connection.closeAfterWrite && connection.out.empty())) {
         close(connection.fd);
         connections.erase(order[i - 2]);
+      }
+    }
+    // Accepted after the closes of the same round; a peer that hung up after the poll is
+    // not counted either, so a client that closes one connection and then opens another
+    // is never taken to hold both.
+    if ((fds[1].revents & POLLIN) != 0) {
+      for (;;) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) break;
+        const int yes = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        std::lock_guard lock(mutex_);
+        const auto index = connections_++;
+        connections[index] = Connection{fd, index, {}, {}, false, false};
+        std::size_t open = 0;
+        for (const auto& [other, held] : connections) {
+          char peek = 0;
+          if (recv(held.fd, &peek, 1, MSG_PEEK | MSG_DONTWAIT) != 0) ++open;
+        }
+        peakOpen_ = std::max(peakOpen_, open);
       }
     }
   }

@@ -69,6 +69,8 @@ class ZavloHttpTestServer {
   [[nodiscard]] std::vector<ZavloHttpTestRequest> requests() const;
   [[nodiscard]] std::size_t requestCount() const;
   [[nodiscard]] std::size_t connectionCount() const;
+  /// The most connections that were open at the same time.
+  [[nodiscard]] std::size_t peakOpenConnections() const;
   /// Waits until at least count requests have arrived; false at the timeout.
   bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
   /// Answers a held request. False when index is unknown or was already answered.
@@ -95,6 +97,7 @@ class ZavloHttpTestServer {
   };
   std::vector<Outgoing> outbox_;  // replies given by answer(), sent by the server's thread
   std::size_t connections_ = 0;
+  std::size_t peakOpen_ = 0;
   bool stopping_ = false;
   std::thread thread_;
 };
