@@ -27,6 +27,11 @@ class ZavloPlatformWrapper : public ZavloPlatform {
                                                   ZavloConnectionParameters parameters) override {
     return wrapped_.makeConnection(host, port, std::move(parameters));
   }
+  ZavloKeychain& keychain() override { return wrapped_.keychain(); }
+  ZavloSecureKeys& secureKeys() override { return wrapped_.secureKeys(); }
+  std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override {
+    return wrapped_.makeOwnerAuthenticationContext();
+  }
 
   [[nodiscard]] ZavloPlatform& wrapped() const noexcept { return wrapped_; }
 

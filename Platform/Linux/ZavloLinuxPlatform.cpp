@@ -4,6 +4,8 @@
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
 
+#include <stdexcept>
+
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : deviceInfo_(std::move(options.hostApplicationVersion)),
       classifier_(std::move(options.cellularInterfaces)),
@@ -30,4 +32,17 @@ std::shared_ptr<ZavloPathMonitor> ZavloLinuxPlatform::makePathMonitor() {
 std::shared_ptr<ZavloHttpSession> ZavloLinuxPlatform::makeHttpSession(
     const ZavloHttpSessionConfiguration& configuration) {
   return std::make_shared<ZavloLinuxHttpSession>(configuration);
+}
+
+// TEMPORARY: replaced when the Linux key store lands
+ZavloKeychain& ZavloLinuxPlatform::keychain() { throw std::logic_error("The Linux platform has no keychain yet"); }
+
+// TEMPORARY: replaced when the Linux key store lands
+ZavloSecureKeys& ZavloLinuxPlatform::secureKeys() {
+  throw std::logic_error("The Linux platform has no secure key store yet");
+}
+
+// TEMPORARY: replaced when the Linux key store lands
+std::shared_ptr<ZavloOwnerAuthenticationContext> ZavloLinuxPlatform::makeOwnerAuthenticationContext() {
+  throw std::logic_error("The Linux platform has no owner authentication yet");
 }

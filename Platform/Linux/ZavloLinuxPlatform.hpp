@@ -33,6 +33,12 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override;
   std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                   ZavloConnectionParameters parameters) override;
+  // TEMPORARY: replaced when the Linux key store lands
+  ZavloKeychain& keychain() override;
+  // TEMPORARY: replaced when the Linux key store lands
+  ZavloSecureKeys& secureKeys() override;
+  // TEMPORARY: replaced when the Linux key store lands
+  std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override;
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }

@@ -3,6 +3,7 @@
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Core/ZavloAuthHTTPManager.hpp"
 #include "Core/ZavloAuthLogManager.hpp"
+#include "DeviceBinding/ZavloDeviceBindingManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
@@ -13,6 +14,7 @@ ZavloAuthenticationGraph::ZavloAuthenticationGraph(ZavloPlatform& platform)
       pathChecker(std::make_shared<ZavloCellularPathChecker>(platform)),
       requestManager(ZavloAuthRequestManager::create(platform, logManager, pathChecker)),
       repository(std::make_shared<ZavloAuthenticationRepository>(requestManager)),
-      nativeWrapper(repository, logManager) {}
+      deviceBindingManager(ZavloDeviceBindingManager::create(platform, logManager)),
+      nativeWrapper(repository, logManager, deviceBindingManager) {}
 
 ZavloAuthenticationGraph::~ZavloAuthenticationGraph() = default;

@@ -8,6 +8,7 @@
 class ZavloAuthHTTPManager;
 class ZavloAuthLogManager;
 class ZavloCellularPathChecker;
+class ZavloDeviceBindingManager;
 class ZavloAuthRequestManager;
 class ZavloPlatform;
 
@@ -41,5 +42,6 @@ class ZavloAuthenticationGraph {
   const std::shared_ptr<ZavloCellularPathChecker> pathChecker;
   const std::shared_ptr<ZavloAuthRequestManager> requestManager;
   const std::shared_ptr<ZavloAuthenticationRepository> repository;
+  const std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager;
   ZavloAuthenticationNativeWrapper nativeWrapper;
 };

@@ -14,19 +14,23 @@
 #include "Native/ZavloAuthenticationRepository.hpp"
 
 class ZavloAuthLogManager;
+class ZavloDeviceBindingManager;
 
 /// The entry class for native hosts: setup, then initAuth, then the operations, then
 /// cleanupAll. Every result leaves as a dictionary, every failure as a ZavloAuthException.
 ///
 /// Threading: call setup, initAuth and cleanupAll from one thread (normally the main
 /// thread). Completions run on the main queue, except synchronous failures (no screen,
-/// no session, a bad URL), which run on the caller's thread before the call returns.
+/// no session, a bad URL), which run on the caller's thread before the call returns. The
+/// device binding operations complete where the manager does: the state query and
+/// failures before the owner prompt on the caller's thread, the rest on the main queue.
 class ZavloAuthenticationNativeWrapper {
  public:
   using Completion = std::function<void(ZavloResult<nlohmann::json>)>;
 
   ZavloAuthenticationNativeWrapper(std::shared_ptr<ZavloAuthenticationRepository> repository,
-                                   std::shared_ptr<ZavloAuthLogManager> logManager);
+                                   std::shared_ptr<ZavloAuthLogManager> logManager,
+                                   std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager);
   ZavloAuthenticationNativeWrapper(const ZavloAuthenticationNativeWrapper&) = delete;
   ZavloAuthenticationNativeWrapper& operator=(const ZavloAuthenticationNativeWrapper&) = delete;
 
@@ -41,6 +45,15 @@ class ZavloAuthenticationNativeWrapper {
   void startAuth(const std::string& snaUrl, Completion completion);
   void startSNA(const std::string& snaUrl, Completion completion) { startAuth(snaUrl, std::move(completion)); }
   [[nodiscard]] nlohmann::json getCapabilities() const;
+
+  /// Reads "keyId" (text, empty when missing) and answers the binding state.
+  void getDeviceBindingState(const nlohmann::json& config, Completion completion);
+  /// Reads "attestationChallenge", "promptTitle", "promptSubtitle", "requestId" and
+  /// "entityId" (each as trimmed text; empty ones absent or defaulted) and enrols.
+  void enrollDeviceBinding(const nlohmann::json& config, Completion completion);
+  /// Reads "challenge", "allowedKeyIds" (a list of texts, or one string as one id) and the
+  /// prompt and telemetry keys of enrollDeviceBinding, and signs the challenge.
+  void signDeviceBindingChallenge(const nlohmann::json& config, Completion completion);
   /// Clears the session and the configuration and shuts telemetry down, synchronously.
   void cleanupAll();
 
@@ -52,6 +65,7 @@ class ZavloAuthenticationNativeWrapper {
 
   std::shared_ptr<ZavloAuthInitConfig> initConfig_;
   const std::shared_ptr<ZavloAuthenticationRepository> repository;
+  const std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager;
   std::shared_ptr<ZavloAuthLogManager> logManager_;
   std::weak_ptr<void> viewController_;
   std::optional<ZavloAuthEnvironment> environment_;

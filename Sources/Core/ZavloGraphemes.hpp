@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+/// User-perceived characters (extended grapheme clusters, Unicode 14 rules, the rules the
+/// library's mobile platform counts by).
+class ZavloGraphemes {
+ public:
+  ZavloGraphemes() = delete;
+
+  /// The number of user-perceived characters of UTF-8 text: "e" + U+0301 is one, a flag
+  /// (two regional indicators) is one, CR LF is one. A byte that starts no well-formed
+  /// sequence counts as one replacement character.
+  static std::size_t count(std::string_view text) noexcept;
+};

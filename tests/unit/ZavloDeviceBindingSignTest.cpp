@@ -1,0 +1,309 @@
+// Challenge signing: choosing the key, the prompt and its errors, telemetry, and input
+// that tries to break the key ids.
+#include <functional>
+
+#include "Core/ZavloBase64.hpp"
+#include "Core/ZavloConfigValues.hpp"
+#include "Core/ZavloGraphemes.hpp"
+#include "ZavloBindingHarness.hpp"
+
+using nlohmann::json;
+using Policy = ZavloOwnerAuthenticationPolicy;
+using Outcome = ZavloTestOwnerAuthentication::Outcome;
+using Operation = ZavloTestKeychain::Operation;
+
+namespace {
+
+json signMetadata(std::size_t keyIds, std::size_t challengeLength, const json& extra) {
+  json metadata = {{"clientAppVersion", "1.0.0"},
+                   {"sdkVersion", "1.1.1"},
+                   {"deviceType", "iOS"},
+                   {"os", "17.4.1"},
+                   {"operation", "SIGN"},
+                   {"deviceSecure", true},
+                   {"secureEnclaveAvailable", true},
+                   {"allowedAuthenticators", "BIOMETRIC_OR_DEVICE_CREDENTIAL"},
+                   {"allowedKeyIdCount", keyIds},
+                   {"challengeLength", challengeLength}};
+  metadata.update(extra);
+  return metadata;
+}
+
+bool verifies(const ZavloBytes& point, const std::string& message, const json& result) {
+  const auto signature = ZavloBase64::decode(result.value("signature", ""));
+  return signature && signature->size() <= 72 && ZavloTestSecureKeys::verify(point, zavloBytes(message), *signature);
+}
+
+}  // namespace
+
+TEST(ZavloDeviceBindingSign, SignsWithTheFirstListedIdThatHasAKey) {
+  ZavloBindingHarness h;
+  const auto point = h.enrolled("5");
+  h.enrolled("k2");
+  const json config = {{"allowedKeyIds", {" k0 ", "", 5, "k2"}}, {"challenge", "  hello \n"}, {"entityId", "e1"}};
+  const auto outcomes = h.call(ZavloBindingHarness::kSign, config);
+  ASSERT_EQ(outcomes.results.size(), 1U);
+  EXPECT_TRUE(outcomes.onMainQueue);
+  ASSERT_TRUE(outcomes.results[0]);
+  const auto result = outcomes.results[0].value();
+  EXPECT_EQ(result, (json{{"status", "SUCCESS"},
+                          {"keyId", "5"},
+                          {"signature", result.value("signature", "")},
+                          {"algorithm", "ES256"}}));
+  EXPECT_TRUE(verifies(point, "hello", result)) << "the entry point trims the challenge";
+  EXPECT_EQ(h.keys.signatureRequests().at(0).algorithm, "kSecKeyAlgorithmECDSASignatureMessageX962SHA256");
+  EXPECT_EQ(h.owner.prompts().at(0).localizedReason, "Confirm your identity to continue");
+  EXPECT_EQ(h.owner.prompts().at(0).fallbackTitle, "");
+
+  std::vector<json> calls;
+  for (const auto& call : h.keychain.calls()) {
+    EXPECT_EQ(call.operation, Operation::copyMatching);
+    calls.push_back(ZavloTestKeychain::describe(call.attributes));
+  }
+  const auto key = [](const char* id, json control) {
+    control.update({{"kSecClass", "kSecClassKey"},
+                    {"kSecAttrApplicationTag", {{"bytes", std::string("in.zavlo.authsdk.devicebinding.") + id}}},
+                    {"kSecAttrKeyType", "kSecAttrKeyTypeECSECPrimeRandom"}});
+    return control;
+  };
+  const json exists = {{"kSecReturnRef", false}, {"kSecUseAuthenticationUI", "kSecUseAuthenticationUISkip"}};
+  EXPECT_EQ(calls,
+            (std::vector<json>{key("k0", exists),
+                               key("5", exists),
+                               {{"kSecClass", "kSecClassGenericPassword"},
+                                {"kSecAttrService", "in.zavlo.authsdk.devicebinding.domainstate"},
+                                {"kSecAttrAccount", "5"},
+                                {"kSecReturnData", true}},
+                               key("5", {{"kSecReturnRef", true}, {"kSecUseAuthenticationContext", "<context>"}})}));
+
+  EXPECT_EQ(h.order,
+            (std::vector<std::string>{"DEVICE_BINDING_BIOMETRIC_RESULT", "completion", "DEVICE_BINDING_SIGN_RESULT"}));
+  const auto events = h.graph.events();
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[0].at("metaData"),
+            signMetadata(3, 5, {{"status", "SUCCESS"}, {"keyId", "5"}, {"promptShown", true}}));
+  EXPECT_EQ(events[1].at("metaData"),
+            signMetadata(3, 5, {{"status", "SUCCESS"}, {"keyId", "5"}, {"algorithm", "ES256"}}));
+  EXPECT_EQ(events[1].at("entityId"), "e1");
+  EXPECT_FALSE(events[1].contains("requestId"));
+
+  // Called directly, the challenge is signed as received and measured in characters.
+  const std::string challenge = " e\u0301\U0001F1EB\U0001F1F7 \n";
+  std::optional<ZavloResult<ZavloDeviceBindingSignResponse>> direct;
+  h.graph.graph.deviceBindingManager->signChallenge({"5"}, challenge, "T", "S", std::nullopt, std::nullopt,
+                                                    [&](auto signed_) { direct = std::move(signed_); });
+  h.graph.platform.runUntilIdle();
+  ASSERT_TRUE(direct && *direct);
+  EXPECT_TRUE(verifies(point, challenge, {{"signature", direct->value().signature}}));
+  EXPECT_EQ(h.owner.prompts().at(1).localizedReason, "S");
+  EXPECT_EQ(h.graph.events().back().at("metaData").at("challengeLength"), 5);
+}
+
+TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
+  struct Case {
+    const char* reason;
+    std::function<void(ZavloBindingHarness&)> arrange;
+    json config;
+    const char* errorCode;
+    json extra;
+    bool prompted;
+  };
+  const json twoIds = {{"challenge", "c"}, {"allowedKeyIds", {"k1", "k2"}}};
+  const std::vector<Case> cases = {
+      {"INVALID_CHALLENGE", [](auto&) {}, {{"allowedKeyIds", "k1"}}, "INVALID_CHALLENGE", json::object(), false},
+      {"INVALID_CHALLENGE",
+       [](auto& h) { h.enrolled("k1"); },
+       {{"challenge", " \t\n"}, {"allowedKeyIds", "k1"}},
+       "INVALID_CHALLENGE",
+       json::object(),
+       false},
+      {"NO_KEY_IDS", [](auto&) {}, {{"challenge", "c"}}, "DEVICE_BINDING_NOT_ENROLLED", json::object(), false},
+      {"NO_KEY_IDS",
+       [](auto&) {},
+       {{"challenge", "c"}, {"allowedKeyIds", {"", "  ", "\n"}}},
+       "DEVICE_BINDING_NOT_ENROLLED",
+       json::object(),
+       false},
+      {"NO_KEY_IDS",
+       [](auto& h) { h.enrolled("k1"); },
+       {{"challenge", "c"}, {"allowedKeyIds", {{"k1", "k1"}}}},
+       "DEVICE_BINDING_NOT_ENROLLED",
+       json::object(),
+       false},
+      {"KEY_NOT_FOUND",
+       [](auto& h) {
+         h.enrolled("a");
+         h.enrolled("b");
+       },
+       {{"challenge", "c"}, {"allowedKeyIds", "a,b"}},
+       "DEVICE_BINDING_NOT_ENROLLED",
+       json::object(),
+       false},
+      {"KEY_INVALIDATED",
+       [](auto& h) {
+         h.enrolled("k1", "biometry-0");
+         h.enrolled("k2");
+       },
+       twoIds,
+       "DEVICE_BINDING_KEY_INVALIDATED",
+       {{"keyId", "k1"}, {"keyDeleted", true}},
+       false},
+      {"KEY_INVALIDATED",
+       [](auto& h) {
+         h.enrolled("k1");
+         h.keychain.answer(Operation::copyMatching, {{ZavloKeychainKey::kSecReturnRef, true}},
+                           ZavloKeychainStatus::itemNotFound);
+       },
+       twoIds,
+       "DEVICE_BINDING_KEY_INVALIDATED",
+       {{"keyId", "k1"}, {"keyDeleted", true}},
+       true},
+      {"SIGN_ERROR",
+       [](auto& h) {
+         h.enrolled("k1");
+         h.keys.fail(ZavloTestSecureKeys::Operation::createSignature, {-3, "no"});
+       },
+       twoIds,
+       "DEVICE_BINDING_SIGN_FAILED",
+       {{"osErrorCode", -3}},
+       true},
+  };
+  const std::map<std::string, std::string> messages = {
+      {"INVALID_CHALLENGE", "Invalid or empty challenge provided."},
+      {"DEVICE_BINDING_NOT_ENROLLED", "Device is not enrolled. Please enroll before signing a challenge."},
+      {"DEVICE_BINDING_KEY_INVALIDATED", "Device binding key is no longer valid. Please enroll again."},
+      {"DEVICE_BINDING_SIGN_FAILED", "Failed to sign the device binding challenge."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.reason) + " " + c.config.dump());
+    ZavloBindingHarness h;
+    c.arrange(h);
+    const auto outcomes = h.call(ZavloBindingHarness::kSign, c.config);
+    ASSERT_EQ(outcomes.results.size(), 1U);
+    ASSERT_FALSE(outcomes.results[0]);
+    const auto& message = messages.at(c.errorCode);
+    EXPECT_EQ(outcomes.results[0].error(), ZavloAuthException::failure(c.errorCode, message));
+    EXPECT_EQ(outcomes.beforeReturn, !c.prompted);
+    EXPECT_EQ(h.owner.prompts().size(), c.prompted ? 1U : 0U);
+    const std::vector<std::string> expectedOrder =
+        c.prompted
+            ? std::vector<std::string>{"DEVICE_BINDING_BIOMETRIC_RESULT", "completion", "DEVICE_BINDING_SIGN_RESULT"}
+            : std::vector<std::string>{"completion", "DEVICE_BINDING_SIGN_RESULT"};
+    EXPECT_EQ(h.order, expectedOrder);
+    const auto event = h.graph.events().back();
+    EXPECT_EQ(event.at("status"), "FAILURE");
+    EXPECT_EQ(event.at("failureReason"), message);
+    json failure = {{"status", "FAILURE"}, {"errorCode", c.errorCode}, {"errorMessage", message}, {"reason", c.reason}};
+    failure.update(c.extra);
+    const auto ids = ZavloConfigValues::stringListValue(c.config, "allowedKeyIds").size();
+    const auto length = ZavloGraphemes::count(ZavloConfigValues::text(c.config, "challenge", ""));
+    EXPECT_EQ(event.at("metaData"), signMetadata(ids, length, failure));
+    if (std::string(c.reason) == "KEY_INVALIDATED") {
+      EXPECT_FALSE(h.hasKey("k1") || h.hasDomainState("k1")) << "the invalid key and its record are gone";
+      if (!c.prompted) {
+        EXPECT_TRUE(h.hasKey("k2")) << "later ids are not tried, and kept";
+      }
+    }
+  }
+}
+
+TEST(ZavloDeviceBindingSign, PromptErrorsMapToExceptionsAndReasons) {
+  struct Case {
+    Outcome outcome;
+    const char* errorCode;
+    const char* errorMessage;
+    const char* reason;
+    std::optional<std::int64_t> promptErrorCode;
+  };
+  const char* const kCancelled = "Device authentication was cancelled.";
+  const char* const kFailed = "Device authentication failed.";
+  const char* const kUnsupported = "This device does not support device binding.";
+  const auto la = [](std::int64_t code) { return Outcome::laError(code); };
+  const std::vector<Case> cases = {
+      {la(-1), "DEVICE_BINDING_AUTH_FAILED", kFailed, "AUTH_FAILED", -1},
+      {la(-2), "DEVICE_BINDING_USER_CANCELLED", kCancelled, "USER_CANCELLED", -2},
+      {la(-3), "DEVICE_BINDING_USER_CANCELLED", kCancelled, "USER_CANCELLED", -3},
+      {la(-4), "DEVICE_BINDING_USER_CANCELLED", kCancelled, "USER_CANCELLED", -4},
+      {la(-9), "DEVICE_BINDING_USER_CANCELLED", kCancelled, "USER_CANCELLED", -9},
+      {la(-5), "DEVICE_BINDING_UNSUPPORTED", kUnsupported, "PASSCODE_NOT_SET", -5},
+      {la(-6), "DEVICE_BINDING_UNSUPPORTED", kUnsupported, "HARDWARE_UNAVAILABLE", -6},
+      {la(-7), "DEVICE_BINDING_UNSUPPORTED", kUnsupported, "NONE_ENROLLED", -7},
+      {la(-8), "DEVICE_BINDING_AUTH_FAILED", "Too many failed attempts. Unlock the device and try again.", "LOCKOUT",
+       -8},
+      {la(-10), "DEVICE_BINDING_AUTH_FAILED", kFailed, "OTHER", -10},
+      {la(-1004), "DEVICE_BINDING_AUTH_FAILED", kFailed, "OTHER", -1004},
+      {Outcome::otherError("PAMErrorDomain", -2), "DEVICE_BINDING_AUTH_FAILED", kFailed, "OTHER", std::nullopt},
+      {Outcome::failedWithoutError(), "DEVICE_BINDING_AUTH_FAILED", kFailed, "OTHER", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason + std::string(" ") + std::to_string(c.promptErrorCode.value_or(0)));
+    ZavloBindingHarness h;
+    h.enrolled("k1");
+    h.owner.scriptNextPrompt(c.outcome);
+    const auto outcomes = h.call(ZavloBindingHarness::kSign, {{"challenge", "c"}, {"allowedKeyIds", "k1"}});
+    ASSERT_EQ(outcomes.results.size(), 1U);
+    ASSERT_FALSE(outcomes.results[0]);
+    EXPECT_TRUE(outcomes.onMainQueue);
+    EXPECT_EQ(outcomes.results[0].error(), ZavloAuthException::failure(c.errorCode, c.errorMessage));
+    EXPECT_EQ(h.order, (std::vector<std::string>{"completion", "DEVICE_BINDING_BIOMETRIC_RESULT"}))
+        << "no sign result follows a failed prompt";
+    json expected = {{"status", "FAILURE"},
+                     {"errorCode", c.errorCode},
+                     {"errorMessage", c.errorMessage},
+                     {"reason", c.reason},
+                     {"promptShown", true},
+                     {"cancelledByUser", std::string(c.reason) == "USER_CANCELLED"},
+                     {"keyId", "k1"}};
+    if (c.promptErrorCode) expected["promptErrorCode"] = *c.promptErrorCode;
+    EXPECT_EQ(h.graph.events().back().at("metaData"), signMetadata(1, 1, expected));
+    EXPECT_TRUE(h.hasKey("k1")) << "a failed prompt deletes nothing";
+  }
+}
+
+TEST(ZavloDeviceBindingSign, AManagerDestroyedDuringThePromptNeverAnswers) {
+  ZavloBindingHarness h;
+  h.enrolled("k1");
+  h.owner.setDefaultOutcome(std::nullopt);
+  auto manager = ZavloDeviceBindingManager::create(h.graph.platform, h.graph.log);
+  int completions = 0;
+  manager->enroll(std::nullopt, "T", "S", std::nullopt, std::nullopt, [&](auto) { ++completions; });
+  manager->signChallenge({"k1"}, "c", "T", "S", std::nullopt, std::nullopt, [&](auto) { ++completions; });
+  h.graph.platform.runUntilIdle();
+  ASSERT_EQ(h.owner.heldPromptCount(), 2U);
+  const std::weak_ptr<ZavloDeviceBindingManager> weak = manager;
+  manager.reset();
+  EXPECT_TRUE(weak.expired()) << "the prompt does not keep the manager alive";
+  EXPECT_TRUE(h.owner.replyToPrompt(0, Outcome::succeeded()));
+  EXPECT_TRUE(h.owner.replyToPrompt(1, Outcome::laError(ZavloLAError::userCancel)));
+  h.graph.platform.runUntilIdle();
+  EXPECT_EQ(completions, 0);
+  EXPECT_TRUE(h.order.empty());
+  EXPECT_EQ(h.keys.keyCount(), 1U) << "no key was created after the prompt";
+}
+
+TEST(ZavloDeviceBindingSign, HostileKeyIdsAreUsedVerbatimAndLeaveOtherItemsAlone) {
+  ZavloBindingHarness h;
+  const std::vector<std::string> ids = {
+      std::string(10000, 'x'), R"(a"b'c)",  "100%25%s%n",       std::string("nul\0in", 6),
+      "tab\there\x7f\x1b[0m",  "k1 OR 1=1", "\u00e9\U0001F600",
+  };
+  h.enrolled("bystander");
+  for (const auto& id : ids) h.enrolled(id);
+  const auto items = h.keychain.itemCount();
+
+  for (const auto& id : ids) {
+    SCOPED_TRACE(id.substr(0, 20));
+    EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", id}}).value("state", ""), "ENROLLED");
+    const auto signed_ = h.success(ZavloBindingHarness::kSign, {{"challenge", id}, {"allowedKeyIds", {id}}});
+    EXPECT_EQ(signed_.value("keyId", ""), id);
+  }
+  EXPECT_EQ(h.keychain.itemCount(), items);
+  EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", "x"}}).value("state", ""), "NOT_ENROLLED");
+
+  h.owner.setBiometryDomainState(zavloBytes("biometry-2"));
+  for (const auto& id : ids) {
+    EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", id}}).value("state", ""), "INVALIDATED");
+  }
+  EXPECT_EQ(h.keychain.itemCount(), 2U);
+  EXPECT_TRUE(h.hasKey("bystander") && h.hasDomainState("bystander"));
+}

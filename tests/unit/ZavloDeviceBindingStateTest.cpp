@@ -1,0 +1,153 @@
+// The binding state query and the keychain layout behind it.
+#include <functional>
+
+#include "ZavloBindingHarness.hpp"
+
+using nlohmann::json;
+using Policy = ZavloOwnerAuthenticationPolicy;
+using Operation = ZavloTestKeychain::Operation;
+
+namespace {
+
+json stateOf(const char* state, std::optional<std::string> keyId = std::nullopt) {
+  json expected = {{"status", "SUCCESS"}, {"state", state}};
+  if (keyId) expected["keyId"] = *keyId;
+  return expected;
+}
+
+json with(json base, const json& extra) {
+  base.update(extra);
+  return base;
+}
+
+json described(const ZavloTestKeychain::Call& call) {
+  static const char* const kNames[] = {"copyMatching", "add", "remove"};
+  return {{kNames[static_cast<int>(call.operation)], ZavloTestKeychain::describe(call.attributes)}};
+}
+
+}  // namespace
+
+TEST(ZavloDeviceBindingState, ReportsEveryStateWordSynchronouslyWithoutTelemetry) {
+  struct Case {
+    const char* name;
+    std::function<void(ZavloBindingHarness&)> arrange;
+    json config;
+    json expected;
+    bool keychainUntouched;
+  };
+  const std::vector<Case> cases = {
+      {"no screen lock",
+       [](auto& h) { h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {false}); },
+       {{"keyId", "k1"}},
+       stateOf("NO_SCREEN_LOCK"),
+       false},
+      {"second evaluation fails",
+       [](auto& h) {
+         h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {true, false});
+       },
+       {{"keyId", "k1"}},
+       stateOf("UNSUPPORTED"),
+       false},
+      {"missing key id", [](auto&) {}, json::object(), stateOf("NOT_ENROLLED"), true},
+      {"blank key id", [](auto&) {}, {{"keyId", " \n\t\u2003"}}, stateOf("NOT_ENROLLED"), true},
+      {"no key", [](auto&) {}, {{"keyId", "nobody"}}, stateOf("NOT_ENROLLED"), false},
+      {"enrolled, padded id",
+       [](auto& h) { h.enrolled("k1"); },
+       {{"keyId", "  k1\n"}},
+       stateOf("ENROLLED", "k1"),
+       false},
+      {"number as key id", [](auto& h) { h.enrolled("42"); }, {{"keyId", 42}}, stateOf("ENROLLED", "42"), false},
+      {"key that needs interaction",
+       [](auto& h) {
+         h.keychain.answer(Operation::copyMatching,
+                           {{ZavloKeychainKey::kSecAttrApplicationTag, ZavloBindingHarness::tag("k9")}},
+                           ZavloKeychainStatus::interactionNotAllowed);
+       },
+       {{"keyId", "k9"}},
+       stateOf("ENROLLED", "k9"),
+       false},
+      {"biometrics changed",
+       [](auto& h) { h.enrolled("k1", "biometry-0"); },
+       {{"keyId", "k1"}},
+       stateOf("INVALIDATED", "k1"),
+       false},
+      {"enrolled without biometrics, biometrics added since",
+       [](auto& h) { h.enrolled("k1", std::nullopt); },
+       {{"keyId", "k1"}},
+       stateOf("ENROLLED", "k1"),
+       false},
+      {"biometrics changed, then removed",
+       [](auto& h) {
+         h.enrolled("k1", "biometry-0");
+         h.owner.setCanEvaluatePolicy(Policy::deviceOwnerAuthenticationWithBiometrics, false);
+       },
+       {{"keyId", "k1"}},
+       stateOf("ENROLLED", "k1"),
+       false},
+      {"record lookup fails",
+       [](auto& h) {
+         h.enrolled("k1", "biometry-0");
+         h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"),
+                           ZavloKeychainStatus::decode);
+       },
+       {{"keyId", "k1"}},
+       stateOf("ENROLLED", "k1"),
+       false},
+      {"record answers something other than bytes",
+       [](auto& h) {
+         h.enrolled("k1", "biometry-0");
+         h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"), 0,
+                           ZavloKeychainItem{std::shared_ptr<ZavloSecureKey>()});
+       },
+       {{"keyId", "k1"}},
+       stateOf("ENROLLED", "k1"),
+       false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ZavloBindingHarness h;
+    c.arrange(h);
+    const auto outcomes = h.call(ZavloBindingHarness::kState, c.config);
+    ASSERT_EQ(outcomes.results.size(), 1U);
+    EXPECT_TRUE(outcomes.beforeReturn);
+    ASSERT_TRUE(outcomes.results[0]);
+    EXPECT_EQ(outcomes.results[0].value(), c.expected);
+    EXPECT_TRUE(h.order == std::vector<std::string>{"completion"}) << "no telemetry";
+    if (c.keychainUntouched) {
+      EXPECT_TRUE(h.keychain.calls().empty()) << "an empty id never reaches the keychain";
+    }
+  }
+}
+
+TEST(ZavloDeviceBindingState, InvalidationDeletesExactlyThatKeyAndItsRecordOnce) {
+  ZavloBindingHarness h;
+  h.enrolled("k1", "biometry-0");
+  h.enrolled("k2", "biometry-0");
+  h.enrolled("  blank  ");  // never looked at: ids are trimmed first
+  const auto before = h.keychain.itemCount();
+
+  EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", " k1 "}}), stateOf("INVALIDATED", "k1"));
+  const json key = {{"kSecClass", "kSecClassKey"},
+                    {"kSecAttrApplicationTag", {{"bytes", "in.zavlo.authsdk.devicebinding.k1"}}},
+                    {"kSecAttrKeyType", "kSecAttrKeyTypeECSECPrimeRandom"}};
+  const json record = {{"kSecClass", "kSecClassGenericPassword"},
+                       {"kSecAttrService", "in.zavlo.authsdk.devicebinding.domainstate"},
+                       {"kSecAttrAccount", "k1"}};
+  std::vector<json> calls;
+  for (const auto& call : h.keychain.calls()) calls.push_back(described(call));
+  const std::vector<json> expected = {
+      {{"copyMatching",
+        with(key, {{"kSecReturnRef", false}, {"kSecUseAuthenticationUI", "kSecUseAuthenticationUISkip"}})}},
+      {{"copyMatching", with(record, {{"kSecReturnData", true}})}},
+      {{"remove", key}},
+      {{"remove", record}},
+  };
+  EXPECT_EQ(calls, expected);
+  EXPECT_EQ(h.keychain.itemCount(), before - 2);
+  EXPECT_FALSE(h.hasKey("k1"));
+  EXPECT_FALSE(h.hasDomainState("k1"));
+  EXPECT_TRUE(h.hasKey("k2") && h.hasDomainState("k2") && h.hasKey("  blank  "));
+
+  EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", "k1"}}), stateOf("NOT_ENROLLED"));
+  EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", "k2"}}), stateOf("INVALIDATED", "k2"));
+}
