@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+
+#include "Platform/Linux/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
+#include "ZavloFixedOwnerContext.hpp"
+#include "ZavloTemporaryDirectory.hpp"
+
+/// A fresh Linux key store for one contract test: an SQLite keychain in a private
+/// temporary directory and the OpenSSL keys over it (test support). Every key-store
+/// factory offers keychain(), secureKeys() and ownerContext(authenticated) over one store.
+class ZavloLinuxKeyStoreFactory {
+ public:
+  ZavloLinuxKeyStoreFactory()
+      : keychain_(std::make_shared<ZavloLinuxKeychain>((directory_.path() / "keychain.db").string())),
+        secureKeys_(keychain_) {}
+
+  ZavloKeychain& keychain() { return *keychain_; }
+  ZavloSecureKeys& secureKeys() { return secureKeys_; }
+  std::shared_ptr<ZavloOwnerAuthenticationContext> ownerContext(bool authenticated) {
+    return std::make_shared<ZavloFixedOwnerContext>(authenticated);
+  }
+
+ private:
+  ZavloTemporaryDirectory directory_;
+  std::shared_ptr<ZavloLinuxKeychain> keychain_;
+  ZavloLinuxSecureKeys secureKeys_;
+};
