@@ -92,6 +92,7 @@ class ZavloLinuxOwnerAuthentication {
   /// Throws std::runtime_error when the terminal cannot be used.
   static Conversation terminalConversation(std::string device = "/dev/tty");
 
+  /// What the factory, its contexts and their evaluations' threads share.
   struct Shared;
 
  private:

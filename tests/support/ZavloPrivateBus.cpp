@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,19 +19,26 @@ extern char** environ;
 ZavloChildProcess::ZavloChildProcess(const std::vector<std::string>& arguments) : program_(arguments.at(0)) {
   std::array<int, 2> out{};
   if (pipe2(out.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
   std::vector<char*> argv;
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
-  const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-  if (spawned != 0) {
-    close(out[0]);
-    throw std::runtime_error("cannot start " + program_ + ": " + std::strerror(spawned));
+  const pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid == 0) {
+    // Only async-signal-safe calls here. A test that dies (a sanitizer's halt) takes its
+    // daemons with it instead of leaving them holding the test runner's pipes.
+    if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent) _exit(127);
+    if (dup2(out[1], 1) < 0) _exit(127);
+    execve(argv[0], argv.data(), environ);
+    _exit(127);
   }
+  const int forkError = errno;
+  close(out[1]);
+  if (pid < 0) {
+    close(out[0]);
+    throw std::runtime_error("cannot start " + program_ + ": " + std::strerror(forkError));
+  }
+  pid_ = pid;
   output_ = out[0];
 }
 

@@ -7,7 +7,8 @@
 #include <vector>
 
 /// A program a test starts and stops again (test support). Its standard output is a pipe
-/// the test reads lines from; the destructor stops it with SIGTERM and reaps it.
+/// the test reads lines from; the destructor stops it with SIGTERM and reaps it. It gets
+/// SIGTERM as well when the thread that started it ends (a test that dies mid-way).
 class ZavloChildProcess {
  public:
   explicit ZavloChildProcess(const std::vector<std::string>& arguments);
