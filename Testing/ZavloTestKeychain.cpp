@@ -157,6 +157,10 @@ ZavloKeychainQueryResult ZavloTestKeychain::copyMatching(const ZavloKeychainAttr
                                   [&query](const Item& item) { return matches(item.attributes, query); });
   if (found == items_.end()) return {record(Operation::copyMatching, query, Status::itemNotFound), {}};
 
+  // A private key never comes back as bytes: asking for them is a malformed query.
+  if (asksFor(query, Key::kSecReturnData) && found->opener) {
+    return {record(Operation::copyMatching, query, Status::param), {}};
+  }
   ZavloKeychainQueryResult result{Status::success, std::nullopt};
   if (asksFor(query, Key::kSecReturnRef) && found->opener) {
     const auto* context =
@@ -165,8 +169,7 @@ ZavloKeychainQueryResult ZavloTestKeychain::copyMatching(const ZavloKeychainAttr
       return {record(Operation::copyMatching, query, Status::interactionNotAllowed), {}};
     }
     result.item = found->opener(*context);
-  } else if (asksFor(query, Key::kSecReturnData) && !found->opener) {
-    // A private key never comes back as bytes; other items return their stored data.
+  } else if (asksFor(query, Key::kSecReturnData)) {
     if (const auto* data = found->attributes.find<ZavloBytes>(Key::kSecValueData)) result.item = *data;
   }
   record(Operation::copyMatching, query, Status::success);

@@ -96,6 +96,15 @@ ZavloSecureKeyResult<std::shared_ptr<const ZavloAccessControl>> ZavloTestSecureK
     accessControlRequests_.push_back({protection, flags});
   }
   if (auto error = failure(Operation::createAccessControl)) return zavloFailure(std::move(*error));
+  // The same protections and flags the real stores accept.
+  namespace Flags = ZavloAccessControlFlags;
+  constexpr std::uint64_t known =
+      Flags::biometryCurrentSet | Flags::devicePasscode | Flags::orFlag | Flags::privateKeyUsage;
+  if ((protection != ZavloKeychainKey::kSecAttrAccessibleWhenUnlockedThisDeviceOnly &&
+       protection != ZavloKeychainKey::kSecAttrAccessibleAfterFirstUnlockThisDeviceOnly) ||
+      (flags & ~known) != 0) {
+    return zavloFailure(ZavloSecureKeyError{ZavloKeychainStatus::param, "Unknown protection or flags."});
+  }
   return std::make_shared<const ZavloAccessControl>(ZavloAccessControl{protection, flags});
 }
 

@@ -3,7 +3,6 @@
 // owner who has authenticated. Signatures are checked by OpenSSL against the point.
 #include <gtest/gtest.h>
 
-#include "ZavloEs256.hpp"
 #include "ZavloKeyStoreFactories.hpp"
 #include "ZavloKeyStoreItems.hpp"
 
@@ -56,8 +55,8 @@ TYPED_TEST(ZavloSecureKeysContractTest, PermanentKeySignsForAnAuthenticatedOwner
     const auto signature = keys.createSignature(*key, kEs256, message);
     ASSERT_TRUE(signature) << signature.error().description;
     EXPECT_LE(signature.value().size(), 72u);
-    EXPECT_TRUE(zavloVerifyEs256(point, message, signature.value()));
-    EXPECT_FALSE(zavloVerifyEs256(point, zavloBytes("another challenge"), signature.value()));
+    EXPECT_TRUE(TypeParam::verify(point, message, signature.value()));
+    EXPECT_FALSE(TypeParam::verify(point, zavloBytes("another challenge"), signature.value()));
   }
 
   // Another key has another point, which does not verify this key's signatures.
@@ -66,7 +65,7 @@ TYPED_TEST(ZavloSecureKeysContractTest, PermanentKeySignsForAnAuthenticatedOwner
   const auto signature = keys.createSignature(*key, kEs256, zavloBytes("c"));
   ASSERT_TRUE(signature);
   EXPECT_NE(this->point(*other.value()), point);
-  EXPECT_FALSE(zavloVerifyEs256(this->point(*other.value()), zavloBytes("c"), signature.value()));
+  EXPECT_FALSE(TypeParam::verify(this->point(*other.value()), zavloBytes("c"), signature.value()));
 }
 
 TYPED_TEST(ZavloSecureKeysContractTest, UnauthenticatedUseAndMalformedRequestsAreRefused) {

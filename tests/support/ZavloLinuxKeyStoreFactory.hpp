@@ -4,12 +4,14 @@
 
 #include "Platform/Linux/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
+#include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
 #include "ZavloTemporaryDirectory.hpp"
 
 /// A fresh Linux key store for one contract test: an SQLite keychain in a private
 /// temporary directory and the OpenSSL keys over it (test support). Every key-store
-/// factory offers keychain(), secureKeys() and ownerContext(authenticated) over one store.
+/// factory offers keychain(), secureKeys() and ownerContext(authenticated) over one store,
+/// and verify(point, message, signature) for the signatures its keys make.
 class ZavloLinuxKeyStoreFactory {
  public:
   ZavloLinuxKeyStoreFactory()
@@ -20,6 +22,9 @@ class ZavloLinuxKeyStoreFactory {
   ZavloSecureKeys& secureKeys() { return secureKeys_; }
   std::shared_ptr<ZavloOwnerAuthenticationContext> ownerContext(bool authenticated) {
     return std::make_shared<ZavloFixedOwnerContext>(authenticated);
+  }
+  static bool verify(const ZavloBytes& point, const ZavloBytes& message, const ZavloBytes& signature) {
+    return zavloVerifyEs256(point, message, signature);
   }
 
  private:
