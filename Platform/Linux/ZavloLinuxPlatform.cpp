@@ -3,13 +3,22 @@
 
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
+#include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
 
-#include <stdexcept>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : deviceInfo_(std::move(options.hostApplicationVersion)),
       classifier_(std::move(options.cellularInterfaces)),
       trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
+      keychainPath_(options.keychainPath.value_or(defaultKeychainPath())),
+      keychainOptions_(std::move(options.keychain)),
+      defaultKeychain_(!options.keychainPath),
+      ownerAuthentication_(std::move(options.ownerAuthentication)),
       connections_(classifier_) {}
 
 std::shared_ptr<ZavloConnection> ZavloLinuxPlatform::makeConnection(const std::string& host, std::uint16_t port,
@@ -34,15 +43,44 @@ std::shared_ptr<ZavloHttpSession> ZavloLinuxPlatform::makeHttpSession(
   return std::make_shared<ZavloLinuxHttpSession>(configuration);
 }
 
-// TEMPORARY: replaced when the Linux key store lands
-ZavloKeychain& ZavloLinuxPlatform::keychain() { throw std::logic_error("The Linux platform has no keychain yet"); }
-
-// TEMPORARY: replaced when the Linux key store lands
-ZavloSecureKeys& ZavloLinuxPlatform::secureKeys() {
-  throw std::logic_error("The Linux platform has no secure key store yet");
+std::string ZavloLinuxPlatform::defaultKeychainPath() {
+  const char* data = std::getenv("XDG_DATA_HOME");
+  std::string folder;
+  if (data != nullptr && *data == '/') {
+    folder = data;
+  } else {
+    const char* home = std::getenv("HOME");
+    if (home == nullptr || *home == '\0') {
+      const passwd* entry = getpwuid(geteuid());
+      home = entry != nullptr ? entry->pw_dir : "/";
+    }
+    folder = std::string(home) + "/.local/share";
+  }
+  return folder + "/zavlo-auth/keychain.db";
 }
 
-// TEMPORARY: replaced when the Linux key store lands
+ZavloLinuxKeychain& ZavloLinuxPlatform::linuxKeychain() {
+  std::call_once(keyStoreOpened_, [this] {
+    auto options = keychainOptions_;
+    if (defaultKeychain_) {
+      // The user's data directory may not exist yet on a fresh account; the keychain
+      // itself makes its own folder (0700).
+      const auto parent = std::filesystem::path(keychainPath_).parent_path().parent_path();
+      std::error_code ignored;
+      std::filesystem::create_directories(parent, ignored);
+      options.createDirectory = true;
+    }
+    keychain_ = std::make_shared<ZavloLinuxKeychain>(keychainPath_, std::move(options));
+    secureKeys_ = std::make_unique<ZavloLinuxSecureKeys>(keychain_);
+  });
+  return *keychain_;
+}
+
+ZavloSecureKeys& ZavloLinuxPlatform::secureKeys() {
+  linuxKeychain();
+  return *secureKeys_;
+}
+
 std::shared_ptr<ZavloOwnerAuthenticationContext> ZavloLinuxPlatform::makeOwnerAuthenticationContext() {
-  throw std::logic_error("The Linux platform has no owner authentication yet");
+  return ownerAuthentication_.makeContext();
 }

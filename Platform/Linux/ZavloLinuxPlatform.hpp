@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -8,6 +9,8 @@
 #include "Platform/Linux/ZavloLinuxConnection.hpp"
 #include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/ZavloLinuxOwnerAuthentication.hpp"
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
@@ -21,6 +24,15 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// Trust anchors (PEM) that every TLS connection accepts beside the system trust store:
     /// a private operator CA, or a test's own.
     std::vector<std::string> additionalTrustAnchorsPem = {};
+    /// The key store file. By default zavlo-auth/keychain.db in the user's data directory
+    /// ($XDG_DATA_HOME, else ~/.local/share), whose missing folders are then made (0700);
+    /// a path given here must be in a folder that exists. Nothing is opened or created
+    /// before the first keychain operation.
+    std::optional<std::string> keychainPath = {};
+    /// Keychain tracing and failure descriptions (createDirectory applies to a given path).
+    ZavloLinuxKeychain::Options keychain = {};
+    /// How the device owner is authenticated: PAM by default.
+    ZavloLinuxOwnerAuthentication::Options ownerAuthentication = {};
   };
 
   ZavloLinuxPlatform() : ZavloLinuxPlatform(Options{}) {}
@@ -33,12 +45,16 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloHttpSession> makeHttpSession(const ZavloHttpSessionConfiguration& configuration) override;
   std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                   ZavloConnectionParameters parameters) override;
-  // TEMPORARY: replaced when the Linux key store lands
-  ZavloKeychain& keychain() override;
-  // TEMPORARY: replaced when the Linux key store lands
+  /// The key store opens its file on first use; a file that cannot be used makes every
+  /// operation fail with a status (the keychain's lastFailure() says why).
+  ZavloKeychain& keychain() override { return linuxKeychain(); }
   ZavloSecureKeys& secureKeys() override;
-  // TEMPORARY: replaced when the Linux key store lands
   std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override;
+
+  ZavloLinuxKeychain& linuxKeychain();
+  ZavloLinuxOwnerAuthentication& ownerAuthentication() { return ownerAuthentication_; }
+  /// The default key store path for this user (see Options::keychainPath).
+  static std::string defaultKeychainPath();
 
   /// The main run loop, for the host to run.
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
@@ -49,5 +65,12 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   ZavloLinuxDeviceInfo deviceInfo_;
   ZavloLinuxInterfaceClassifier classifier_;
   std::vector<std::string> trustAnchors_;
+  std::string keychainPath_;
+  ZavloLinuxKeychain::Options keychainOptions_;
+  bool defaultKeychain_;
+  std::once_flag keyStoreOpened_;
+  std::shared_ptr<ZavloLinuxKeychain> keychain_;
+  std::unique_ptr<ZavloSecureKeys> secureKeys_;
+  ZavloLinuxOwnerAuthentication ownerAuthentication_;
   ZavloLinuxConnectionService connections_;  // last: its I/O thread stops first
 };
