@@ -2,8 +2,11 @@
 
 #include <iostream>
 #include <memory>
+#include <mutex>
+#include <utility>
 
 #include "Core/ZavloAuthResponseUtils.hpp"
+#include "ZavloCliKeychainTrace.hpp"
 #include "ZavloCliTelemetry.hpp"
 
 void ZavloCliContext::printCompletion(const nlohmann::json& dictionary) {
@@ -17,18 +20,60 @@ void ZavloCliContext::trace(const std::string& line) const {
   if (options.verbose) std::cerr << line << '\n' << std::flush;
 }
 
+namespace {
+
+// The key store says why a file cannot be used; one line per distinct reason is enough.
+void keyStoreFailure(const std::string& description) {
+  static std::mutex mutex;
+  static std::string last;
+  const std::lock_guard lock(mutex);
+  if (description == last) return;
+  last = description;
+  std::cerr << "zavlo-auth: key store: " << description << '\n' << std::flush;
+}
+
+ZavloLinuxOwnerAuthentication::Mode ownerMode(const std::string& name) {
+  if (name == "allow") return ZavloLinuxOwnerAuthentication::Mode::allow;
+  if (name == "deny") return ZavloLinuxOwnerAuthentication::Mode::deny;
+  return ZavloLinuxOwnerAuthentication::Mode::pam;
+}
+
+std::string ownerNotice(const std::string& name) {
+  if (name == "allow") return "zavlo-auth: --owner-auth allow: every owner prompt succeeds without asking anyone";
+  if (name == "deny") return "zavlo-auth: --owner-auth deny: every owner prompt fails without asking anyone";
+  return {};
+}
+
+}  // namespace
+
+std::optional<std::string> zavloCliKeychainPath(const ZavloCliOptions& options) {
+  if (options.keystore && options.keychain && *options.keystore != *options.keychain) {
+    throw CLI::ValidationError("--keychain",
+                               "keys are kept in the keychain file, so --keystore and --keychain must name the same "
+                               "file when both are given");
+  }
+  if (options.keystore) return options.keystore;
+  return options.keychain;
+}
+
 ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
   // Never destroyed: queues and shared objects may still refer to it while the process exits.
   static auto* const platform = [&options] {
     ZavloLinuxPlatform::Options platformOptions;
     platformOptions.cellularInterfaces = options.cellularInterfaces;
+    platformOptions.keychainPath = zavloCliKeychainPath(options);
+    platformOptions.keychain.trace = keyStoreFailure;
+    platformOptions.ownerAuthentication.mode = ownerMode(options.ownerAuth);
     auto made = std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions));
-    if (!ZavloPlatform::install(made)) {
+    ZavloCliTracingPlatform::Trace trace;
+    if (options.verbose) trace = [](const std::string& line) { std::cerr << line << '\n' << std::flush; };
+    auto traced = std::make_shared<ZavloCliTracingPlatform>(*made, std::move(trace), ownerNotice(options.ownerAuth));
+    if (!ZavloPlatform::install(traced)) {
       std::cerr << "zavlo-auth: the process-wide platform was in use before the options were applied\n";
     }
-    return new std::shared_ptr<ZavloLinuxPlatform>(std::move(made));
+    return new std::pair(std::move(made), std::move(traced));
   }();
-  return **platform;
+  return *platform->first;
 }
 
 std::shared_ptr<ZavloAuthLogManager> ZavloCliContext::telemetry() {

@@ -20,6 +20,7 @@ struct ZavloCliOptions {
   std::optional<std::string> telemetryEndpoint;
   std::vector<std::string> cellularInterfaces;
   std::optional<std::string> keystore;
+  std::optional<std::string> keychain;
   std::string ownerAuth = "pam";
   bool verbose = false;
 };
@@ -45,8 +46,13 @@ struct ZavloCliContext {
   std::shared_ptr<ZavloAuthLogManager> logManager_;
 };
 
-/// The Linux platform built from the global options (the declared cellular interfaces),
-/// installed as the process-wide platform on the first call; later calls return it.
+/// The key store file the options name (--keystore or --keychain); absent for the default.
+/// Throws CLI::ValidationError when the two name different files.
+std::optional<std::string> zavloCliKeychainPath(const ZavloCliOptions& options);
+
+/// The Linux platform built from the global options (cellular interfaces, key store, owner
+/// authentication), installed, wrapped in the host's keychain trace, as the process-wide
+/// platform on the first call; later calls return it.
 ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options);
 
 /// The dictionary a completion prints: the success dictionary, or the exception's.
@@ -67,3 +73,4 @@ using ZavloCliCommand = std::function<void(CLI::App& app, ZavloCliContext& conte
 void addCapabilitiesCommand(CLI::App& app, ZavloCliContext& context);
 void addInterfacesCommand(CLI::App& app, ZavloCliContext& context);
 void addSessionCommands(CLI::App& app, ZavloCliContext& context);
+void addBindingCommands(CLI::App& app, ZavloCliContext& context);

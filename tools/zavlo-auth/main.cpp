@@ -13,7 +13,9 @@ void addGlobalOptions(CLI::App& app, ZavloCliOptions& options) {
   app.add_option("--telemetry-endpoint", options.telemetryEndpoint, "Send telemetry events to this URL");
   app.add_option("--cellular-interface", options.cellularInterfaces, "Treat this interface as cellular (repeatable)")
       ->allow_extra_args(false);
-  app.add_option("--keystore", options.keystore, "Key store file");
+  app.add_option("--keystore", options.keystore,
+                 "Key store file (default: zavlo-auth/keychain.db in the user's data directory)");
+  app.add_option("--keychain", options.keychain, "Keychain file; keys are kept in it, so the same as --keystore");
   app.add_option("--owner-auth", options.ownerAuth, "How the device owner is authenticated: pam, allow or deny")
       ->check(CLI::IsMember({"pam", "allow", "deny"}));
   app.add_flag("-v,--verbose", options.verbose, "Trace hops and telemetry events on standard error");
@@ -31,8 +33,11 @@ int main(int argc, char** argv) {
       addCapabilitiesCommand,
       addInterfacesCommand,
       addSessionCommands,
+      addBindingCommands,
   };
   for (const auto& add : commands) add(app, context);
+  // Runs before any command: conflicting key store options are a usage error.
+  app.parse_complete_callback([&context] { (void)zavloCliKeychainPath(context.options); });
 
   try {
     app.parse(argc, argv);

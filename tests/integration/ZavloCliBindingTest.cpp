@@ -1,0 +1,202 @@
+// zavlo-auth binding as a black box: a real key store file, real keys, the signature checked
+// with OpenSSL against the published public key.
+#ifdef ZAVLO_AUTH_BINARY
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+
+#include "Core/ZavloBase64.hpp"
+#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "Testing/Network/ZavloProcess.hpp"
+#include "ZavloEs256.hpp"
+#include "ZavloKeyStoreSecrets.hpp"
+#include "ZavloTemporaryDirectory.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ZavloCliBinding : public ::testing::Test {
+ protected:
+  void SetUp() override { keystore_ = (folder_.path() / "keychain.db").string(); }
+
+  ZavloProcessResult run(std::vector<std::string> arguments, const std::string& ownerAuth = "allow",
+                         const std::vector<std::string>& environment = {}) const {
+    if (!ownerAuth.empty()) arguments.insert(arguments.begin(), {"--owner-auth", ownerAuth});
+    arguments.insert(arguments.begin(), {"--keystore", keystore_});
+    arguments.insert(arguments.begin(), ZAVLO_AUTH_BINARY);
+    if (!environment.empty()) {
+      arguments.insert(arguments.begin(), environment.begin(), environment.end());
+      arguments.insert(arguments.begin(), "/usr/bin/env");
+    }
+    return zavloRunProcess(arguments);
+  }
+
+  static nlohmann::json onlyLine(const ZavloProcessResult& run) {
+    EXPECT_EQ(std::count(run.standardOutput.begin(), run.standardOutput.end(), '\n'), 1) << run.standardOutput;
+    return nlohmann::json::parse(run.standardOutput, nullptr, false);
+  }
+
+  ZavloTemporaryDirectory folder_;
+  std::string keystore_;
+};
+
+ZavloBytes decoded(const std::string& base64) { return ZavloBase64::decode(base64).value_or(ZavloBytes{}); }
+
+// The enrolment publishes a SubjectPublicKeyInfo; its last 65 bytes are the point.
+bool verifies(const std::string& publicKeyBase64, const std::string& signatureBase64, const std::string& message) {
+  const auto spki = decoded(publicKeyBase64);
+  if (spki.size() != 91) return false;
+  return zavloVerifyEs256(ZavloBytes(spki.end() - 65, spki.end()), ZavloBytes(message.begin(), message.end()),
+                          decoded(signatureBase64));
+}
+
+nlohmann::json signConfig(const std::string& keyIds, const std::string& challenge) {
+  return {{"allowedKeyIds", nlohmann::json::parse(keyIds)}, {"challenge", challenge}};
+}
+
+TEST_F(ZavloCliBinding, EnrolThenSignVerifiesAgainstThePublishedKeyAndTheKeySurvivesARestart) {
+  const auto enrolled = run({"binding", "enroll"});
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardOutput << enrolled.standardError;
+  EXPECT_NE(enrolled.standardError.find("allow"), std::string::npos) << "allow says so on standard error";
+  const auto enrolment = onlyLine(enrolled);
+  const std::string keyId = enrolment.at("keyId");
+  const std::string publicKey = enrolment.at("publicKey");
+  const auto spki = decoded(publicKey);
+  ASSERT_EQ(spki.size(), 91U);
+  EXPECT_EQ(spki[26], 0x04);
+  EXPECT_EQ(enrolment.at("algorithm"), "ES256");
+
+  struct stat info {};
+  ASSERT_EQ(stat(keystore_.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600U);
+
+  // A new process each time: the key lives in the file, not in memory.
+  const std::string challenge = "  nonce-\xC3\xA9-42 ";
+  const auto signedRun = run({"binding", "sign", "--config", signConfig("[\"" + keyId + "\"]", challenge).dump()});
+  ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardOutput << signedRun.standardError;
+  const auto signature = onlyLine(signedRun);
+  EXPECT_EQ(signature.at("keyId"), keyId);
+  // The entry point trims the challenge before the manager signs it.
+  EXPECT_TRUE(verifies(publicKey, signature.at("signature"), "nonce-\xC3\xA9-42"));
+  EXPECT_FALSE(verifies(publicKey, signature.at("signature"), challenge));
+
+  const auto state = run({"binding", "state", keyId});
+  EXPECT_EQ(state.exitStatus, 0);
+  EXPECT_EQ(onlyLine(state), (nlohmann::json{{"status", "SUCCESS"}, {"state", "ENROLLED"}, {"keyId", keyId}}));
+}
+
+TEST_F(ZavloCliBinding, PrivateKeyBytesAppearInNoOutputAndNoEvent) {
+  ZavloHttpTestServer collector;
+  const std::vector<std::string> verbose{"-v", "--environment", "development", "--telemetry-endpoint",
+                                         collector.url("/events")};
+  auto arguments = verbose;
+  arguments.insert(arguments.end(), {"binding", "enroll", "--config", R"({"attestationChallenge":"a"})"});
+  const auto enrolled = run(arguments);
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardError;
+  const std::string keyId = onlyLine(enrolled).at("keyId");
+  arguments = verbose;
+  arguments.insert(arguments.end(), {"binding", "sign", "--config", signConfig("[\"" + keyId + "\"]", "c").dump()});
+  const auto signedRun = run(arguments);
+  ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardError;
+  EXPECT_NE(signedRun.standardError.find("keychain"), std::string::npos) << "-v traces keychain operations";
+
+  const auto secrets = zavloPrivateKeysInStore(keystore_);
+  ASSERT_EQ(secrets.size(), 1U) << "one private key in the store";
+  std::string everything =
+      enrolled.standardOutput + enrolled.standardError + signedRun.standardOutput + signedRun.standardError;
+  for (const auto& request : collector.requests()) everything += request.body;
+  ASSERT_FALSE(collector.requests().empty());
+  for (const auto& form : zavloEncodings(secrets.front())) {
+    EXPECT_EQ(everything.find(form), std::string::npos) << "the private key leaked as " << form;
+  }
+}
+
+TEST_F(ZavloCliBinding, TwoProcessesEnrollingAtOnceBothGetWorkingKeys) {
+  auto first = std::async(std::launch::async, [&] { return run({"binding", "enroll"}); });
+  auto second = std::async(std::launch::async, [&] { return run({"binding", "enroll"}); });
+  const auto a = first.get();
+  const auto b = second.get();
+  ASSERT_EQ(a.exitStatus, 0) << a.standardOutput << a.standardError;
+  ASSERT_EQ(b.exitStatus, 0) << b.standardOutput << b.standardError;
+  const auto enrolA = onlyLine(a);
+  const auto enrolB = onlyLine(b);
+  ASSERT_NE(enrolA.at("keyId"), enrolB.at("keyId"));
+  for (const auto* enrolment : {&enrolA, &enrolB}) {
+    const std::string keyId = enrolment->at("keyId");
+    const auto signedRun = run({"binding", "sign", "--config", signConfig("[\"" + keyId + "\"]", "x").dump()});
+    ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardError;
+    EXPECT_TRUE(verifies(enrolment->at("publicKey"), onlyLine(signedRun).at("signature"), "x"));
+  }
+}
+
+TEST_F(ZavloCliBinding, DenyAnswersAsAFailedAuthenticationAndBadInputGetsClearAnswers) {
+  const auto denied = run({"binding", "enroll"}, "deny");
+  EXPECT_EQ(denied.exitStatus, 1);
+  EXPECT_EQ(onlyLine(denied), (nlohmann::json{{"status", "FAILURE"},
+                                              {"errorCode", "DEVICE_BINDING_AUTH_FAILED"},
+                                              {"errorMessage", "Device authentication failed."}}));
+  EXPECT_NE(denied.standardError.find("deny"), std::string::npos);
+
+  const auto blank = run({"binding", "sign", "--config", R"({"allowedKeyIds":"k","challenge":"   "})"});
+  EXPECT_EQ(onlyLine(blank).at("errorCode"), "INVALID_CHALLENGE");
+  const auto none = run({"binding", "sign", "--config", R"({"allowedKeyIds":{"a":1},"challenge":"c"})"});
+  EXPECT_EQ(onlyLine(none).at("errorCode"), "DEVICE_BINDING_NOT_ENROLLED");
+  const auto missing = run({"binding", "state", std::string(10000, 'k')});
+  EXPECT_EQ(onlyLine(missing), (nlohmann::json{{"status", "SUCCESS"}, {"state", "NOT_ENROLLED"}}));
+  EXPECT_EQ(run({"binding", "sign"}).exitStatus, 2) << "sign needs --config";
+  EXPECT_EQ(run({"binding", "sign", "--config", "[]"}).exitStatus, 2);
+}
+
+// PAM decides by default, through the service "zavlo-auth" (pam_wrapper points PAM at a
+// service folder of the test's own).
+TEST_F(ZavloCliBinding, ByDefaultThePamServiceNamedAfterTheHostDecides) {
+  if (std::string(ZAVLO_PAM_WRAPPER).empty()) GTEST_SKIP() << "pam_wrapper (Debian libpam-wrapper) is not installed";
+  ZavloTemporaryDirectory services;
+  const auto enrolWithStack = [&](const std::string& module) {
+    std::ofstream(services.path() / "zavlo-auth") << "auth required " << module << "\naccount required " << module
+                                                  << "\n";
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    return run({"binding", "enroll"}, "",
+               {std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER, "PAM_WRAPPER=1",
+                "PAM_WRAPPER_SERVICE_DIR=" + services.path().string(), "PAM_WRAPPER_DISABLE_DEEPBIND=1",
+                "UID_WRAPPER_DISABLE_DEEPBIND=1",
+                std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"});
+  };
+  const auto permitted = enrolWithStack("pam_permit.so");
+  ASSERT_EQ(permitted.exitStatus, 0) << permitted.standardOutput << permitted.standardError;
+  EXPECT_EQ(permitted.standardError.find("--owner-auth"), std::string::npos) << "the owner really was asked";
+  const auto denied = enrolWithStack("pam_deny.so");
+  EXPECT_EQ(denied.exitStatus, 1);
+  EXPECT_EQ(onlyLine(denied).value("errorCode", ""), "DEVICE_BINDING_AUTH_FAILED") << denied.standardError;
+}
+
+TEST_F(ZavloCliBinding, AnUnusableKeyStoreFailsClearlyAndLeavesOtherKeysAlone) {
+  const auto enrolled = run({"binding", "enroll"});
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardError;
+  const std::string keyId = onlyLine(enrolled).at("keyId");
+
+  const std::string good = keystore_;
+  keystore_ = (folder_.path() / "no-such-folder" / "keychain.db").string();
+  const auto missingFolder = run({"binding", "enroll"});
+  EXPECT_EQ(missingFolder.exitStatus, 1);
+  EXPECT_NE(missingFolder.standardError.find("no-such-folder"), std::string::npos) << missingFolder.standardError;
+
+  keystore_ = (folder_.path() / "garbage.db").string();
+  std::ofstream(keystore_) << std::string(4096, 'z');
+  const auto garbage = run({"binding", "enroll"});
+  EXPECT_EQ(garbage.exitStatus, 1);
+  EXPECT_FALSE(garbage.standardError.empty());
+
+  keystore_ = good;
+  EXPECT_EQ(onlyLine(run({"binding", "state", keyId})).at("state"), "ENROLLED");
+}
+
+}  // namespace
+#endif
