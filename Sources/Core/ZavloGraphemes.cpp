@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <iterator>
 
+#include "Core/ZavloUtf8.hpp"
+
 namespace {
 
 enum class GraphemeClass : std::uint8_t {
@@ -46,39 +48,9 @@ GraphemeClass classOf(char32_t c) noexcept {
 
 // Decodes one code point at the front of text; an ill-formed byte decodes as U+FFFD, one byte long.
 std::size_t decode(std::string_view text, char32_t& out) noexcept {
-  const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-  const std::uint8_t lead = byte(0);
-  std::size_t length = 0;
-  char32_t value = 0;
-  if (lead < 0x80) {
-    out = lead;
-    return 1;
-  }
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    value = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    value = lead & 0x0F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    value = lead & 0x07;
-  }
-  bool valid = length != 0 && text.size() >= length;
-  for (std::size_t i = 1; valid && i < length; ++i) {
-    valid = (byte(i) & 0xC0) == 0x80;
-    value = (value << 6) | (byte(i) & 0x3F);
-  }
-  if (valid) {
-    const bool overlong = (length == 3 && value < 0x800) || (length == 4 && value < 0x10000);
-    valid = !overlong && value <= 0x10FFFF && !(value >= 0xD800 && value <= 0xDFFF);
-  }
-  if (!valid) {
-    out = 0xFFFD;
-    return 1;
-  }
-  out = value;
-  return length;
+  if (const auto length = ZavloUtf8::decodeFront(text, out)) return length;
+  out = 0xFFFD;
+  return 1;
 }
 
 bool isControl(GraphemeClass c) noexcept {
