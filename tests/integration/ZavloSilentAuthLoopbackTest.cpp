@@ -215,6 +215,35 @@ TEST_F(ZavloSilentAuthLoopbackTest, ConnectionFailuresAreReportedAfterTheFallbac
   EXPECT_LT(unknown.elapsed, 1s);
 }
 
+TEST(ZavloSilentAuthLoopbackTlsTest, AnAnswerWrittenInSeveralTlsRecordsIsJudgedWhole) {
+  ZavloTestCertificateAuthority authority;
+  ZavloLinuxPlatform trusting(loopbackCellular({authority.certificatePem()}));
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
+  const std::string padding(16, 'p');
+  const struct {
+    const char* what;
+    std::vector<std::string> writes;
+    json expected;
+  } cases[] = {
+      {"headers, then the body",
+       {head, R"({"snaToken":"two-records"})"},
+       {{"httpStatusCode", 200}, {"snaToken", "two-records"}}},
+      {"headers, then the body in three records",
+       {head, R"({"snaToken":"three-records","pad":")", padding, padding + "\"}"},
+       {{"httpStatusCode", 200}, {"snaToken", "three-records"}, {"pad", padding + padding}}},
+      {"a refusal, then its body",
+       {"HTTP/1.1 401 Unauthorized\r\n\r\n", R"({"reason":"unknown"})"},
+       {{"httpStatusCode", 401}, {"reason", "unknown"}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ZavloTestServer server(ZavloTestServerReply::together(c.writes),
+                           ZavloTestServer::Options{
+                               .address = "127.0.0.1", .port = 0, .tls = authority.issueServerIdentity({"localhost"})});
+    EXPECT_EQ(runChain(trusting, "https://localhost:" + std::to_string(server.port()) + "/sna").only(), c.expected);
+  }
+}
+
 TEST(ZavloSilentAuthLoopbackTlsTest, AHopOverTlsNeedsTheServersAuthorityToBeTrusted) {
   ZavloTestCertificateAuthority authority;
   ZavloTestServer server(
