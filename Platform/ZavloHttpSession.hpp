@@ -48,11 +48,11 @@ struct ZavloHttpTransportError {
 
 /// The outcome of a task, in the shape of a URL loading system's (data, response, error):
 /// a transport error, or a response (status code present for an HTTP response) with the
-/// body received, if any.
+/// body received: an HTTP answer without body bytes has an empty body, not none.
 struct ZavloHttpTaskOutcome {
   std::optional<ZavloHttpTransportError> error;
   std::optional<int> statusCode;                  ///< absent: no response, or not an HTTP one
-  std::optional<std::vector<std::uint8_t>> data;  ///< absent: no body bytes arrived
+  std::optional<std::vector<std::uint8_t>> data;  ///< absent: no response (or a test left it out)
 
   static ZavloHttpTaskOutcome failure(ZavloHttpTransportError::Code code, std::string description) {
     return {ZavloHttpTransportError{code, std::move(description)}, std::nullopt, std::nullopt};

@@ -550,6 +550,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     }
     while (phase_ == Phase::ready && !receiving_ && !receives_.empty()) {
       auto& front = receives_.front();
+      if (deferredFailure_) {
+        finishReceive({}, false, std::exchange(deferredFailure_, std::nullopt));
+        continue;
+      }
       if (peerFinished_ || front.maximum == 0) {
         std::optional<ZavloConnectionError> error;
         if (!peerFinished_) error = connectionError(systemError(EINVAL));
@@ -577,16 +581,45 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   void received(const std::error_code& error, std::size_t count) {
     receiving_ = false;
     if (phase_ == Phase::closed || receives_.empty()) return;
-    std::vector<std::uint8_t> data(readBuffer_.get(), readBuffer_.get() + count);
+    filled_ += count;
+    // A read returns what one system call, or one TLS record, brought; a receive returns
+    // everything that has arrived by now, so read on while more is waiting.
+    if (!error && filled_ < receives_.front().maximum && moreIsWaiting()) {
+      receiving_ = true;
+      auto onRead = [self = shared_from_this()](const std::error_code& readError, std::size_t readCount) {
+        self->received(readError, readCount);
+      };
+      const auto rest = asio::buffer(readBuffer_.get() + filled_, receives_.front().maximum - filled_);
+      if (secure_) {
+        secure_->async_read_some(rest, std::move(onRead));
+      } else {
+        plain_->async_read_some(rest, std::move(onRead));
+      }
+      return;
+    }
+    std::vector<std::uint8_t> data(readBuffer_.get(), readBuffer_.get() + std::exchange(filled_, 0));
     std::optional<ZavloConnectionError> failure;
     // A peer that closes without a TLS close_notify has still finished its answer.
     if (error == asio::error::eof || error == asio::ssl::error::stream_truncated) {
       peerFinished_ = true;
-    } else if (error) {
+    } else if (error && data.empty()) {
       failure = connectionError(error);
+    } else if (error) {
+      deferredFailure_ = connectionError(error);  // the bytes before it go out first
     }
     finishReceive(std::move(data), peerFinished_, std::move(failure));
     pumpReceives();
+  }
+
+  // Whether a read would find bytes without waiting for the peer: decrypted or still
+  // encrypted in the TLS engine, or in the socket.
+  bool moreIsWaiting() {
+    if (secure_) {
+      SSL* ssl = secure_->native_handle();
+      if (SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1 || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0) return true;
+    }
+    std::error_code error;
+    return socket().available(error) > 0 && !error;
   }
 
   void finishReceive(std::vector<std::uint8_t> data, bool isComplete, std::optional<ZavloConnectionError> error) {
@@ -628,7 +661,9 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   bool sending_ = false;
   std::deque<PendingReceive> receives_;
   bool receiving_ = false;
+  std::size_t filled_ = 0;  // bytes of readBuffer_ the current receive has already taken
   bool peerFinished_ = false;
+  std::optional<ZavloConnectionError> deferredFailure_;  // for the receive after the data
   std::unique_ptr<std::uint8_t[]> readBuffer_;
   std::size_t readCapacity_ = 0;
 };

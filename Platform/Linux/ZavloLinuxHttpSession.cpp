@@ -3,11 +3,14 @@
 #include <curl/curl.h>
 #include <pthread.h>
 
+#include <charconv>
 #include <condition_variable>
 #include <deque>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <stdexcept>
+#include <string_view>
 
 namespace {
 
@@ -126,6 +129,27 @@ struct ZavloLinuxHttpSession::Transfer {
     return length;
   }
 
+  // libcurl reads a 1xx answer as interim and waits for another; for a post the first
+  // status is the answer, so the transfer ends at a 1xx status line, with no body.
+  static std::size_t header(char* data, std::size_t size, std::size_t count, void* context) {
+    auto* transfer = static_cast<Transfer*>(context);
+    const std::string_view line(data, size * count);
+    if (!transfer->sawStatusLine && line.starts_with("HTTP/")) {
+      transfer->sawStatusLine = true;
+      const auto space = line.find(' ');
+      if (space != std::string_view::npos && line.size() > space + 3 && line[space + 1] == '1') {
+        int status = 0;
+        const auto digits = line.substr(space + 1, 3);
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), status);
+        if (error == std::errc() && end == digits.data() + digits.size()) {
+          transfer->informationalStatus = status;
+          return 0;  // makes libcurl stop with a write error
+        }
+      }
+    }
+    return line.size();
+  }
+
   // Sets up the easy handle; a failure is reported as the task's outcome.
   CURLcode prepare(const ZavloHttpSessionConfiguration& configuration) {
     easy = curl_easy_init();
@@ -153,8 +177,7 @@ struct ZavloLinuxHttpSession::Transfer {
     set(CURLOPT_URL, request.url.c_str());
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    set(CURLOPT_FOLLOWLOCATION, 1L);
-    set(CURLOPT_MAXREDIRS, 16L);
+    set(CURLOPT_FOLLOWLOCATION, 0L);  // a redirect status is the answer to a post
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_POST, 1L);
     set(CURLOPT_POSTFIELDS, static_cast<const void*>(request.body.data()));
@@ -173,12 +196,16 @@ struct ZavloLinuxHttpSession::Transfer {
     set(CURLOPT_TIMEOUT_MS, static_cast<long>(remaining.count()));
     set(CURLOPT_WRITEFUNCTION, &Transfer::write);
     set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+    set(CURLOPT_HEADERFUNCTION, &Transfer::header);
+    set(CURLOPT_HEADERDATA, static_cast<void*>(this));
+    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);  // a proxy's answer is not the first status
     set(CURLOPT_ERRORBUFFER, errorBuffer);
     set(CURLOPT_PRIVATE, static_cast<void*>(this));
     return result;
   }
 
   ZavloHttpTaskOutcome outcome(CURLcode result) {
+    if (informationalStatus) return {std::nullopt, informationalStatus, std::vector<std::uint8_t>{}};
     if (answeredButNotHttp(result)) return {};
     if (result != CURLE_OK) {
       if (tooLarge) return ZavloHttpTaskOutcome::failure(Code::other, "The response is too large.");
@@ -189,7 +216,8 @@ struct ZavloLinuxHttpSession::Transfer {
     if (curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK && status > 0) {
       outcome.statusCode = static_cast<int>(status);
     }
-    if (!received.empty()) outcome.data = std::move(received);
+    // An HTTP answer always has a body, empty when no bytes came.
+    if (outcome.statusCode) outcome.data = std::move(received);
     return outcome;
   }
 
@@ -215,6 +243,8 @@ struct ZavloLinuxHttpSession::Transfer {
   curl_slist* headers = nullptr;
   bool added = false;
   bool tooLarge = false;
+  bool sawStatusLine = false;
+  std::optional<int> informationalStatus;
   ZavloHttpRequest request;  // owns the body libcurl sends from
   std::chrono::steady_clock::time_point submitted;
   std::vector<std::uint8_t> received;

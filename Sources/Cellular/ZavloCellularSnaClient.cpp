@@ -17,6 +17,23 @@ bool startsWith(std::string_view text, std::string_view prefix) { return text.su
 // same texts but copies and escapes them on the way.
 bool isValidUtf8(std::string_view text) { return ZavloAuthValidationUtils::isWellFormedUtf8(text); }
 
+// The answer as text: UTF-8 when it is UTF-8, otherwise 8-bit ASCII, where each byte is
+// the character of that number (so every answer decodes); the text is held as UTF-8.
+std::string decodeResponse(const std::vector<std::uint8_t>& data) {
+  std::string text(data.begin(), data.end());
+  if (isValidUtf8(text)) return text;
+  text.clear();
+  for (const std::uint8_t byte : data) {
+    if (byte < 0x80) {
+      text += static_cast<char>(byte);
+    } else {
+      text += static_cast<char>(0xC0 | (byte >> 6));
+      text += static_cast<char>(0x80 | (byte & 0x3F));
+    }
+  }
+  return text;
+}
+
 std::string bodyText(const std::optional<std::string>& body) {
   return body && isValidUtf8(*body) ? *body : std::string();
 }
@@ -279,8 +296,8 @@ void ZavloCellularSnaClient::processResponse(const ZavloUrl& requestUrl, const s
     deliver(completion, ZavloNetworkError::other(error->localizedDescription));
     return;
   }
-  const std::string response(data.begin(), data.end());
-  if (response.empty() || !isValidUtf8(response)) {
+  const std::string response = decodeResponse(data);
+  if (response.empty()) {
     traceHop(requestUrl, 0, std::nullopt, std::string("Response has no data or corrupt"));
     sendHopEvent(requestUrl, "", 0, "", std::string("Response has no data or is corrupt"));
     deliver(completion, ZavloNetworkError::other("Response has no data or corrupt"));

@@ -83,6 +83,13 @@ ZavloTestServerReply ZavloTestServerReply::split(std::vector<std::string> segmen
   return reply;
 }
 
+ZavloTestServerReply ZavloTestServerReply::together(std::vector<std::string> writes) {
+  ZavloTestServerReply reply;
+  reply.segments = std::move(writes);
+  reply.inOneFlight = true;
+  return reply;
+}
+
 ZavloTestServerReply ZavloTestServerReply::neverAnswer() {
   ZavloTestServerReply reply;
   reply.action = Action::neverAnswer;
@@ -276,14 +283,21 @@ void ZavloTestServer::serve(int socket) {
       ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
       break;
     }
-    case ZavloTestServerReply::Action::answer:
+    case ZavloTestServerReply::Action::answer: {
+      const int cork = 1;
+      if (reply.inOneFlight) ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &cork, sizeof cork);
       for (std::size_t i = 0; i < reply.segments.size(); ++i) {
         if (i > 0 && reply.pause.count() > 0) std::this_thread::sleep_for(reply.pause);
         if (!channel.writeAll(reply.segments[i])) break;
       }
+      if (reply.inOneFlight) {
+        const int uncork = 0;  // releases everything written so far at once
+        ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &uncork, sizeof uncork);
+      }
       if (channel.ssl != nullptr) SSL_shutdown(channel.ssl);
       ::shutdown(socket, SHUT_WR);
       break;
+    }
     case ZavloTestServerReply::Action::closeAtOnce:
       break;
   }

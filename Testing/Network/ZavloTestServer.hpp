@@ -22,9 +22,13 @@ struct ZavloTestServerReply {
   Action action = Action::answer;
   std::vector<std::string> segments;   ///< written one by one, each in a TCP segment of its own
   std::chrono::milliseconds pause{0};  ///< between segments
+  /// Written one by one (over TLS each in records of its own) but held back by TCP_CORK
+  /// and released together, so that the client finds all of them waiting at once.
+  bool inOneFlight = false;
 
   static ZavloTestServerReply answer(std::string bytes);
   static ZavloTestServerReply split(std::vector<std::string> segments, std::chrono::milliseconds pause);
+  static ZavloTestServerReply together(std::vector<std::string> writes);
   static ZavloTestServerReply neverAnswer();
   static ZavloTestServerReply closeAtOnce();
   static ZavloTestServerReply reset();

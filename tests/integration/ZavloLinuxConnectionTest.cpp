@@ -382,6 +382,45 @@ TEST_F(ZavloLinuxTlsConnectionTest, BadAnchorFailsClearly) {
   cancel(recorder);
 }
 
+TEST_F(ZavloLinuxTlsConnectionTest, OneReceiveTakesEveryRecordThatHasArrivedUpToTheMaximum) {
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
+  const std::string token = R"({"snaToken":"split"})";
+  // Three body records of 9 KiB: more than a TLS stream takes from the socket in one read,
+  // so the last ones are still in the socket when the first record is decrypted.
+  const std::string padding(9 * 1024, 'p');
+  const std::vector<std::string> bodyParts = {R"({"snaToken":"three","a":")" + padding, padding, padding + "\"}"};
+  const struct {
+    const char* what;
+    std::vector<std::string> writes;
+  } cases[] = {
+      {"headers and body in two records", {head, token}},
+      {"the body in three records", {head, bodyParts[0], bodyParts[1], bodyParts[2]}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ZavloTestServer server(ZavloTestServerReply::together(c.writes), serverFor({"localhost"}));
+    std::string whole;
+    for (const auto& part : c.writes) whole += part;
+    auto recorder = connect("localhost", server.port(), tlsParameters());
+    ASSERT_TRUE(hop(recorder));
+    const auto received = recorder.received();
+    EXPECT_EQ(received.size(), whole.size());
+    EXPECT_TRUE(received == whole) << received.substr(0, 80);
+    EXPECT_EQ(recorder.receiveCalls(), 1U);
+    cancel(recorder);
+  }
+
+  // The maximum still bounds one receive; the rest waits for the next.
+  ZavloTestServer server(ZavloTestServerReply::together({head, token}), serverFor({"localhost"}));
+  auto recorder = connect("localhost", server.port(), tlsParameters());
+  ASSERT_TRUE(hop(recorder, head.size() + 5));
+  EXPECT_EQ(recorder.received(), head + token.substr(0, 5));
+  recorder.receive(1, 65536);
+  ASSERT_TRUE(runUntil([&] { return recorder.receiveCalls() > 1; }));
+  EXPECT_EQ(recorder.received(), head + token);
+  cancel(recorder);
+}
+
 TEST_F(ZavloLinuxTlsConnectionTest, LaterConnectionToTheSameServerResumesTheSession) {
   ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{}"), serverFor({"localhost"}));
   for (int round = 0; round < 2; ++round) {

@@ -215,6 +215,57 @@ TEST_F(ZavloSilentAuthLoopbackTest, ConnectionFailuresAreReportedAfterTheFallbac
   EXPECT_LT(unknown.elapsed, 1s);
 }
 
+TEST_F(ZavloSilentAuthLoopbackTest, AnAnswerThatIsNotUtf8IsReadByteForByte) {
+  // An operator's redirect page in Latin-1: 0xE9 is no UTF-8, yet the hop is followed, and
+  // the hop event shows the page with that byte as the character it stands for.
+  ZavloChainServerOptions options;
+  options.token = "after-latin1";
+  ZavloChainServer chain(options);
+  ZavloTestServer redirecting(ZavloTestServerReply::answer(
+      "HTTP/1.1 302 Found\r\nContent-Type: text/html; charset=iso-8859-1\r\nLocation: " + chain.baseUrl() +
+      "/chain/0/next\r\n\r\n<p>Redirig\xE9</p>"));
+  const auto followed = run(url(redirecting));
+  EXPECT_EQ(followed.only(), (json{{"httpStatusCode", 200}, {"snaToken", "after-latin1"}}));
+  ASSERT_EQ(followed.hops.size(), 2U);
+  EXPECT_EQ(followed.hopMeta(0)["responseBody"], "<p>Redirig\u00e9</p>");
+  EXPECT_EQ(followed.hopMeta(0)["responseUrl"], chain.baseUrl() + "/chain/0/next");
+
+  // A final answer whose JSON holds such a byte: the token keeps the character.
+  ZavloTestServer finalHop(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"caf\xE9\"}"));
+  const auto token = run(url(finalHop));
+  EXPECT_EQ(token.only(), (json{{"httpStatusCode", 200}, {"snaToken", "caf\u00e9"}}));
+  EXPECT_EQ(token.hopMeta(0)["responseBody"], "{\"snaToken\":\"caf\u00e9\"}");
+}
+
+TEST(ZavloSilentAuthLoopbackTlsTest, AnAnswerWrittenInSeveralTlsRecordsIsJudgedWhole) {
+  ZavloTestCertificateAuthority authority;
+  ZavloLinuxPlatform trusting(loopbackCellular({authority.certificatePem()}));
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
+  const std::string padding(16, 'p');
+  const struct {
+    const char* what;
+    std::vector<std::string> writes;
+    json expected;
+  } cases[] = {
+      {"headers, then the body",
+       {head, R"({"snaToken":"two-records"})"},
+       {{"httpStatusCode", 200}, {"snaToken", "two-records"}}},
+      {"headers, then the body in three records",
+       {head, R"({"snaToken":"three-records","pad":")", padding, padding + "\"}"},
+       {{"httpStatusCode", 200}, {"snaToken", "three-records"}, {"pad", padding + padding}}},
+      {"a refusal, then its body",
+       {"HTTP/1.1 401 Unauthorized\r\n\r\n", R"({"reason":"unknown"})"},
+       {{"httpStatusCode", 401}, {"reason", "unknown"}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ZavloTestServer server(ZavloTestServerReply::together(c.writes),
+                           ZavloTestServer::Options{
+                               .address = "127.0.0.1", .port = 0, .tls = authority.issueServerIdentity({"localhost"})});
+    EXPECT_EQ(runChain(trusting, "https://localhost:" + std::to_string(server.port()) + "/sna").only(), c.expected);
+  }
+}
+
 TEST(ZavloSilentAuthLoopbackTlsTest, AHopOverTlsNeedsTheServersAuthorityToBeTrusted) {
   ZavloTestCertificateAuthority authority;
   ZavloTestServer server(

@@ -203,7 +203,7 @@ TEST_F(ZavloTelemetryIntegration, StatusesAndBodiesFromTheWireMapToResults) {
       {ZavloHttpTestReply::text(200, "{\"ok\":true}"), std::nullopt},
       {ZavloHttpTestReply::text(204, ""), std::nullopt},
       {ZavloHttpTestReply::text(299, "edge"), std::nullopt},
-      {ZavloHttpTestReply::text(300, ""), "HTTP error: 300"},
+      {ZavloHttpTestReply::text(300, ""), "HTTP 300: "},
       {ZavloHttpTestReply::text(404, "not found"), "HTTP 404: not found"},
       {raw("HTTP/1.1 500 Oops\r\nContent-Length: 2\r\n\r\n\xFF\xFE"), "HTTP error: 500"},
   };
@@ -227,17 +227,35 @@ TEST_F(ZavloTelemetryIntegration, StatusesAndBodiesFromTheWireMapToResults) {
   }
 }
 
-TEST_F(ZavloTelemetryIntegration, AnInterimStatusIsNotTheAnswer) {
-  // 1xx responses are interim on the wire: the final status that follows is the outcome.
-  ZavloHttpTestServer collector([](const ZavloHttpTestRequest&) -> std::optional<ZavloHttpTestReply> {
+TEST_F(ZavloTelemetryIntegration, TheFirstStatusIsTheAnswerAndAnEmptyBodyIsStillABody) {
+  // No interim answers and no redirects for a post: whatever status comes first is final.
+  ZavloHttpTestServer collector([](const ZavloHttpTestRequest& request) -> std::optional<ZavloHttpTestReply> {
     ZavloHttpTestReply reply;
-    reply.raw = "HTTP/1.1 199 Interim\r\n\r\nHTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone";
+    if (request.target == "/interim") {
+      reply.raw = "HTTP/1.1 199 Interim\r\n\r\nHTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone";
+      reply.close = true;
+    } else if (request.target == "/choices") {
+      reply = ZavloHttpTestReply::text(300, "choose", "Multiple Choices");
+      reply.headers.emplace_back("Location", "/elsewhere");
+    } else if (request.target == "/failing") {
+      reply = ZavloHttpTestReply::text(500, "", "Internal Server Error");
+    } else {
+      reply = ZavloHttpTestReply::text(200, "{}");
+    }
     return reply;
   });
-  Inbox<HttpResult> results;
-  http->post(collector.url("/t"), {{"a", 1}}, std::nullopt, results.collect());
-  ASSERT_TRUE(results.waitFor(1));
-  EXPECT_EQ(results.at(0).error().errorDescription(), "HTTP 404: gone");
+  const std::pair<const char*, const char*> cases[] = {
+      {"/interim", "HTTP 199: "}, {"/choices", "HTTP 300: choose"}, {"/failing", "HTTP 500: "}};
+  for (const auto& [target, description] : cases) {
+    SCOPED_TRACE(target);
+    Inbox<HttpResult> results;
+    http->post(collector.url(target), {{"a", 1}}, std::nullopt, results.collect());
+    ASSERT_TRUE(results.waitFor(1));
+    ASSERT_FALSE(results.at(0).hasValue());
+    EXPECT_EQ(results.at(0).error().kind(), Kind::httpError);
+    EXPECT_EQ(results.at(0).error().errorDescription(), description);
+  }
+  EXPECT_EQ(collector.requestCount(), 3U) << "the Location was not followed";
 }
 
 TEST_F(ZavloTelemetryIntegration, ASilentCollectorDelaysNobodyAndCleanupCancelsItsPosts) {

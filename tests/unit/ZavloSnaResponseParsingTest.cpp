@@ -231,11 +231,29 @@ TEST(ZavloCellularSnaClientResponse, ReceiveErrorsAndCorruptAnswersFailWithDiffe
   EXPECT_EQ(failed.events[0]->metaData->at("httpCode"), 0);
   EXPECT_EQ(failed.events[0]->metaData->size(), 7U);
 
-  for (const auto& response : {std::string(), std::string("HTTP/1.1 200 OK\r\n\r\n\xff\xfe")}) {
-    const auto corrupt = judge("http://op.test/", response);
-    ASSERT_EQ(corrupt.results.size(), 1U);
-    EXPECT_EQ(dictionaryOf(corrupt.results[0]).at("error_description"), "Response has no data or corrupt");
-    ASSERT_EQ(corrupt.events.size(), 1U);
-    EXPECT_EQ(corrupt.events[0]->failureReason, "Response has no data or is corrupt");
-  }
+  const auto corrupt = judge("http://op.test/", "");
+  ASSERT_EQ(corrupt.results.size(), 1U);
+  EXPECT_EQ(dictionaryOf(corrupt.results[0]).at("error_description"), "Response has no data or corrupt");
+  ASSERT_EQ(corrupt.events.size(), 1U);
+  EXPECT_EQ(corrupt.events[0]->failureReason, "Response has no data or is corrupt");
+}
+
+TEST(ZavloCellularSnaClientResponse, BytesThatAreNotUtf8AreReadOneCharacterEach) {
+  // Not UTF-8, so each byte is the character of that number: the redirect is followed and
+  // its page reaches the hop event as UTF-8 text.
+  const auto redirect = judge("http://op.test/a", "HTTP/1.1 302 Found\r\nLocation: /b\r\n\r\nd\xE9j\xE0 \xFF");
+  ASSERT_EQ(redirect.results.size(), 1U);
+  EXPECT_EQ(dictionaryOf(redirect.results[0]), (json{{"follow", "http://op.test/b"}}));
+  ASSERT_EQ(redirect.events.size(), 1U);
+  EXPECT_EQ(redirect.events[0]->metaData->at("responseBody"), "d\u00e9j\u00e0 \u00ff");
+
+  const auto refused = judge("http://op.test/a", "HTTP/1.1 403 Forbidden\r\n\r\n{\"reason\":\"\xC0 bient\xF4t\"}");
+  ASSERT_EQ(refused.results.size(), 1U);
+  EXPECT_EQ(dictionaryOf(refused.results[0]),
+            (json{{"dataErr", {{"httpStatusCode", 403}, {"reason", "\u00c0 bient\u00f4t"}}}}));
+
+  // Valid UTF-8 is kept as it is, not read byte by byte.
+  const auto utf8 = judge("http://op.test/a", "HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"\u00e9\"}");
+  ASSERT_EQ(utf8.results.size(), 1U);
+  EXPECT_EQ(dictionaryOf(utf8.results[0]), (json{{"dataOK", {{"httpStatusCode", 200}, {"snaToken", "\u00e9"}}}}));
 }
