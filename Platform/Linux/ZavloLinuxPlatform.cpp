@@ -6,6 +6,7 @@
 #include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
 
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -63,11 +64,13 @@ ZavloLinuxKeychain& ZavloLinuxPlatform::linuxKeychain() {
   std::call_once(keyStoreOpened_, [this] {
     auto options = keychainOptions_;
     if (defaultKeychain_) {
-      // The user's data directory may not exist yet on a fresh account; the keychain
-      // itself makes its own folder (0700).
-      const auto parent = std::filesystem::path(keychainPath_).parent_path().parent_path();
-      std::error_code ignored;
-      std::filesystem::create_directories(parent, ignored);
+      // The user's data directory may not exist yet on a fresh account: its missing
+      // levels are made private (0700), as XDG asks; the keychain makes its own folder.
+      std::filesystem::path level;
+      for (const auto& part : std::filesystem::path(keychainPath_).parent_path().parent_path()) {
+        level /= part;
+        (void)mkdir(level.c_str(), 0700);  // an existing level stays as it is
+      }
       options.createDirectory = true;
     }
     keychain_ = std::make_shared<ZavloLinuxKeychain>(keychainPath_, std::move(options));

@@ -154,14 +154,38 @@ TEST_F(ZavloCliBinding, DenyAnswersAsAFailedAuthenticationAndBadInputGetsClearAn
   EXPECT_EQ(run({"binding", "sign", "--config", "[]"}).exitStatus, 2);
 }
 
+TEST_F(ZavloCliBinding, WithoutAKeyStoreOptionKeysGoToThePrivateDataFolderOfTheUser) {
+  const auto home = folder_.path() / "home";
+  fs::create_directories(home);
+  const auto enrolWith = [&](const std::string& dataHome) {
+    return zavloRunProcess({"/usr/bin/env", "HOME=" + home.string(), "XDG_DATA_HOME=" + dataHome, ZAVLO_AUTH_BINARY,
+                            "--owner-auth", "allow", "binding", "enroll"});
+  };
+  const auto mode = [](const fs::path& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0U;
+  };
+  // A relative XDG_DATA_HOME is ignored, as XDG says: the default under HOME applies.
+  ASSERT_EQ(enrolWith("relative/data").exitStatus, 0);
+  EXPECT_EQ(mode(home / ".local"), 0700U) << "made levels are private";
+  EXPECT_EQ(mode(home / ".local/share/zavlo-auth"), 0700U);
+  EXPECT_EQ(mode(home / ".local/share/zavlo-auth/keychain.db"), 0600U);
+
+  const auto data = folder_.path() / "data";
+  const auto enrolled = enrolWith(data.string());
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardError;
+  keystore_ = (data / "zavlo-auth/keychain.db").string();
+  EXPECT_EQ(onlyLine(run({"binding", "state", onlyLine(enrolled).at("keyId")})).at("state"), "ENROLLED");
+}
+
 // PAM decides by default, through the service "zavlo-auth" (pam_wrapper points PAM at a
 // service folder of the test's own).
 TEST_F(ZavloCliBinding, ByDefaultThePamServiceNamedAfterTheHostDecides) {
   if (std::string(ZAVLO_PAM_WRAPPER).empty()) GTEST_SKIP() << "pam_wrapper (Debian libpam-wrapper) is not installed";
   ZavloTemporaryDirectory services;
   const auto enrolWithStack = [&](const std::string& module) {
-    std::ofstream(services.path() / "zavlo-auth") << "auth required " << module << "\naccount required " << module
-                                                  << "\n";
+    std::ofstream(services.path() / "zavlo-auth")
+        << "auth required " << module << "\naccount required " << module << "\n";
     const char* asan = std::getenv("ASAN_OPTIONS");
     return run({"binding", "enroll"}, "",
                {std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER, "PAM_WRAPPER=1",
