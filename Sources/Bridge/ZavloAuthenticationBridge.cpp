@@ -78,6 +78,12 @@ void ZavloAuthenticationBridge::didReceiveScriptMessage(const nlohmann::json& bo
   }
 }
 
+bool ZavloAuthenticationBridge::expectsAnswer(const nlohmann::json& body) {
+  if (!body.is_object() || !stringAt(body, "method")) return false;
+  const auto* callback = stringAt(body, "callback");
+  return callback && ZavloAuthJavaScriptUtils::isValidCallbackName(*callback);
+}
+
 void ZavloAuthenticationBridge::cleanup() {
   if (auto webView = webView_.lock()) webView->removeScriptMessageHandler(std::string(kHandlerName));
   initConfig_.reset();

@@ -42,6 +42,10 @@ class ZavloAuthenticationBridge final : public ZavloScriptMessageHandler,
   /// One page message: an object with a string "method" and a string "callback", else
   /// ignored (there is nobody to answer).
   void didReceiveScriptMessage(const nlohmann::json& body) override;
+  /// Whether body is a message the bridge answers: exactly once, as long as the bridge and
+  /// its web view exist. A message with a callback that is not a plain identifier still
+  /// runs its operation, but its answer is never evaluated.
+  static bool expectsAnswer(const nlohmann::json& body);
   /// Removes the handler from the web view, if it still exists, and forgets the
   /// configuration of the last initAuth.
   void cleanup();

@@ -74,3 +74,4 @@ void addCapabilitiesCommand(CLI::App& app, ZavloCliContext& context);
 void addInterfacesCommand(CLI::App& app, ZavloCliContext& context);
 void addSessionCommands(CLI::App& app, ZavloCliContext& context);
 void addBindingCommands(CLI::App& app, ZavloCliContext& context);
+void addBridgeCommand(CLI::App& app, ZavloCliContext& context);

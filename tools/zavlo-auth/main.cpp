@@ -30,10 +30,7 @@ int main(int argc, char** argv) {
   addGlobalOptions(app, context.options);
 
   const ZavloCliCommand commands[] = {
-      addCapabilitiesCommand,
-      addInterfacesCommand,
-      addSessionCommands,
-      addBindingCommands,
+      addCapabilitiesCommand, addInterfacesCommand, addSessionCommands, addBindingCommands, addBridgeCommand,
   };
   for (const auto& add : commands) add(app, context);
   // Runs before any command: conflicting key store options are a usage error.
