@@ -178,7 +178,10 @@ TEST_F(ZavloCliBridge, AFloodOfMessagesIsAnsweredInOrderWithBoundedMemory) {
     ASSERT_EQ(answer.callback, "cb" + std::to_string(expected++));
   }
   // About 40 MB went through; the reader keeps only a few messages ahead of the bridge.
+  // AddressSanitizer keeps freed memory in quarantine, so the bound holds only without it.
+#ifndef __SANITIZE_ADDRESS__
   EXPECT_LT(run.maxResidentKilobytes * 1024, static_cast<long>(input.size() / 2))
       << run.maxResidentKilobytes << " KiB resident";
+#endif
 }
 #endif
