@@ -27,7 +27,7 @@ ZavloLinuxRunLoop::~ZavloLinuxRunLoop() = default;
 // the loop, which its owner may destroy as soon as that work has run.
 void ZavloLinuxRunLoop::post(Work work) {
   std::lock_guard lock(mutex_);
-  ready_.push_back(std::move(work));
+  ready_.push_back({std::chrono::steady_clock::now(), std::move(work)});
   wake_.notify_one();
 }
 
@@ -109,14 +109,16 @@ bool ZavloLinuxRunLoop::next(Work& work, std::chrono::steady_clock::time_point d
       return false;
     }
     const auto now = std::chrono::steady_clock::now();
-    // Due timers go before plain work posted after them, keeping deadline order fair.
-    while (!timers_.empty() && timers_.top().deadline <= now) {
+    // Due timers go before plain work posted after their deadline, and after work posted
+    // before it: a slow item must not let a timer overtake work that was already waiting.
+    while (!timers_.empty() && timers_.top().deadline <= now &&
+           (ready_.empty() || timers_.top().deadline < ready_.front().postedAt)) {
       auto timer = timers_.top().timer;
       timers_.pop();
       if ((work = timer->take())) return true;
     }
     if (!ready_.empty()) {
-      work = std::move(ready_.front());
+      work = std::move(ready_.front().work);
       ready_.pop_front();
       return true;
     }

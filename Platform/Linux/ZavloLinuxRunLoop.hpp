@@ -61,7 +61,11 @@ class ZavloLinuxRunLoop final : public ZavloQueue {
 
   mutable std::mutex mutex_;
   std::condition_variable wake_;
-  std::deque<Work> ready_;
+  struct Ready {
+    std::chrono::steady_clock::time_point postedAt;
+    Work work;
+  };
+  std::deque<Ready> ready_;
   std::priority_queue<Scheduled, std::vector<Scheduled>, std::greater<>> timers_;
   std::uint64_t sequence_ = 0;
   bool stopRequested_ = false;
