@@ -47,3 +47,18 @@ std::vector<std::string> ZavloConfigValues::stringListValue(const nlohmann::json
   }
   return list;
 }
+
+std::optional<nlohmann::json> ZavloConfigValues::parseObject(std::string_view text) {
+  bool tooDeep = false;
+  // The parser itself keeps its own stack; only later readers recurse. Values past the
+  // limit are dropped as they are parsed, so a hostile text costs no more than its size.
+  auto parsed = nlohmann::json::parse(
+      text,
+      [&tooDeep](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
+        if (depth > kMaxDepth) tooDeep = true;
+        return !tooDeep;
+      },
+      /*allow_exceptions=*/false);
+  if (tooDeep || !parsed.is_object()) return std::nullopt;
+  return parsed;
+}

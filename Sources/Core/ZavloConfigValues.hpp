@@ -24,4 +24,9 @@ class ZavloConfigValues {
   /// order; a string gives itself (trimmed, never split) when not empty; anything else,
   /// or a missing key, the empty list.
   static std::vector<std::string> stringListValue(const nlohmann::json& config, std::string_view key);
+
+  /// JSON text that holds an object, parsed; absent for anything else, and for values
+  /// nested deeper than kMaxDepth, which reading them as text would walk recursively.
+  static std::optional<nlohmann::json> parseObject(std::string_view text);
+  static constexpr int kMaxDepth = 256;
 };

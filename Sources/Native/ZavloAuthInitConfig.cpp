@@ -1,6 +1,7 @@
 #include "Native/ZavloAuthInitConfig.hpp"
 
 #include "Core/ZavloAuthValidationUtils.hpp"
+#include "Core/ZavloConfigValues.hpp"
 
 ZavloAuthInitConfig::ZavloAuthInitConfig(std::optional<std::string> requestId, nlohmann::json configData)
     : requestId_(std::move(requestId)), configData_(std::move(configData)) {}
@@ -16,9 +17,9 @@ std::shared_ptr<ZavloAuthInitConfig> ZavloAuthInitConfig::from(const nlohmann::j
 
 std::shared_ptr<ZavloAuthInitConfig> ZavloAuthInitConfig::fromJsonString(std::string_view text) {
   // The parser rejects text that is not valid UTF-8, like a failed text-to-bytes step.
-  auto parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!parsed.is_object()) return nullptr;
-  return from(parsed);
+  const auto parsed = ZavloConfigValues::parseObject(text);
+  if (!parsed) return nullptr;
+  return from(*parsed);
 }
 
 std::optional<std::string> ZavloAuthInitConfig::entityId() const {

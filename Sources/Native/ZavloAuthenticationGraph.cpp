@@ -15,6 +15,7 @@ ZavloAuthenticationGraph::ZavloAuthenticationGraph(ZavloPlatform& platform)
       requestManager(ZavloAuthRequestManager::create(platform, logManager, pathChecker)),
       repository(std::make_shared<ZavloAuthenticationRepository>(requestManager)),
       deviceBindingManager(ZavloDeviceBindingManager::create(platform, logManager)),
-      nativeWrapper(repository, logManager, deviceBindingManager) {}
+      nativeWrapper(repository, logManager, deviceBindingManager),
+      webWrapper({platform.mainQueue(), repository, nativeWrapper}, logManager) {}
 
 ZavloAuthenticationGraph::~ZavloAuthenticationGraph() = default;

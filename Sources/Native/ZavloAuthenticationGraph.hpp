@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Native/ZavloAuthenticationRepository.hpp"
 
@@ -44,4 +45,5 @@ class ZavloAuthenticationGraph {
   const std::shared_ptr<ZavloAuthenticationRepository> repository;
   const std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager;
   ZavloAuthenticationNativeWrapper nativeWrapper;
+  ZavloAuthenticationWrapper webWrapper;
 };

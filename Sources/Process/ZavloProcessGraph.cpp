@@ -35,6 +35,8 @@ ZavloAuthenticationNativeWrapper& ZavloAuthenticationNativeWrapper::shared() {
   return ZavloAuthenticationGraph::shared().nativeWrapper;
 }
 
+ZavloAuthenticationWrapper& ZavloAuthenticationWrapper::shared() { return ZavloAuthenticationGraph::shared().webWrapper; }
+
 nlohmann::json ZavloAuthEventLog::createDeviceMetadata() {
   return createDeviceMetadata(ZavloAuthenticationGraph::shared().platform().deviceInfo());
 }

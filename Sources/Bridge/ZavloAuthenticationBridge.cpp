@@ -1,0 +1,176 @@
+#include "Bridge/ZavloAuthenticationBridge.hpp"
+
+#include "Bridge/ZavloAuthJavaScriptUtils.hpp"
+#include "Core/ZavloAuthException.hpp"
+#include "Core/ZavloAuthResponseUtils.hpp"
+#include "Core/ZavloConfigValues.hpp"
+#include "Native/ZavloAuthenticationNativeWrapper.hpp"
+#include "Native/ZavloAuthenticationRepository.hpp"
+#include "Platform/ZavloQueue.hpp"
+
+namespace {
+
+constexpr const char* kInvalidConfigurationCode = "INVALID_JSON_CONFIGURATION";
+constexpr const char* kInvalidConfigurationMessage = "Invalid JSON configuration for Zavlo Authentication SDK.";
+
+nlohmann::json dictionaryOf(const ZavloAuthException& exception) {
+  return ZavloAuthResponseUtils::jsonObject(exception).value_or(nlohmann::json::object());
+}
+
+template <class Record>
+nlohmann::json dictionaryOf(const ZavloResult<Record>& result) {
+  if (!result) return dictionaryOf(result.error());
+  return ZavloAuthResponseUtils::jsonObject(result.value()).value_or(nlohmann::json::object());
+}
+
+// The native entry points already hand records over as dictionaries.
+nlohmann::json dictionaryOf(const ZavloResult<nlohmann::json>& result) {
+  return result ? result.value() : dictionaryOf(result.error());
+}
+
+// A completion that answers the callback through the bridge, if the bridge still exists.
+template <class Result>
+std::function<void(Result)> answering(const std::shared_ptr<ZavloAuthenticationBridge>& bridge,
+                                      std::string callbackName) {
+  return [weakBridge = std::weak_ptr(bridge), callbackName = std::move(callbackName)](Result result) {
+    if (auto bridge = weakBridge.lock()) bridge->invokeJsonStringCallback(callbackName, dictionaryOf(result));
+  };
+}
+
+const std::string* stringAt(const nlohmann::json& body, const char* key) {
+  const auto found = body.find(key);
+  return found != body.end() && found->is_string() ? found->get_ptr<const std::string*>() : nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<ZavloAuthenticationBridge> ZavloAuthenticationBridge::create(std::weak_ptr<ZavloWebView> webView,
+                                                                             std::weak_ptr<void> viewController,
+                                                                             Services services) {
+  return std::shared_ptr<ZavloAuthenticationBridge>(
+      new ZavloAuthenticationBridge(std::move(webView), std::move(viewController), std::move(services)));
+}
+
+ZavloAuthenticationBridge::ZavloAuthenticationBridge(std::weak_ptr<ZavloWebView> webView,
+                                                     std::weak_ptr<void> viewController, Services services)
+    : webView_(std::move(webView)), viewController_(std::move(viewController)), services_(std::move(services)) {}
+
+void ZavloAuthenticationBridge::didReceiveScriptMessage(const nlohmann::json& body) {
+  if (!body.is_object()) return;
+  const auto* method = stringAt(body, "method");
+  const auto* callback = stringAt(body, "callback");
+  if (!method || !callback) return;
+
+  if (*method == "initAuth" || *method == "initSNA") {
+    handleInitAuth(body, *callback);
+  } else if (*method == "startAuth" || *method == "startSNA") {
+    handleStartAuth(body, *callback);
+  } else if (*method == "getDeviceBindingState") {
+    handleGetDeviceBindingState(body, *callback);
+  } else if (*method == "enrollDeviceBinding") {
+    handleEnrollDeviceBinding(body, *callback);
+  } else if (*method == "signDeviceBindingChallenge") {
+    handleSignDeviceBindingChallenge(body, *callback);
+  } else if (*method == "getCapabilities") {
+    invokeJsonStringCallback(*callback, ZavloAuthResponseUtils::capabilitiesDictionary());
+  } else {
+    answerFailure(*callback, "UNSUPPORTED_METHOD", "Unsupported method: " + *method);
+  }
+}
+
+void ZavloAuthenticationBridge::cleanup() {
+  if (auto webView = webView_.lock()) webView->removeScriptMessageHandler(std::string(kHandlerName));
+  initConfig_.reset();
+}
+
+void ZavloAuthenticationBridge::invokeJsonStringCallback(const std::string& name, const nlohmann::json& jsonObject) {
+  auto script = ZavloAuthJavaScriptUtils::javaScriptCallbackWithJsonStringArgument(name, jsonObject);
+  if (!script) return;
+  services_.mainQueue.post([weakSelf = weak_from_this(), script = std::move(*script)] {
+    const auto self = weakSelf.lock();
+    if (!self) return;
+    if (const auto webView = self->webView_.lock()) webView->evaluateJavaScript(script);
+  });
+}
+
+void ZavloAuthenticationBridge::handleInitAuth(const nlohmann::json& body, const std::string& callbackName) {
+  const auto* text = stringAt(body, "initConfig");
+  auto config = text ? ZavloAuthInitConfig::fromJsonString(*text) : nullptr;
+  if (!config) {
+    answerFailure(callbackName, kInvalidConfigurationCode, kInvalidConfigurationMessage);
+    return;
+  }
+  // Kept even when the start below cannot run.
+  initConfig_ = config;
+  auto viewController = viewController_.lock();
+  if (!viewController) {
+    answerFailure(callbackName, "NO_VIEW_CONTROLLER", "ViewController is required but not provided");
+    return;
+  }
+  services_.mainQueue.post(
+      [requestManager = services_.repository->requestManager, requestId = config->requestId(),
+       viewController = std::move(viewController),
+       completion = answering<ZavloResult<ZavloAuthInitSuccessResponse>>(shared_from_this(), callbackName)]() mutable {
+        requestManager->initialize(std::move(requestId), std::move(viewController), std::move(completion));
+      });
+}
+
+void ZavloAuthenticationBridge::handleStartAuth(const nlohmann::json& body, const std::string& callbackName) {
+  const std::string* url = nullptr;
+  for (const char* key : {"snaUri", "snaURL", "snaLink"}) {
+    if ((url = stringAt(body, key))) break;
+  }
+  if (!url) {
+    answerFailure(callbackName, "INVALID_SNA_URI", "Invalid SNA URI provided");
+    return;
+  }
+  services_.repository->requestManager->startSilentNetworkAuth(
+      *url, answering<ZavloResult<ZavloSnaStartResponse>>(shared_from_this(), callbackName));
+}
+
+void ZavloAuthenticationBridge::handleGetDeviceBindingState(const nlohmann::json& body,
+                                                            const std::string& callbackName) {
+  if (auto config = deviceBindingConfig(body, callbackName)) {
+    services_.nativeWrapper.getDeviceBindingState(
+        *config, answering<ZavloResult<nlohmann::json>>(shared_from_this(), callbackName));
+  }
+}
+
+void ZavloAuthenticationBridge::handleEnrollDeviceBinding(const nlohmann::json& body, const std::string& callbackName) {
+  if (auto config = deviceBindingConfig(body, callbackName)) {
+    services_.nativeWrapper.enrollDeviceBinding(
+        *config, answering<ZavloResult<nlohmann::json>>(shared_from_this(), callbackName));
+  }
+}
+
+void ZavloAuthenticationBridge::handleSignDeviceBindingChallenge(const nlohmann::json& body,
+                                                                 const std::string& callbackName) {
+  if (auto config = deviceBindingConfig(body, callbackName)) {
+    services_.nativeWrapper.signDeviceBindingChallenge(
+        *config, answering<ZavloResult<nlohmann::json>>(shared_from_this(), callbackName));
+  }
+}
+
+std::optional<nlohmann::json> ZavloAuthenticationBridge::deviceBindingConfig(const nlohmann::json& body,
+                                                                             const std::string& callbackName) {
+  const auto found = body.find("config");
+  if (found != body.end()) {
+    if (found->is_object()) return *found;
+    if (found->is_string()) {
+      if (auto parsed = ZavloConfigValues::parseObject(found->get_ref<const std::string&>())) return parsed;
+    }
+  }
+  answerFailure(callbackName, kInvalidConfigurationCode, kInvalidConfigurationMessage);
+  return std::nullopt;
+}
+
+std::vector<std::string> ZavloAuthenticationBridge::stringListValue(const nlohmann::json& dictionary,
+                                                                    std::string_view key) {
+  return ZavloConfigValues::stringListValue(dictionary, key);
+}
+
+void ZavloAuthenticationBridge::answerFailure(const std::string& callbackName, std::string errorCode,
+                                              std::string errorMessage) {
+  invokeJsonStringCallback(callbackName,
+                           dictionaryOf(ZavloAuthException::failure(std::move(errorCode), std::move(errorMessage))));
+}

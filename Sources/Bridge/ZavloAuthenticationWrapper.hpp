@@ -1,0 +1,41 @@
+#pragma once
+
+#include <memory>
+
+#include "Bridge/ZavloAuthenticationBridge.hpp"
+#include "Core/ZavloAuthEnvironment.hpp"
+#include "Platform/ZavloWebView.hpp"
+
+class ZavloAuthLogManager;
+
+/// The entry class for web hosts: installs the bridge in the host's web view, so that the
+/// page reaches every operation by posting to "zavlo_authentication_bridge".
+///
+/// Threading: call every method on the main queue (the web view's thread).
+class ZavloAuthenticationWrapper {
+ public:
+  ZavloAuthenticationWrapper(ZavloAuthenticationBridge::Services services,
+                             std::shared_ptr<ZavloAuthLogManager> logManager);
+  ZavloAuthenticationWrapper(const ZavloAuthenticationWrapper&) = delete;
+  ZavloAuthenticationWrapper& operator=(const ZavloAuthenticationWrapper&) = delete;
+
+  /// The process-wide instance: the process-wide graph's (ZavloAuthenticationGraph).
+  static ZavloAuthenticationWrapper& shared();
+
+  /// Removes any bridge installed before, turns telemetry on for the environment's
+  /// tracking endpoint, and installs a new bridge in webView. The wrapper and the web view
+  /// hold the bridge; the bridge holds the web view and the screen weakly.
+  void setupWebView(const std::shared_ptr<ZavloWebView>& webView, std::weak_ptr<void> viewController,
+                    ZavloAuthEnvironment environment);
+  /// Removes the bridge only.
+  void cleanup();
+  /// Removes the bridge, clears the session and shuts telemetry down, synchronously.
+  void cleanupAll();
+
+  [[nodiscard]] std::shared_ptr<ZavloAuthenticationBridge> bridge() const { return bridge_; }
+
+ private:
+  ZavloAuthenticationBridge::Services services_;
+  std::shared_ptr<ZavloAuthLogManager> logManager_;
+  std::shared_ptr<ZavloAuthenticationBridge> bridge_;
+};
