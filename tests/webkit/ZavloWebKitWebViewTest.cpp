@@ -13,6 +13,7 @@
 #include "Platform/Linux/WebKitGtk/ZavloWebKitWebView.hpp"
 #include "ZavloGLibIteration.hpp"
 #include "ZavloGtkDisplay.hpp"
+#include "ZavloWebKitTestWindow.hpp"
 
 using nlohmann::json;
 using namespace std::chrono_literals;
@@ -22,10 +23,7 @@ namespace {
 // A safety net only: each wait ends as soon as the message it waits for arrives.
 constexpr auto kPageBound = 60s;
 
-struct Recorder final : ZavloScriptMessageHandler {
-  std::vector<json> bodies;
-  void didReceiveScriptMessage(const json& body) override { bodies.push_back(body); }
-};
+using Recorder = ZavloRecordingHandler;
 
 // A page whose script posts "ready" to the control handler once it has run.
 std::string page(const std::string& script) {
@@ -38,22 +36,19 @@ class ZavloWebKitWebViewTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ZAVLO_REQUIRE_GTK();
-    window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    view_ = WEBKIT_WEB_VIEW(webkit_web_view_new());
-    gtk_container_add(GTK_CONTAINER(window_), GTK_WIDGET(view_));
-    gtk_widget_show_all(window_);
-    webView_ = std::make_shared<ZavloWebKitWebView>(view_);
+    window_ = std::make_unique<ZavloWebKitTestWindow>();
+    webView_ = std::make_shared<ZavloWebKitWebView>(window_->view());
     webView_->addScriptMessageHandler(control_, "control");
   }
 
   void TearDown() override {
     webView_.reset();
-    if (window_ != nullptr) gtk_widget_destroy(window_);
+    window_.reset();
   }
 
   // Loads the page (no network: everything is in the text) and waits for its "ready".
   bool load(const std::string& script) {
-    webkit_web_view_load_html(view_, page(script).c_str(), "https://zavlo.test/");
+    window_->load(page(script));
     return waitForControl("ready");
   }
 
@@ -62,14 +57,7 @@ class ZavloWebKitWebViewTest : public ::testing::Test {
         nullptr, [&] { return !control_->bodies.empty() && control_->bodies.back() == body; }, kPageBound);
   }
 
-  void destroyWindow() {
-    gtk_widget_destroy(window_);
-    window_ = nullptr;
-    view_ = nullptr;
-  }
-
-  GtkWidget* window_ = nullptr;
-  WebKitWebView* view_ = nullptr;
+  std::unique_ptr<ZavloWebKitTestWindow> window_;
   std::shared_ptr<Recorder> control_ = std::make_shared<Recorder>();
   std::shared_ptr<ZavloWebKitWebView> webView_;
 };
@@ -157,7 +145,7 @@ TEST_F(ZavloWebKitWebViewTest, ADestroyedWidgetIsHarmlessAndTheServiceMayGoFirst
   webView_.reset();
   EXPECT_TRUE(probeWatch.expired());
   auto control = std::make_shared<Recorder>();
-  webView_ = std::make_shared<ZavloWebKitWebView>(view_);
+  webView_ = std::make_shared<ZavloWebKitWebView>(window_->view());
   webView_->addScriptMessageHandler(control, "control");
   webView_->evaluateJavaScript("post('control', 'new service');");
   ASSERT_TRUE(zavloIterateUntil(
@@ -166,7 +154,7 @@ TEST_F(ZavloWebKitWebViewTest, ADestroyedWidgetIsHarmlessAndTheServiceMayGoFirst
 
   // The widget goes first: every operation is then a no-op, and destruction still
   // releases the handlers.
-  destroyWindow();
+  window_->destroy();
   EXPECT_EQ(webView_->webView(), nullptr);
   std::weak_ptr<Recorder> controlWatch = control;
   control.reset();
