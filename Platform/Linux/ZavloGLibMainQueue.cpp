@@ -151,7 +151,9 @@ ZavloGLibMainQueue::~ZavloGLibMainQueue() {
   g_source_destroy(source_);
   g_source_unref(source_);  // the state goes with the source, now or after a running dispatch
   g_main_context_unref(context_);
-  // The dropped work's captures are released here, outside every lock.
+  // The dropped work's captures are released here, outside every lock, timers' too even
+  // when their owners keep the timer objects.
+  for (; !droppedTimers.empty(); droppedTimers.pop()) droppedTimers.top().timer->cancel();
 }
 
 void ZavloGLibMainQueue::post(Work work) {

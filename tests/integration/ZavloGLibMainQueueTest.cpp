@@ -100,10 +100,11 @@ TEST(ZavloGLibMainQueue, DestructionDropsWaitingWorkEvenFromInsideItsOwnWork) {
   ZavloGLibContext context;
   auto capture = std::make_shared<int>(0);
   std::weak_ptr<int> watched = capture;
+  std::shared_ptr<ZavloTimer> keptTimer;
   {
     ZavloGLibMainQueue queue(context.get());
     queue.post([capture] { ++*capture; });
-    queue.postAfter(0ms, [capture] { ++*capture; });
+    keptTimer = queue.postAfter(0ms, [capture] { ++*capture; });
   }
   capture.reset();
   EXPECT_TRUE(watched.expired());
