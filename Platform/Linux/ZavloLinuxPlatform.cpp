@@ -13,7 +13,8 @@
 #include <filesystem>
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
-    : deviceInfo_(std::move(options.hostApplicationVersion)),
+    : mainQueue_(std::move(options.mainQueue)),
+      deviceInfo_(std::move(options.hostApplicationVersion)),
       classifier_(std::move(options.cellularInterfaces)),
       trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
       keychainPath_(options.keychainPath.value_or(defaultKeychainPath())),

@@ -14,7 +14,9 @@
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
-/// The Linux platform, made of real parts. The host runs runLoop() on its main thread.
+/// The Linux platform, made of real parts. The host runs runLoop() on its main thread,
+/// unless it gives a main queue of its own (Options::mainQueue), such as a
+/// ZavloGLibMainQueue on the context its GTK main loop runs.
 class ZavloLinuxPlatform final : public ZavloPlatform {
  public:
   struct Options {
@@ -33,12 +35,15 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     ZavloLinuxKeychain::Options keychain = {};
     /// How the device owner is authenticated: PAM by default.
     ZavloLinuxOwnerAuthentication::Options ownerAuthentication = {};
+    /// The main queue: every completion, connection event, timer and prompt reply of the
+    /// library is delivered there. Absent: runLoop(), which the host then runs.
+    std::shared_ptr<ZavloQueue> mainQueue = {};
   };
 
   ZavloLinuxPlatform() : ZavloLinuxPlatform(Options{}) {}
   explicit ZavloLinuxPlatform(Options options);
 
-  ZavloQueue& mainQueue() override { return runLoop_; }
+  ZavloQueue& mainQueue() override { return mainQueue_ ? *mainQueue_ : runLoop_; }
   std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override;
   const ZavloDeviceInfo& deviceInfo() override { return deviceInfo_; }
   std::shared_ptr<ZavloPathMonitor> makePathMonitor() override;
@@ -56,12 +61,14 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   /// The default key store path for this user (see Options::keychainPath).
   static std::string defaultKeychainPath();
 
-  /// The main run loop, for the host to run.
+  /// The run loop, for the host to run when it gave no main queue of its own (otherwise
+  /// nothing is ever posted to it).
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
   const ZavloLinuxInterfaceClassifier& interfaceClassifier() const { return classifier_; }
 
  private:
   ZavloLinuxRunLoop runLoop_;
+  std::shared_ptr<ZavloQueue> mainQueue_;
   ZavloLinuxDeviceInfo deviceInfo_;
   ZavloLinuxInterfaceClassifier classifier_;
   std::vector<std::string> trustAnchors_;

@@ -1,5 +1,5 @@
-// The queue contract, run on the test platform and on the Linux run loop and serial
-// queue, so that the double cannot drift from the real thing.
+// The queue contract, run on the test platform, the Linux run loop and serial queue and
+// the GLib main queue, so that the double cannot drift from the real things.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,9 +9,11 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/Linux/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
+#include "ZavloGLibIteration.hpp"
 
 using namespace std::chrono_literals;
 
@@ -45,13 +47,23 @@ struct LinuxSerialQueueDriver {
   }
 };
 
+// A private context, iterated by the test's thread as a GTK host's main loop would.
+struct GLibMainQueueDriver {
+  ZavloGLibContext context;
+  ZavloGLibMainQueue glib{context.get()};
+  ZavloQueue& queue() { return glib; }
+  bool drain(const std::function<bool()>& done, ZavloQueue::Duration span) {
+    return zavloIterateUntil(context.get(), done, span + 5s);
+  }
+};
+
 template <class Driver>
 class ZavloQueueContract : public ::testing::Test {
  protected:
   Driver driver;
 };
 
-using Drivers = ::testing::Types<TestDriver, LinuxRunLoopDriver, LinuxSerialQueueDriver>;
+using Drivers = ::testing::Types<TestDriver, LinuxRunLoopDriver, LinuxSerialQueueDriver, GLibMainQueueDriver>;
 TYPED_TEST_SUITE(ZavloQueueContract, Drivers);
 
 TYPED_TEST(ZavloQueueContract, RunsWorkInOrderOnTheQueueAndTimersByDeadline) {

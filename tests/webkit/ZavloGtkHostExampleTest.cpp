@@ -1,0 +1,60 @@
+// The example GTK host, run as a user would on a headless machine: every method through
+// its page, a picture of the answers, and an exit status that says whether all answered.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "Testing/Network/ZavloProcess.hpp"
+#include "ZavloGtkDisplay.hpp"
+#include "ZavloTemporaryDirectory.hpp"
+
+#if defined(ZAVLO_GTK_HOST_BINARY)
+
+namespace {
+
+// The answer the host printed for one method ("METHOD {json}"); empty when there is none.
+nlohmann::json answerOf(const std::string& output, const std::string& method) {
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind(method + " ", 0) != 0) continue;
+    auto answer = nlohmann::json::parse(line.substr(method.size() + 1), nullptr, false);
+    if (answer.is_object()) return answer;
+  }
+  return nlohmann::json::object();
+}
+
+}  // namespace
+
+TEST(ZavloGtkHostExample, ASnapshotRunAnswersEveryMethodAndSavesAPng) {
+  ZAVLO_REQUIRE_GTK();  // the host inherits the display
+  ZavloTemporaryDirectory keys;
+  const auto picture = std::filesystem::path(ZAVLO_WEBKIT_TEST_OUTPUT) / "zavlo-gtk-host-snapshot.png";
+  std::filesystem::remove(picture);
+
+  const auto run =
+      zavloRunProcess({ZAVLO_GTK_HOST_BINARY, "--snapshot", picture.string(), "--timeout", "60", "--owner-auth",
+                       "allow", "--keystore", (keys.path() / "keychain.db").string(), "--environment", "development"});
+  EXPECT_EQ(run.exitStatus, 0) << run.standardOutput << run.standardError;
+  EXPECT_NE(run.standardOutput.find("\nevery method answered\n"), std::string::npos) << run.standardOutput;
+  EXPECT_EQ(answerOf(run.standardOutput, "startAuth"),
+            (nlohmann::json{{"status", "SUCCESS"}, {"httpStatusCode", 200}, {"snaToken", "gtk-host-demo-token"}}));
+  const auto enrolled = answerOf(run.standardOutput, "enrollDeviceBinding");
+  EXPECT_EQ(enrolled.value("status", ""), "SUCCESS") << enrolled;
+  const auto signature = answerOf(run.standardOutput, "signDeviceBindingChallenge");
+  EXPECT_EQ(signature.value("status", ""), "SUCCESS") << signature;
+  EXPECT_EQ(signature.value("keyId", ""), enrolled.value("keyId", "?"));
+
+  std::ifstream file(picture, std::ios::binary);
+  ASSERT_TRUE(file) << picture << " was not written";
+  std::string magic(8, '\0');
+  file.read(magic.data(), 8);
+  EXPECT_EQ(magic, std::string("\x89PNG\r\n\x1a\n", 8));
+  EXPECT_GT(std::filesystem::file_size(picture), 1000U);
+}
+
+#endif
