@@ -1,4 +1,5 @@
 #include "Platform/Linux/ZavloGLibMainQueue.hpp"
+#include "Platform/Linux/ZavloLinuxTimerWork.hpp"
 
 #include <glib.h>
 
@@ -11,23 +12,7 @@
 #include <utility>
 #include <vector>
 
-struct ZavloGLibMainQueue::Timer final : ZavloTimer {
-  std::mutex mutex;
-  Work work;
-
-  void cancel() override {
-    Work dropped;
-    {
-      std::lock_guard lock(mutex);
-      dropped.swap(work);
-    }
-    // The captures are released here, outside the lock.
-  }
-  Work take() {
-    std::lock_guard lock(mutex);
-    return std::exchange(work, nullptr);
-  }
-};
+struct ZavloGLibMainQueue::Timer final : ZavloLinuxTimerWork {};
 
 struct ZavloGLibMainQueue::State {
   struct Scheduled {

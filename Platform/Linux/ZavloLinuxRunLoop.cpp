@@ -1,25 +1,10 @@
 #include "Platform/Linux/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/ZavloLinuxTimerWork.hpp"
 
 #include <cstdio>
 #include <utility>
 
-struct ZavloLinuxRunLoop::Timer final : ZavloTimer {
-  std::mutex mutex;
-  Work work;
-
-  void cancel() override {
-    Work dropped;
-    {
-      std::lock_guard lock(mutex);
-      dropped.swap(work);
-    }
-    // The captures are released here, outside the lock.
-  }
-  Work take() {
-    std::lock_guard lock(mutex);
-    return std::exchange(work, nullptr);
-  }
-};
+struct ZavloLinuxRunLoop::Timer final : ZavloLinuxTimerWork {};
 
 ZavloLinuxRunLoop::~ZavloLinuxRunLoop() = default;
 
