@@ -4,8 +4,8 @@
 #include "Platform/ZavloQueue.hpp"
 
 // GLib's own declarations, so that this header needs no GLib include path.
-typedef struct _GMainContext GMainContext;
-typedef struct _GSource GSource;
+typedef struct _GMainContext GMainContext;  // NOLINT(bugprone-reserved-identifier): GLib's name
+typedef struct _GSource GSource;            // NOLINT(bugprone-reserved-identifier): GLib's name
 
 /// A main queue on a GLib main context, for hosts whose main thread runs a GLib (GTK)
 /// main loop: the library's completions, connection events and timers then run on that

@@ -62,7 +62,7 @@ void ZavloLinuxStreamWebView::evaluateJavaScript(const std::string& script) {
 }
 
 void ZavloLinuxStreamWebView::readLoop() {
-  std::array<char, 64 * 1024> buffer{};
+  std::array<char, std::size_t{64} * 1024> buffer{};
   std::string line;
   bool overlong = false;
   for (;;) {

@@ -15,8 +15,6 @@
 #include <stdexcept>
 #include <utility>
 
-extern char** environ;
-
 namespace {
 
 void collectExit(pid_t pid, ZavloProcessResult& result) {
@@ -49,6 +47,7 @@ pid_t spawnWithPipes(const std::vector<std::string>& arguments, std::array<int, 
   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
   posix_spawn_file_actions_adddup2(&actions, err[1], 2);
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   pid_t pid = 0;
