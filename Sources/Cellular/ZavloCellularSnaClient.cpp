@@ -124,6 +124,7 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
   std::vector<std::uint8_t> request(command->begin(), command->end());
   hopStarted_ = std::chrono::steady_clock::now();
   connectTime_.reset();
+  requestSent_.reset();
   std::optional<std::int64_t> port;
   if (url.port()) port = *url.port();
   if (!createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::v6)) {
@@ -217,12 +218,16 @@ ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHand
 void ZavloCellularSnaClient::sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data,
                                                     const ResponseHandler& completion) {
   if (!connection_) return;
-  connection_->send(std::move(data), [completion](const std::optional<ZavloConnectionError>& error) {
-    if (error && completion) completion(ZavloNetworkError::other(error->localizedDescription));
+  std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
+  connection_->send(std::move(data), [weak, completion](const std::optional<ZavloConnectionError>& error) {
+    if (error) {
+      if (completion) completion(ZavloNetworkError::other(error->localizedDescription));
+    } else if (const auto self = weak.lock()) {
+      self->requestSent_ = std::chrono::steady_clock::now();
+    }
   });
   // One receive only: an answer longer than this, or split in pieces, is judged on what
   // this read returns.
-  std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
   connection_->receive(1, kMaximumResponseLength,
                        [weak, requestUrl, completion](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
                                                       const std::optional<ZavloConnectionError>& error) {
@@ -284,7 +289,17 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
 
 void ZavloCellularSnaClient::traceHop(const ZavloUrl& url, std::int64_t status, std::optional<std::string> redirect,
                                       std::optional<std::string> failure) const {
-  if (hopObserver) hopObserver({url.absoluteString(), connectTime_, status, std::move(redirect), std::move(failure)});
+  if (!hopObserver) return;
+  using std::chrono::microseconds;
+  HopTrace trace{url.absoluteString(), connectTime_, status,       std::move(redirect),
+                 std::move(failure),   hopStarted_,  std::nullopt, std::nullopt};
+  if (connectTime_) {
+    const auto ready = hopStarted_ + *connectTime_;
+    const auto answered = std::chrono::steady_clock::now();
+    if (requestSent_) trace.requestTime = std::chrono::duration_cast<microseconds>(*requestSent_ - ready);
+    trace.responseTime = std::chrono::duration_cast<microseconds>(answered - requestSent_.value_or(ready));
+  }
+  hopObserver(trace);
 }
 
 void ZavloCellularSnaClient::processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,

@@ -32,13 +32,19 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   static std::shared_ptr<ZavloCellularSnaClient> create(ZavloPlatform& platform, EventSink sendEvent);
 
-  /// What one hop did, for diagnostics (the command-line host's -v trace).
+  /// What one hop did and when, for diagnostics (the command-line host's -v trace, the
+  /// demo's waterfall).
   struct HopTrace {
     std::string url;
     std::optional<std::chrono::microseconds> connectTime;  ///< absent: never became ready
     std::int64_t status = 0;                               ///< 0: no HTTP status was read
     std::optional<std::string> redirect;                   ///< the next hop's URL
     std::optional<std::string> failure;                    ///< why the hop failed, if it did
+    std::chrono::steady_clock::time_point started{};       ///< when the hop's connection was made
+    /// From ready until the connection reported the request sent; absent when it did not.
+    std::optional<std::chrono::microseconds> requestTime;
+    /// From then (or from ready, if the send was never reported) until the answer was read.
+    std::optional<std::chrono::microseconds> responseTime;
   };
   using HopObserver = std::function<void(const HopTrace&)>;
 
@@ -103,4 +109,5 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   bool finished_ = false;  // the completion has been called; main queue only
   std::chrono::steady_clock::time_point hopStarted_;
   std::optional<std::chrono::microseconds> connectTime_;
+  std::optional<std::chrono::steady_clock::time_point> requestSent_;
 };

@@ -159,10 +159,12 @@ struct ZavloChainServer::State {
     const auto rest = number.substr(digitsEnd);
 
     if (remaining == 0) {
-      return response("200 OK", "", "application/json", nlohmann::json{{"snaToken", options.token}}.dump());
+      const auto token = options.freshToken ? options.freshToken() : options.token;
+      return response("200 OK", "", "application/json", nlohmann::json{{"snaToken", token}}.dump());
     }
     std::string location;
-    if (options.absoluteLocation) location = scheme + "://" + host + ":" + std::to_string(port);
+    const bool absolute = options.mixedLocations ? remaining % 2 == 1 : options.absoluteLocation;
+    if (absolute) location = scheme + "://" + host + ":" + std::to_string(port);
     location += std::string(kPrefix) + std::to_string(remaining - 1);
     location += rest;
     location += query;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -21,6 +22,9 @@ struct ZavloChainServerOptions {
   std::string bindAddress = "127.0.0.1";  ///< a numeric IPv4 or IPv6 address
   std::uint16_t port = 0;                 ///< 0 picks an ephemeral port
   bool absoluteLocation = false;          ///< "http(s)://host:port/chain/..." instead of "/chain/..."
+  /// Absolute Locations from odd-numbered hops, relative ones from even-numbered hops
+  /// (overrides absoluteLocation), so that one chain exercises both kinds.
+  bool mixedLocations = false;
   /// Host written into absolute Locations and into chainUrl(). Empty: "localhost" for TLS on
   /// 127.0.0.1 (the certificate's name), otherwise the bind address (IPv6 in brackets).
   std::string locationHost;
@@ -28,6 +32,9 @@ struct ZavloChainServerOptions {
   /// server; clients trust trustAnchorPem().
   bool tls = false;
   std::string token = "zavlo-chain-token";
+  /// When set, each final answer carries what this returns instead of token. Called on the
+  /// server's thread.
+  std::function<std::string()> freshToken;
   std::size_t maxConnections = 4096;  ///< connections beyond this are closed at once
   std::size_t recordedRequests = 64;  ///< how many of the latest request texts recentRequests() keeps
 };

@@ -16,7 +16,7 @@
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
-#include "ZavloTemporaryDirectory.hpp"
+#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
-#include "ZavloTemporaryDirectory.hpp"
+#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 using nlohmann::json;
 

@@ -16,7 +16,7 @@
 
 #include "Bridge/ZavloAuthJavaScriptUtils.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
-#include "ZavloTemporaryDirectory.hpp"
+#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 using nlohmann::json;
 

@@ -6,7 +6,7 @@
 #include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
-#include "ZavloTemporaryDirectory.hpp"
+#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 /// A fresh Linux key store for one contract test: an SQLite keychain in a private
 /// temporary directory and the OpenSSL keys over it (test support). Every key-store

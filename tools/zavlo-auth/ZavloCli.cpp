@@ -67,7 +67,8 @@ ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
     auto made = std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions));
     ZavloCliTracingPlatform::Trace trace;
     if (options.verbose) trace = [](const std::string& line) { std::cerr << line << '\n' << std::flush; };
-    auto traced = std::make_shared<ZavloCliTracingPlatform>(*made, std::move(trace), ownerNotice(options.ownerAuth));
+    auto traced = std::make_shared<ZavloCliTracingPlatform>(
+        *made, std::move(trace), options.ownerNotice.value_or(ownerNotice(options.ownerAuth)));
     if (!ZavloPlatform::install(traced)) {
       std::cerr << "zavlo-auth: the process-wide platform was in use before the options were applied\n";
     }

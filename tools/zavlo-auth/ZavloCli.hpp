@@ -22,6 +22,9 @@ struct ZavloCliOptions {
   std::optional<std::string> keystore;
   std::optional<std::string> keychain;
   std::string ownerAuth = "pam";
+  /// What standard error says before the first owner prompt; absent: what ownerAuth implies.
+  /// Set by commands that choose the owner authentication themselves.
+  std::optional<std::string> ownerNotice;
   bool verbose = false;
 };
 
@@ -75,3 +78,4 @@ void addInterfacesCommand(CLI::App& app, ZavloCliContext& context);
 void addSessionCommands(CLI::App& app, ZavloCliContext& context);
 void addBindingCommands(CLI::App& app, ZavloCliContext& context);
 void addBridgeCommand(CLI::App& app, ZavloCliContext& context);
+void addDemoCommand(CLI::App& app, ZavloCliContext& context);

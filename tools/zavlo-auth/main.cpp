@@ -30,7 +30,8 @@ int main(int argc, char** argv) {
   addGlobalOptions(app, context.options);
 
   const ZavloCliCommand commands[] = {
-      addCapabilitiesCommand, addInterfacesCommand, addSessionCommands, addBindingCommands, addBridgeCommand,
+      addCapabilitiesCommand, addInterfacesCommand, addSessionCommands,
+      addBindingCommands,     addBridgeCommand,     addDemoCommand,
   };
   for (const auto& add : commands) add(app, context);
   // Runs before any command: conflicting key store options are a usage error.

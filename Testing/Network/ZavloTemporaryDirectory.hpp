@@ -8,7 +8,7 @@
 #include <system_error>
 
 /// A fresh private directory (mode 0700, from mkdtemp), removed with everything in it at
-/// the end of the scope (test support).
+/// the end of the scope (tests, benchmarks, the demo).
 class ZavloTemporaryDirectory {
  public:
   ZavloTemporaryDirectory() {
