@@ -11,8 +11,9 @@
 /// the end of the scope (tests, benchmarks, the demo).
 class ZavloTemporaryDirectory {
  public:
-  ZavloTemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zavlo-test-XXXXXX").string();
+  /// The folder's name is prefix, a dash and six random characters.
+  explicit ZavloTemporaryDirectory(const std::string& prefix = "zavlo-test") {
+    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
     path_ = pattern;
   }

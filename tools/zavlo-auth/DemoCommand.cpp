@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <variant>
@@ -199,7 +200,7 @@ class Demo {
     };
     ZavloChainServer operatorServer(operatorOptions);
     ZavloHttpTestServer collector;
-    ZavloTemporaryDirectory keyStore;  // removed at the end, with the keys
+    ZavloTemporaryDirectory keyStore("zavlo-demo");  // removed at the end, with the keys
 
     configure(keyStore.path() / "keychain.db", collector.url("/events"));
     report_.setting = {
@@ -503,6 +504,11 @@ void addDemoCommand(CLI::App& app, ZavloCliContext& context) {
          {"--keystore", "--keychain", "--telemetry-endpoint", "--cellular-interface", "--owner-auth"}) {
       if (app.get_option(name)->count() > 0) ignored.emplace_back(name);
     }
-    Demo(context, *html, std::move(ignored)).run();
+    try {
+      Demo(context, *html, std::move(ignored)).run();
+    } catch (const std::exception& error) {  // no loopback port, no temporary folder, no pipe
+      std::cerr << "zavlo-auth demo: could not start: " << error.what() << '\n';
+      context.exitStatus = 1;
+    }
   });
 }
