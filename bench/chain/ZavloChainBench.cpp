@@ -1,9 +1,14 @@
 // Per-hop cost of a redirect chain of fresh connections ("Connection: close", one read per hop):
-// the floor (raw sockets, raw OpenSSL), curl, and the library's chain once it is wired in;
-// on loopback, and over a link with 25 ms of delay each way between two network namespaces.
+// the floor (raw sockets, raw OpenSSL), libcurl's easy API, the curl tool, and the library's
+// chain once it is wired in; on loopback, and over a link with 25 ms of delay each way between
+// two network namespaces.
 //
 // A chain of N hops is N requests: N - 1 redirects, then the 200 with the token. per_hop is the
 // wall time of a chain divided by N.
+//
+// Names are WHO/WHAT/hops:N, WHO being library, sockets or openssl(-resumed) (the floor),
+// libcurl or curl; scripts/bench compares library/WHAT/hops:N with every other WHO of the same
+// WHAT and hops.
 
 #include <benchmark/benchmark.h>
 #include <signal.h>
@@ -22,6 +27,7 @@
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloDelayRelay.hpp"
 #include "ZavloChainFloor.hpp"
+#include "ZavloLibcurlChain.hpp"
 #include "ZavloLibraryChain.hpp"
 
 namespace {
@@ -91,6 +97,19 @@ void curlChain(benchmark::State& state, ZavloChainServer& server, const std::str
   runChains(state, server, hops, [&] { return zavloRunCurlChain(gSetup->curl, url, caFile, server.token()); });
 }
 
+void libcurlChain(benchmark::State& state, ZavloChainServer& server, const std::string& caFile) {
+  const auto hops = static_cast<unsigned>(state.range(0));
+  const auto url = server.chainUrl(hops);
+  std::optional<ZavloLibcurlChainClient> client;
+  try {
+    client.emplace(caFile);
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+    return;
+  }
+  runChains(state, server, hops, [&] { return client->runChain(url, hops, server.token()); });
+}
+
 void libraryChain(benchmark::State& state, ZavloChainServer& server, ZavloLibraryChainContext context) {
   context.expectedToken = server.token();
   const auto runner = zavloMakeLibraryChainRunner(context);
@@ -119,7 +138,8 @@ void delayedChain(benchmark::State& state, Chain&& chain) {
   chain(state);
   const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - started;
   if (state.error_occurred() || state.iterations() == 0) return;
-  const double perHop = elapsed.count() / (static_cast<double>(state.iterations()) * state.range(0));
+  const double perHop =
+      elapsed.count() / (static_cast<double>(state.iterations()) * static_cast<double>(state.range(0)));
   const double floor = 4.0 * std::chrono::duration<double, std::milli>(link.oneWayDelay()).count();
   state.counters["per_hop_ms"] = perHop;
   state.counters["floor_ms"] = floor;
@@ -131,11 +151,12 @@ void registerLoopback(Setup& setup) {
     b->ArgName("hops")->UseRealTime()->Unit(benchmark::kMicrosecond);
     for (const int n : kHops) b->Arg(n);
   };
-  benchmark::RegisterBenchmark("floor/http/relative", [&](benchmark::State& s) {
+  // http: relative Locations; http-absolute: "http://127.0.0.1:PORT/..." Locations.
+  benchmark::RegisterBenchmark("sockets/http", [&](benchmark::State& s) {
     floorChain(s, *setup.relative, {});
   })->Apply(hops);
-  benchmark::RegisterBenchmark("floor/http/absolute", [&](benchmark::State& s) {
-    floorChain(s, *setup.absolute, {});
+  benchmark::RegisterBenchmark("libcurl/http", [&](benchmark::State& s) {
+    libcurlChain(s, *setup.relative, "");
   })->Apply(hops);
   benchmark::RegisterBenchmark("curl/http", [&](benchmark::State& s) {
     curlChain(s, *setup.relative, "");
@@ -143,13 +164,23 @@ void registerLoopback(Setup& setup) {
   benchmark::RegisterBenchmark("library/http", [&](benchmark::State& s) {
     libraryChain(s, *setup.relative, {"", "lo", ""});
   })->Apply(hops);
+  benchmark::RegisterBenchmark("sockets/http-absolute", [&](benchmark::State& s) {
+    floorChain(s, *setup.absolute, {});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("library/http-absolute", [&](benchmark::State& s) {
+    libraryChain(s, *setup.absolute, {"", "lo", ""});
+  })->Apply(hops);
 
   const auto pem = setup.tls->trustAnchorPem();
-  benchmark::RegisterBenchmark("floor/tls/full-handshake", [&setup, pem](benchmark::State& s) {
+  // openssl: a full handshake every hop; openssl-resumed: each hop resumes the previous hop's session.
+  benchmark::RegisterBenchmark("openssl/tls", [&setup, pem](benchmark::State& s) {
     floorChain(s, *setup.tls, {true, false, pem});
   })->Apply(hops);
-  benchmark::RegisterBenchmark("floor/tls/resumed", [&setup, pem](benchmark::State& s) {
+  benchmark::RegisterBenchmark("openssl-resumed/tls", [&setup, pem](benchmark::State& s) {
     floorChain(s, *setup.tls, {true, true, pem});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("libcurl/tls", [&](benchmark::State& s) {
+    libcurlChain(s, *setup.tls, setup.caFile);
   })->Apply(hops);
   benchmark::RegisterBenchmark("curl/tls", [&](benchmark::State& s) {
     curlChain(s, *setup.tls, setup.caFile);
@@ -163,13 +194,20 @@ void registerDelayed(Setup& setup) {
   const auto delayed = [](benchmark::internal::Benchmark* b) {
     b->ArgName("hops")->Arg(kDelayedHops)->UseRealTime()->Unit(benchmark::kMillisecond);
   };
-  benchmark::RegisterBenchmark("delayed/floor/http",
+  benchmark::RegisterBenchmark("delayed/sockets/http",
                                [&](benchmark::State& s) {
                                  delayedChain(s,
                                               [&](benchmark::State& state) { floorChain(state, *setup.delayed, {}); });
                                })
       ->Apply(delayed)
       ->Iterations(6);
+  benchmark::RegisterBenchmark("delayed/libcurl/http",
+                               [&](benchmark::State& s) {
+                                 delayedChain(
+                                     s, [&](benchmark::State& state) { libcurlChain(state, *setup.delayed, ""); });
+                               })
+      ->Apply(delayed)
+      ->Iterations(4);
   benchmark::RegisterBenchmark("delayed/curl/http",
                                [&](benchmark::State& s) {
                                  delayedChain(s,
