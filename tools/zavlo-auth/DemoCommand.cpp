@@ -106,6 +106,18 @@ std::string fingerprint(const std::string& publicKeyBase64) {
   return hexOf(digest.data(), size);
 }
 
+// The owner prompt of both binding operations; the demo answers it itself.
+Json bindingPrompt(const std::string& requestId) {
+  return {
+      {"promptTitle", "zavlo-auth demo"}, {"promptSubtitle", "answered by the demo itself"}, {"requestId", requestId}};
+}
+
+Json signingConfig(Json prompt, const std::string& challenge, const std::string& keyId) {
+  prompt["challenge"] = challenge;
+  prompt["allowedKeyIds"] = Json::array({keyId});
+  return prompt;
+}
+
 std::string text(const Json& dictionary, const char* key) {
   const auto found = dictionary.find(key);
   return found != dictionary.end() && found->is_string() ? found->get<std::string>() : std::string();
@@ -371,17 +383,13 @@ class Demo {
           [this](const Json& dictionary) { return checkToken(dictionary); });
     chain("native");
 
-    const Json prompt = {{"promptTitle", "zavlo-auth demo"},
-                         {"promptSubtitle", "answered by the demo itself"},
-                         {"requestId", "demo-native"}};
+    const auto prompt = bindingPrompt("demo-native");
     judge("native", "enrollDeviceBinding",
           native(platform, "enrollDeviceBinding", [&](auto done) { wrapper.enrollDeviceBinding(prompt, done); }),
           [this](const Json& dictionary) { return checkEnrolment("native", dictionary); });
     if (keyId_.empty()) return;
     const auto challenge = "demo-challenge-" + randomHex(16);
-    auto signing = prompt;
-    signing["challenge"] = challenge;
-    signing["allowedKeyIds"] = Json::array({keyId_});
+    const auto signing = signingConfig(prompt, challenge, keyId_);
     signAndVerify("native",
                   native(platform, "signDeviceBindingChallenge",
                          [&](auto done) { wrapper.signDeviceBindingChallenge(signing, done); }),
@@ -421,16 +429,12 @@ class Demo {
     chain("bridge");
 
     keyId_.clear();
-    const Json prompt = {{"promptTitle", "zavlo-auth demo"},
-                         {"promptSubtitle", "answered by the demo itself"},
-                         {"requestId", "demo-bridge"}};
+    const auto prompt = bindingPrompt("demo-bridge");
     judge("bridge", "enrollDeviceBinding", bridge(page, "enrollDeviceBinding", {{"config", prompt}}),
           [this](const Json& dictionary) { return checkEnrolment("bridge", dictionary); });
     if (keyId_.empty()) return;
     const auto challenge = "demo-challenge-" + randomHex(16);
-    auto signing = prompt;
-    signing["challenge"] = challenge;
-    signing["allowedKeyIds"] = Json::array({keyId_});
+    const auto signing = signingConfig(prompt, challenge, keyId_);
     // A page may give the configuration as text too.
     signAndVerify("bridge", bridge(page, "signDeviceBindingChallenge", {{"config", signing.dump()}}), challenge);
     stateIsEnrolled("bridge", bridge(page, "getDeviceBindingState", {{"config", Json{{"keyId", keyId_}}}}));
