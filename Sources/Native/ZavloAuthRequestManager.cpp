@@ -27,6 +27,12 @@ std::string upperCase(std::string text) {
   return text;
 }
 
+std::string lowerCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
 }  // namespace
 
 std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
@@ -144,7 +150,10 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
   }
   const auto sanitized = ZavloAuthValidationUtils::sanitizeString(snaURLString);
   auto url = sanitized.empty() ? std::nullopt : ZavloUrl::parse(sanitized);
-  if (!url || (url->scheme() != "http" && url->scheme() != "https")) {
+  // Only this check reads the scheme in lower case; a URL without a host passes it and is
+  // refused by the client, after the start event and the preflight.
+  const auto scheme = url ? lowerCase(url->scheme()) : std::string();
+  if (!url || (scheme != "http" && scheme != "https")) {
     if (completion) {
       completion(zavloFailure(ZavloAuthException::failure("INVALID_SNA_URI", "Invalid SNA URI provided")));
     }

@@ -105,6 +105,19 @@ TEST_F(ZavloSilentAuthLoopbackTest, SpacesInALocationAreSentAsPlusSigns) {
   EXPECT_EQ(requests[0].rfind("GET /chain/0/a+b+c HTTP/1.1\r\n", 0), 0U) << requests[0];
 }
 
+// "//host/path" has a host and no scheme, so it is a URL of its own that no hop can use,
+// not a reference resolved against the hop's URL.
+TEST_F(ZavloSilentAuthLoopbackTest, ALocationWithAHostButNoSchemeIsNotFollowed) {
+  ZavloChainServer chain;
+  const auto target = "//127.0.0.1:" + std::to_string(chain.port()) + "/chain/0/next";
+  ZavloTestServer first(ZavloTestServerReply::answer("HTTP/1.1 302 Found\r\nLocation: " + target + "\r\n\r\n"));
+  const auto outcome = run(url(first));
+  EXPECT_EQ(outcome.only(), failure("SNA_CELLULAR_REQUEST_FAILED", "URL has no Host or Scheme"));
+  ASSERT_EQ(outcome.hops.size(), 1U);
+  EXPECT_EQ(outcome.hopMeta(0)["responseUrl"], target);
+  EXPECT_TRUE(chain.recentRequests().empty());
+}
+
 TEST_F(ZavloSilentAuthLoopbackTest, FinalAnswersBecomeTheirDictionaries) {
   const std::string object = R"({"snaToken":"chunked-token"})";
   char size[16];
