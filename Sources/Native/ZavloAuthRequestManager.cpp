@@ -15,12 +15,6 @@ namespace {
 
 constexpr const char* kProvider = "NATIVE_SNA";
 
-nlohmann::json failureMetaData(const ZavloAuthException& exception) {
-  return {{"errorCode", exception.errorCode().value_or("")},
-          {"errorMessage", exception.errorMessage()},
-          {"sdkVersion", ZavloAuthSDKVersion}};
-}
-
 std::string upperCase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
@@ -34,6 +28,12 @@ std::string lowerCase(std::string text) {
 }
 
 }  // namespace
+
+nlohmann::json ZavloAuthRequestManager::failureMetaData(const ZavloAuthException& exception) {
+  return {{"errorCode", exception.errorCode().value_or("")},
+          {"errorMessage", exception.errorMessage()},
+          {"sdkVersion", ZavloAuthSDKVersion}};
+}
 
 std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
     ZavloPlatform& platform, std::shared_ptr<ZavloAuthLogManager> logManager,

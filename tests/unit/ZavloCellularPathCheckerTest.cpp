@@ -186,6 +186,18 @@ TEST(ZavloCellularPathChecker, UpdatesAfterTheVerdictAreIgnored) {
   ASSERT_EQ(verdicts.size(), 1U);
   EXPECT_TRUE(verdicts[0].hasValue());
   EXPECT_EQ(platform.monitor->cancels, 1);
+
+  // The time-out's verdict first, then a satisfied path with cellular: still one verdict.
+  std::vector<Verdict> timedOut;
+  checker.requireDefaultPathIsCellular([&](Verdict verdict) { timedOut.push_back(std::move(verdict)); });
+  platform.base.advanceBy(ZavloCellularPathChecker::kTimeout);
+  ASSERT_EQ(timedOut.size(), 1U);
+  platform.monitor->deliver(ZavloTestPathMonitorController::satisfiedPath({kCellular}));
+  platform.monitor->deliver(ZavloTestPathMonitorController::satisfiedPath({kCellular}));
+  platform.base.advanceBy(3s);
+  ASSERT_EQ(timedOut.size(), 1U);
+  EXPECT_FALSE(timedOut[0].hasValue());
+  EXPECT_EQ(platform.monitor->cancels, 1) << "the second check's own monitor, cancelled once";
 }
 
 TEST(ZavloCellularPathChecker, MapsEachErrorToTheExceptionTheCallerReports) {

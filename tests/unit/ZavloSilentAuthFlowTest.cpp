@@ -2,6 +2,7 @@
 // preflight, the cellular client hop by hop over scripted connections, telemetry.
 #include <gtest/gtest.h>
 
+#include "Cellular/ZavloCellularPathChecker.hpp"
 #include "ZavloNativeGraph.hpp"
 
 using nlohmann::json;
@@ -265,5 +266,64 @@ TEST_F(ZavloSilentAuthFlow, PreflightFailureIsReportedAfterTheStartEvent) {
   EXPECT_EQ(events[0].at("eventName"), "START_AUTH");
   EXPECT_EQ(events[1].at("status"), "FAILURE");
   EXPECT_EQ(events[1].at("authType"), "SNA");
+  EXPECT_EQ(events[1].at("metaData"), ZavloAuthRequestManager::failureMetaData(ZavloCellularPathChecker::authException(
+                                          ZavloCellularPathChecker::PreflightError::noCellularNetwork)));
   EXPECT_EQ(graph.platform.connections().count(), 0U);
+
+  // Every preflight exception has a code today; one without would still be reported with
+  // the key, empty.
+  EXPECT_EQ(ZavloAuthRequestManager::failureMetaData(ZavloAuthException::failure(std::nullopt, "no code")),
+            (json{{"errorCode", ""}, {"errorMessage", "no code"}, {"sdkVersion", "1.1.1"}}));
+}
+
+// The SNA names are the same operations: the same scripted network gives the same results
+// and the same events through either pair.
+TEST(ZavloSilentAuthAliases, InitSnaAndStartSnaBehaveExactlyAsInitAuthAndStartAuth) {
+  using Run = std::pair<std::vector<json>, std::vector<json>>;  // results, events
+  const auto run = [](bool snaNames) {
+    ZavloNativeGraph graph;
+    graph.wrapper.setup(graph.screen, ZavloAuthEnvironment::development);
+    auto& connections = graph.platform.connections();
+    connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 302 Found\r\nLocation: /final\r\n\r\n"));
+    connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"t\"}"));
+    connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 401 Unauthorized\r\n\r\n{\"x\":1}"));
+    ZavloCompletions done;
+    const auto init = [&](const json& config) {
+      snaNames ? graph.wrapper.initSNA(config, done.collect(graph.platform))
+               : graph.wrapper.initAuth(config, done.collect(graph.platform));
+      graph.platform.runUntilIdle();
+    };
+    const auto startChain = [&](const std::string& url) {
+      snaNames ? graph.wrapper.startSNA(url, done.collect(graph.platform))
+               : graph.wrapper.startAuth(url, done.collect(graph.platform));
+      graph.platform.runUntilIdle();
+    };
+    startChain("http://op.test/");  // no session yet
+    init({{"requestId", "alias"}});
+    startChain("http://op.test/");
+    startChain("http://op.test/");
+    startChain("ftp://op.test/");
+    graph.setPath({{"wlan0", ZavloInterfaceType::wifi}});
+    init({{"requestId", "again"}});
+    startChain("http://op.test/");
+
+    Run outcome;
+    for (const auto& result : done.results) {
+      outcome.first.push_back(result ? result.value() : json(result.error()));
+    }
+    for (auto event : graph.events()) {
+      event.erase("txnid");  // made fresh for every event
+      event.erase("timestamp");
+      outcome.second.push_back(std::move(event));
+    }
+    return outcome;
+  };
+  const Run auth = run(false);
+  const Run sna = run(true);
+  ASSERT_EQ(auth.first.size(), 7U);
+  EXPECT_EQ(auth.first[2], (json{{"status", "SUCCESS"}, {"httpStatusCode", 200}, {"snaToken", "t"}}));
+  EXPECT_EQ(auth.first[3], (json{{"status", "FAILURE"}, {"httpStatusCode", 401}}));
+  EXPECT_EQ(sna.first, auth.first);
+  EXPECT_EQ(sna.second.size(), 13U);
+  EXPECT_EQ(sna.second, auth.second);
 }
