@@ -75,7 +75,7 @@ void ZavloAuthRequestManager::sendStartEvent(const char* eventName, const std::o
   auto metaData = ZavloAuthEventLog::createDeviceMetadata(platform_.deviceInfo());
   metaData["sdkVersion"] = ZavloAuthSDKVersion;
   event->metaData = std::move(metaData);
-  logManager_->sendEventLog(std::move(event));
+  logManager_->sendEventLog(event);
 }
 
 void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std::optional<std::string>& requestId,
@@ -90,7 +90,7 @@ void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std:
   event->status = status;
   event->failureReason = failureReason;
   event->metaData = std::move(metaData);
-  logManager_->sendEventLog(std::move(event));
+  logManager_->sendEventLog(event);
 }
 
 void ZavloAuthRequestManager::performCellularPreflightCheck(const std::optional<std::string>& /*requestId*/,

@@ -44,7 +44,7 @@ class ZavloCellularPreflightInNamespace : public ::testing::Test {
         checker.requireDefaultPathIsCellular([&platform, outcome, started](Verdict verdict) {
           outcome->elapsed = Clock::now() - started;
           outcome->onMainThread = platform.mainQueue().isCurrent();
-          outcome->verdict = std::move(verdict);
+          outcome->verdict = verdict;
         });
       });
       if (meanwhile) meanwhile();

@@ -117,7 +117,7 @@ TEST(ZavloDelayedLink, DelaysBothWaysOfATcpExchangeOverACellularLikeLinkAndClean
 
   for (const auto& [address, port] :
        {std::pair{link->serverAddress(), server->port()}, std::pair{link->serverAddress6(), server6->port()}}) {
-    const auto timings = link->clientSide().run([&] { return timedHop(address, port); });
+    const auto timings = link->clientSide().run([&, to = address, at = port] { return timedHop(to, at); });
     EXPECT_TRUE(timings.answer.starts_with("HTTP/1.1 200 OK")) << address << ": " << timings.answer;
     EXPECT_GE(timings.connect, roundTrip) << address;
     EXPECT_GE(timings.exchange, roundTrip) << address;

@@ -168,7 +168,7 @@ TEST_F(ZavloSilentAuthLoopbackTest, ASplitAnswerIsJudgedOnItsFirstSegment) {
 
 TEST_F(ZavloSilentAuthLoopbackTest, AnAnswerLongerThanOneReceiveIsCutThere) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
-  const std::string body = R"({"snaToken":"never-seen","padding":")" + std::string(100 * 1024, 'p') + "\"}";
+  const std::string body = R"({"snaToken":"never-seen","padding":")" + std::string(std::size_t{100} * 1024, 'p') + "\"}";
   ZavloTestServer server(ZavloTestServerReply::answer(head + body));
   const auto outcome = run(url(server));
   // The JSON object is cut, so it adds nothing; the token never arrives.

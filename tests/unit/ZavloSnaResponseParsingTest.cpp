@@ -167,7 +167,7 @@ struct Judged {
   std::vector<std::shared_ptr<ZavloAuthEventLog>> events;
 };
 
-Judged judge(const char* requestUrl, std::string response, std::optional<ZavloConnectionError> error = {}) {
+Judged judge(const char* requestUrl, std::string response, const std::optional<ZavloConnectionError>& error = {}) {
   ZavloTestPlatform platform;
   Judged judged;
   auto client = Client::create(platform, [&](auto event) { judged.events.push_back(std::move(event)); });
