@@ -53,17 +53,19 @@ struct ZavloConnectionError {
 /// reported once started). The connection keeps itself alive while started and not yet
 /// failed or cancelled.
 ///
-/// States: preparing, then ready or failed (or waiting, where a platform waits for a
-/// path). Sends and receives made before ready wait for it; after failed they complete
-/// with the failure. Once ready, errors come only through the send and receive
-/// completions; the state stays ready.
+/// States: preparing, then ready, failed or waiting. Waiting (with the error that stopped
+/// it) means that another path may cure what happened: no allowed interface is usable, or
+/// the peer refused or could not be reached. A waiting connection never fails by itself:
+/// when the network changes it reports preparing and tries again; the caller's time-out
+/// or cancel() ends it. Everything else fails at once. Sends and receives made before
+/// ready wait for it; after failed they complete with the failure. Once ready, errors come
+/// only through the send and receive completions; the state stays ready.
 ///
 /// Interfaces: a connection whose parameters require an interface type uses only an
 /// interface of that type, and never one of a prohibited type, whatever the routes
-/// prefer. When no interface present is allowed it does not wait for one: it reports
-/// preparing, then failed with ENETUNREACH and "No usable cellular interface" (the
-/// required type's name; "network" when only prohibitions apply). The rules are those of
-/// Platform/ZavloInterfaceRules.hpp.
+/// prefer. When no interface present is allowed it reports preparing, then waiting with
+/// ENETUNREACH and "No usable cellular interface" (the required type's name; "network"
+/// when only prohibitions apply). The rules are those of Platform/ZavloInterfaceRules.hpp.
 class ZavloConnection {
  public:
   enum class State { setup, preparing, waiting, ready, failed, cancelled };

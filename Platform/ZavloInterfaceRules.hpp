@@ -24,7 +24,7 @@ inline bool zavloInterfaceAllowed(ZavloInterfaceType type, const ZavloConnection
   return !parameters.requiredInterfaceType || *parameters.requiredInterfaceType == type;
 }
 
-/// The failure of a connection for which no present interface is allowed.
+/// What a connection for which no present interface is allowed waits with.
 inline ZavloConnectionError zavloNoUsableInterfaceError(const ZavloConnectionParameters& parameters) {
   const char* name = "network";
   switch (parameters.requiredInterfaceType.value_or(ZavloInterfaceType::other)) {

@@ -77,7 +77,7 @@ void ZavloTestConnection::start(ZavloQueue& queue) {
   const auto allowed = std::find_if(present.begin(), present.end(), [this](const ZavloNetworkInterface& interface) {
     return zavloInterfaceAllowed(interface.type, parameters_);
   });
-  const bool noUsableInterface = allowed == present.end() && zavloRestrictsInterfaces(parameters_);
+  waitingForInterface_ = allowed == present.end() && zavloRestrictsInterfaces(parameters_);
   if (allowed != present.end()) usedInterface_ = *allowed;
   deliver([this] {
     StateHandler handler;
@@ -88,14 +88,35 @@ void ZavloTestConnection::start(ZavloQueue& queue) {
     }
     if (handler) handler(State::preparing, std::nullopt);
   });
+  const bool waiting = waitingForInterface_;
   lock.unlock();
-  if (noUsableInterface) {
-    moveTo(State::failed, zavloNoUsableInterfaceError(parameters_));
+  if (waiting) {
+    moveTo(State::waiting, zavloNoUsableInterfaceError(parameters_));
     return;
   }
+  followScript();
+}
+
+void ZavloTestConnection::followScript() {
   // Reports are posted in order, so the scripted state follows `preparing`.
   if (script_ && script_->stateAfterStart) moveTo(*script_->stateAfterStart, script_->startError);
   feedScriptedAnswer();  // for a receive made before start()
+}
+
+void ZavloTestConnection::pathChanged() {
+  const auto present = interfaces_ ? interfaces_() : std::vector<ZavloNetworkInterface>{};
+  {
+    std::lock_guard lock(mutex_);
+    if (!waitingForInterface_ || cancelled_) return;
+    const auto allowed = std::find_if(present.begin(), present.end(), [this](const ZavloNetworkInterface& interface) {
+      return zavloInterfaceAllowed(interface.type, parameters_);
+    });
+    if (allowed == present.end()) return;
+    waitingForInterface_ = false;
+    usedInterface_ = *allowed;
+  }
+  moveTo(State::preparing);
+  followScript();
 }
 
 void ZavloTestConnection::send(std::vector<std::uint8_t> content, SendCompletion completion) {
@@ -360,6 +381,10 @@ std::shared_ptr<ZavloTestConnection> ZavloTestConnections::last() const {
 std::size_t ZavloTestConnections::count() const {
   std::lock_guard lock(mutex_);
   return connections_.size();
+}
+
+void ZavloTestConnections::pathChanged() {
+  for (const auto& connection : all()) connection->pathChanged();
 }
 
 std::shared_ptr<ZavloTestConnection> ZavloTestConnections::make(const std::string& host, std::uint16_t port,

@@ -50,10 +50,11 @@ struct ZavloTestConnectionScript {
 ///
 /// Interfaces, as on a real platform: start() picks the first interface present (in the
 /// source's order) that the parameters allow. When they require or prohibit a type and no
-/// present interface is allowed, the connection reports `preparing` then `failed` with
+/// present interface is allowed, the connection reports `preparing` then `waiting` with
 /// ENETUNREACH "No usable cellular interface" ("network" when no type is required), and
-/// its script is not followed. Without any restriction it takes the first interface
-/// present, or none, and follows its script.
+/// waits: on each pathChanged() it looks again, and once an allowed interface is present
+/// it reports `preparing` and follows its script. Without any restriction it takes the
+/// first interface present, or none, and follows its script.
 ///
 /// Threading contract: as ZavloConnection; the observers and drivers may be called from
 /// any thread.
@@ -75,6 +76,10 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
   void send(std::vector<std::uint8_t> content, SendCompletion completion) override;
   void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength, ReceiveCompletion completion) override;
   void cancel() override;
+
+  /// The interfaces present may have changed: a connection waiting for an allowed one
+  /// looks again.
+  void pathChanged();
 
   // What the code under test asked for.
   [[nodiscard]] const std::string& host() const noexcept { return host_; }
@@ -121,6 +126,7 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
   void serveReceives();                                 // mutex_ held
   void failPending(const ZavloConnectionError& error);  // mutex_ held
   void feedScriptedAnswer();
+  void followScript();
 
   const std::string host_;
   const std::uint16_t port_;
@@ -142,6 +148,7 @@ class ZavloTestConnection final : public ZavloConnection, public std::enable_sha
   std::vector<std::uint8_t> inbound_;
   bool peerFinished_ = false;
   bool answerFed_ = false;
+  bool waitingForInterface_ = false;
 };
 
 /// Every connection a test platform made, and the scripts they follow.
@@ -174,6 +181,9 @@ class ZavloTestConnections {
   /// What the test platform's makeConnection does.
   std::shared_ptr<ZavloTestConnection> make(const std::string& host, std::uint16_t port,
                                             ZavloConnectionParameters parameters);
+  /// Tells every connection that the interfaces present may have changed (the test
+  /// platform does when its scripted path changes).
+  void pathChanged();
 
  private:
   struct Entry {

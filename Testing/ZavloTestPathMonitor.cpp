@@ -22,6 +22,7 @@ struct ZavloTestPathMonitorController::Core {
   std::condition_variable idle;
   ZavloNetworkPath current = satisfiedPath({{"wwan0", ZavloInterfaceType::cellular}});
   StartMode mode = StartMode::deliverCurrentPath;
+  std::function<void()> observer;
   std::vector<std::weak_ptr<MonitorState>> started;
   std::size_t createdCount = 0;
   std::size_t startedCount = 0;
@@ -111,6 +112,7 @@ ZavloTestPathMonitorController::ZavloTestPathMonitorController() : core_(std::ma
 
 void ZavloTestPathMonitorController::setCurrentPath(const ZavloNetworkPath& path) {
   std::vector<std::pair<std::shared_ptr<MonitorState>, std::shared_ptr<ZavloQueue>>> targets;
+  std::function<void()> observer;
   {
     std::lock_guard lock(core_->mutex);
     core_->current = path;
@@ -118,8 +120,15 @@ void ZavloTestPathMonitorController::setCurrentPath(const ZavloNetworkPath& path
     for (const auto& weak : core_->started) {
       if (auto state = weak.lock(); state && !state->cancelled) targets.emplace_back(state, state->queue);
     }
+    observer = core_->observer;
   }
   for (const auto& [state, queue] : targets) Core::post(core_, state, queue, path);
+  if (observer) observer();
+}
+
+void ZavloTestPathMonitorController::setPathObserver(std::function<void()> observer) {
+  std::lock_guard lock(core_->mutex);
+  core_->observer = std::move(observer);
 }
 
 ZavloNetworkPath ZavloTestPathMonitorController::currentPath() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -27,6 +28,9 @@ class ZavloTestPathMonitorController {
   /// the previous one, so that a test can repeat an update.
   void setCurrentPath(const ZavloNetworkPath& path);
   [[nodiscard]] ZavloNetworkPath currentPath() const;
+  /// Called by every setCurrentPath once the path is current, on the thread that set it
+  /// and outside every lock of the controller (the test platform tells its connections).
+  void setPathObserver(std::function<void()> observer);
   void setStartMode(StartMode mode);
 
   [[nodiscard]] std::size_t createdCount() const;

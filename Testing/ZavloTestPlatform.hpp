@@ -20,6 +20,7 @@
 class ZavloTestPlatform final : public ZavloPlatform {
  public:
   ZavloTestPlatform();
+  ~ZavloTestPlatform() override;
 
   ZavloQueue& mainQueue() override { return *mainQueue_; }
   std::shared_ptr<ZavloQueue> makeSerialQueue(const std::string& label) override {
@@ -44,7 +45,8 @@ class ZavloTestPlatform final : public ZavloPlatform {
   /// The scripted network path that every monitor of this platform reports.
   ZavloTestPathMonitorController& pathMonitors() { return pathMonitors_; }
   /// Every connection made so far, and the scripts later ones follow. A connection uses
-  /// the interfaces of the current scripted path (pathMonitors()) when it starts.
+  /// the interfaces of the current scripted path (pathMonitors()) when it starts, and one
+  /// waiting for an allowed interface looks again whenever that path changes.
   ZavloTestConnections& connections() { return connections_; }
   ZavloTestScheduler& scheduler() { return *scheduler_; }
   /// Every request of every HTTP session made by this platform, answered by the test.

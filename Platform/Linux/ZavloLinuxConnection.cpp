@@ -1,12 +1,16 @@
 #include "Platform/Linux/ZavloLinuxConnection.hpp"
 
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <asio.hpp>
 #include <asio/ssl.hpp>
 #include <cctype>
@@ -15,6 +19,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "Platform/Linux/ZavloLinuxTlsContext.hpp"
@@ -28,6 +33,9 @@ namespace {
 // Interfaces rarely change between the hops of one chain; listing them costs a netlink
 // dump and several sysfs reads, so a list this young is reused.
 constexpr auto kInterfaceListLifetime = 1s;
+// One change of the network comes as several messages (link, addresses, routes); waiting
+// connections try again once they have stopped coming for this long.
+constexpr auto kPathSettleTime = 50ms;
 
 // The one place where system, resolver and TLS errors become connection errors. ssl, when
 // given, tells why a certificate was refused.
@@ -54,6 +62,15 @@ ZavloConnectionError connectionError(const std::error_code& error, const SSL* ss
 }
 
 std::error_code systemError(int value) { return {value, asio::error::get_system_category()}; }
+
+// What another path may cure: a platform connection waits for the network to change
+// instead of failing. Everything else (time-outs, TLS, names that do not exist, no
+// address of the IP version asked for) fails at once, so that a caller can fall back.
+bool curableByAnotherPath(const std::error_code& error) {
+  return error == asio::error::connection_refused || error == asio::error::network_unreachable ||
+         error == asio::error::host_unreachable || error == asio::error::network_down ||
+         error == asio::error::host_not_found_try_again;
+}
 
 // An io_context whose services its owner can shut down: handlers still queued when the
 // I/O thread stops are then destroyed at once, releasing the connections they hold,
@@ -124,6 +141,7 @@ struct ZavloLinuxNetworkCore {
     thread.join();
     io.shutdown();
     keptAlive.clear();  // the thread is gone: nothing else touches it now
+    pathWaiters.clear();
   }
 
   // I/O thread only: only it lists interfaces, so that the list comes from its namespace.
@@ -149,6 +167,14 @@ struct ZavloLinuxNetworkCore {
     return (useV4 && usable(false)) || (useV6 && usable(true));
   }
 
+  // I/O thread only. retry runs once, on the next change of the network; a key waits for
+  // one change at a time.
+  void waitForPathChange(const void* key, std::function<void()> retry) {
+    pathWaiters[key] = std::move(retry);
+    watchPaths();
+  }
+  void stopWaitingForPathChange(const void* key) { pathWaiters.erase(key); }
+
   ZavloIoContext io;
   const ZavloLinuxInterfaceClassifier classifier;
 
@@ -163,6 +189,61 @@ struct ZavloLinuxNetworkCore {
   std::optional<std::chrono::steady_clock::time_point> listedAt;
   // Connections started and neither failed nor cancelled keep themselves alive here.
   std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
+
+ private:
+  // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
+  // namespace. Without it waiting connections wait until cancelled.
+  void watchPaths() {
+    if (pathWatch || pathWatchUnavailable) return;
+    const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+    if (socket < 0 || ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      if (socket >= 0) ::close(socket);
+      pathWatchUnavailable = true;
+      return;
+    }
+    pathWatch.emplace(io, socket);
+    readPathChanges();
+  }
+
+  void readPathChanges() {
+    pathWatch->async_wait(asio::posix::descriptor_base::wait_read, [this](const std::error_code& error) {
+      if (error) return;
+      // The content does not matter, only that something changed (an overflow included).
+      std::array<char, 8192> buffer{};
+      for (;;) {
+        const auto received = ::recv(pathWatch->native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (received > 0 || (received < 0 && (errno == ENOBUFS || errno == EINTR))) continue;
+        break;
+      }
+      if (!pathSettling) {
+        pathSettling = true;
+        pathSettle.expires_after(kPathSettleTime);
+        pathSettle.async_wait([this](const std::error_code& waitError) {
+          pathSettling = false;
+          if (!waitError) pathChanged();
+        });
+      }
+      readPathChanges();
+    });
+  }
+
+  void pathChanged() {
+    {
+      std::lock_guard lock(interfaceMutex);
+      listedAt.reset();
+    }
+    for (auto& [key, retry] : std::exchange(pathWaiters, {})) retry();
+  }
+
+  // I/O thread only; destroyed before io.
+  std::unordered_map<const void*, std::function<void()>> pathWaiters;
+  std::optional<asio::posix::stream_descriptor> pathWatch;
+  bool pathWatchUnavailable = false;
+  asio::steady_timer pathSettle{io};
+  bool pathSettling = false;
 };
 
 namespace {
@@ -237,7 +318,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   }
 
  private:
-  enum class Phase { idle, preparing, ready, failed, closed };
+  enum class Phase { idle, preparing, waiting, ready, failed, closed };
   struct PendingSend {
     std::vector<std::uint8_t> content;
     SendCompletion completion;
@@ -324,13 +405,29 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       tls_ = ZavloLinuxTlsContext::forAnchors(parameters_.tls->additionalTrustAnchorsPem, problem);
       if (!tls_) return fail({EINVAL, problem});
     }
+    choosePath();
+  }
+
+  // Binds to the interfaces present now, then resolves and connects: at start, and again
+  // each time the network changes while the connection waits.
+  void choosePath() {
     const auto& interfaces = core_->interfaces();
     const bool useV4 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v6;
     const bool useV6 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v4;
-    if (useV4) bindingV4_ = zavloChooseBinding(interfaces, parameters_, false);
-    if (useV6) bindingV6_ = zavloChooseBinding(interfaces, parameters_, true);
+    const auto v4 = zavloChooseBinding(interfaces, parameters_, false);
+    const auto v6 = zavloChooseBinding(interfaces, parameters_, true);
+    bindingV4_ = useV4 ? v4 : ZavloLinuxBinding{};
+    bindingV6_ = useV6 ? v6 : ZavloLinuxBinding{};
+    endpoints_.clear();
+    lastError_.reset();
+    waitable_ = true;
     if (bindingV4_.kind == ZavloLinuxBinding::Kind::none && bindingV6_.kind == ZavloLinuxBinding::Kind::none) {
-      return fail(noUsableInterface());
+      // An allowed interface of the other family: this IP version cannot be used here, and
+      // a caller may try another.
+      if (v4.kind != ZavloLinuxBinding::Kind::none || v6.kind != ZavloLinuxBinding::Kind::none) {
+        return fail(noInterfaceOfFamily(useV6));
+      }
+      return wait(noUsableInterface());
     }
 
     std::error_code literal;
@@ -372,7 +469,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 
   void resolved(const std::error_code& error, const Tcp::resolver::results_type& results) {
     if (cancelled_ || phase_ != Phase::preparing) return;
-    if (error) return fail(connectionError(error));
+    if (error) return curableByAnotherPath(error) ? wait(connectionError(error)) : fail(connectionError(error));
     for (const auto& entry : results) {
       const auto endpoint = entry.endpoint();
       if (std::find(endpoints_.begin(), endpoints_.end(), endpoint) == endpoints_.end()) {
@@ -383,14 +480,26 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   }
 
   ZavloConnectionError noUsableInterface() const { return zavloNoUsableInterfaceError(parameters_); }
+  ZavloConnectionError noInterfaceOfFamily(bool ipv6) const {
+    return {EADDRNOTAVAIL,
+            noUsableInterface().localizedDescription + " has an " + (ipv6 ? "IPv6" : "IPv4") + " address"};
+  }
 
   // Tries the endpoints in order from index, skipping families without a usable interface.
+  // Once none is left it waits if every try met what another path may cure, else it fails.
   void connectTo(std::size_t index) {
     const auto bindingFor = [this](const Tcp::endpoint& endpoint) -> const ZavloLinuxBinding& {
       return endpoint.address().is_v6() ? bindingV6_ : bindingV4_;
     };
-    while (index < endpoints_.size() && bindingFor(endpoints_[index]).kind == ZavloLinuxBinding::Kind::none) ++index;
-    if (index >= endpoints_.size()) return fail(lastError_.value_or(noUsableInterface()));
+    std::optional<bool> skippedIpv6;
+    while (index < endpoints_.size() && bindingFor(endpoints_[index]).kind == ZavloLinuxBinding::Kind::none) {
+      skippedIpv6 = skippedIpv6.value_or(endpoints_[index].address().is_v6());
+      ++index;
+    }
+    if (index >= endpoints_.size()) {
+      if (!lastError_) return fail(noInterfaceOfFamily(skippedIpv6.value_or(false)));
+      return waitable_ ? wait(*lastError_) : fail(*lastError_);
+    }
 
     const auto& endpoint = endpoints_[index];
     const auto& binding = bindingFor(endpoint);
@@ -435,9 +544,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
         self->socket().close(ignored);
       });
     }
-    tcp.async_connect(endpoint, [self = shared_from_this(), index](const std::error_code& connectError) {
-      self->connected(index, connectError);
-    });
+    tcp.async_connect(endpoint,
+                      [self = shared_from_this(), index, attempt = attempt_](const std::error_code& connectError) {
+                        if (attempt == self->attempt_) self->connected(index, connectError);
+                      });
   }
 
   void connected(std::size_t index, const std::error_code& error) {
@@ -447,10 +557,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     if (!tls_->prepare(secure_->native_handle(), host_, port_)) {
       return fail({EINVAL, "The host name cannot be checked against a certificate"});
     }
-    secure_->async_handshake(asio::ssl::stream_base::client,
-                             [self = shared_from_this(), index](const std::error_code& handshakeError) {
-                               self->handshaken(index, handshakeError);
-                             });
+    secure_->async_handshake(asio::ssl::stream_base::client, [self = shared_from_this(), index, attempt = attempt_](
+                                                                 const std::error_code& handshakeError) {
+      if (attempt == self->attempt_) self->handshaken(index, handshakeError);
+    });
   }
 
   void handshaken(std::size_t index, const std::error_code& error) {
@@ -462,7 +572,9 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   }
 
   void attemptFailed(std::size_t index, const std::error_code& error) {
-    lastError_ = connectionError(timedOut_ ? systemError(ETIMEDOUT) : error);
+    const auto cause = timedOut_ ? systemError(ETIMEDOUT) : error;
+    if (!curableByAnotherPath(cause)) waitable_ = false;
+    lastError_ = connectionError(cause);
     timer_.cancel();
     std::error_code ignored;
     socket().close(ignored);
@@ -477,8 +589,24 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     pumpReceives();
   }
 
+  // Reports waiting and tries again, from the interfaces on, when the network changes;
+  // sends and receives stay pending. Only the caller's time-out or cancel ends it.
+  void wait(ZavloConnectionError error) {
+    phase_ = Phase::waiting;
+    closeTransport();
+    deliverState(State::waiting, std::move(error));
+    core_->waitForPathChange(this, [weak = weak_from_this()] {
+      if (const auto self = weak.lock(); self && !self->cancelled_ && self->phase_ == Phase::waiting) {
+        self->phase_ = Phase::preparing;
+        self->deliverState(State::preparing);
+        self->choosePath();
+      }
+    });
+  }
+
   void fail(ZavloConnectionError error) {
     if (phase_ == Phase::failed || phase_ == Phase::closed) return;
+    core_->stopWaitingForPathChange(this);
     phase_ = Phase::failed;
     failure_ = error;
     deliverState(State::failed, std::move(error));
@@ -490,6 +618,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 
   void close() {
     phase_ = Phase::closed;
+    core_->stopWaitingForPathChange(this);
     closeTransport();
     if ((!sends_.empty() || !receives_.empty()) && !core_->stopped) {
       // The caller's completions are let go of on the caller's queue, not here.
@@ -651,6 +780,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   std::optional<Tcp::resolver> resolver_;
   std::vector<Tcp::endpoint> endpoints_;
   std::optional<ZavloConnectionError> lastError_;
+  bool waitable_ = true;  // every try so far met what another path may cure
   std::optional<Tcp::socket> plain_;
   std::optional<asio::ssl::stream<Tcp::socket>> secure_;
   asio::steady_timer timer_;

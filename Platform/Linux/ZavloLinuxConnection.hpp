@@ -42,7 +42,8 @@ struct ZavloLinuxNetworkCore;
 /// on one I/O thread per service, started on first use; it inherits the network namespace
 /// of the thread that starts the first connection. The destructor stops and joins it;
 /// connections still held elsewhere then report nothing more and stay safe to use and
-/// destroy.
+/// destroy. While a connection waits, the I/O thread listens to the kernel's link,
+/// address and route changes (rtnetlink) to know when to try it again.
 class ZavloLinuxConnectionService {
  public:
   explicit ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier);

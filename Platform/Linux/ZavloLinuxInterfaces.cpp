@@ -1,6 +1,8 @@
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
 
 #include <ifaddrs.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <netinet/in.h>
@@ -11,10 +13,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <set>
+#include <string_view>
 
 namespace {
 
@@ -37,6 +41,44 @@ std::optional<unsigned> linkTypeOf(const std::string& name) {
   return static_cast<unsigned>(request.ifr_hwaddr.sa_family);
 }
 
+// Asked through a socket rather than read from sysfs, so that the answer comes from the
+// calling thread's network namespace.
+std::optional<std::string> driverOf(const std::string& name) {
+  if (name.empty() || name.size() >= IFNAMSIZ) return std::nullopt;
+  const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return std::nullopt;
+  ethtool_drvinfo info{};
+  info.cmd = ETHTOOL_GDRVINFO;
+  ifreq request{};
+  std::memcpy(request.ifr_name, name.c_str(), name.size() + 1);
+  request.ifr_data = reinterpret_cast<char*>(&info);
+  const bool known = ::ioctl(probe, SIOCETHTOOL, &request) == 0;
+  ::close(probe);
+  const auto length = strnlen(info.driver, sizeof info.driver);
+  if (!known || length == 0) return std::nullopt;
+  return std::string(info.driver, length);
+}
+
+// Network drivers of cellular modems (USB, PCIe and SoC), as ethtool names them.
+bool isModemDriver(const std::optional<std::string>& driver) {
+  static constexpr std::array<std::string_view, 11> kModemDrivers = {
+      "qmi_wwan", "cdc_mbim", "huawei_cdc_ncm", "sierra_net", "hso",  "kalmia",
+      "mhi_net",  "ipa",      "rmnet",          "GobiNet",    "iosm",
+  };
+  return driver && std::find(kModemDrivers.begin(), kModemDrivers.end(), *driver) != kModemDrivers.end();
+}
+
+constexpr std::array<std::string_view, 3> kModemNamePrefixes = {"wwan", "rmnet", "ccmni"};
+
+bool isModemEvidence(const ZavloLinuxLinkFacts& facts) {
+  if (facts.devType == "wwan" || isModemDriver(facts.driver)) return true;
+  // Only modem drivers make raw-IP links; PPP is how dial-up and pppd-driven modems appear.
+  if (facts.arpType == ARPHRD_RAWIP || facts.arpType == ARPHRD_PPP) return true;
+  // Names the WWAN framework and the Qualcomm and MediaTek drivers give their links.
+  return std::any_of(kModemNamePrefixes.begin(), kModemNamePrefixes.end(),
+                     [&](std::string_view prefix) { return startsWith(facts.name, prefix); });
+}
+
 }  // namespace
 
 ZavloInterfaceType ZavloLinuxInterfaceClassifier::classify(const ZavloLinuxLinkFacts& facts) const {
@@ -44,24 +86,16 @@ ZavloInterfaceType ZavloLinuxInterfaceClassifier::classify(const ZavloLinuxLinkF
     return ZavloInterfaceType::cellular;
   }
   if ((facts.flags & IFF_LOOPBACK) != 0 || facts.arpType == ARPHRD_LOOPBACK) return ZavloInterfaceType::loopback;
-  if (facts.devType == "wwan") return ZavloInterfaceType::cellular;
   if (facts.hasWirelessPhy || facts.devType == "wlan") return ZavloInterfaceType::wifi;
-  switch (facts.arpType) {
-    case ARPHRD_NONE:   // TUN and raw-IP modem links
-    case ARPHRD_RAWIP:  // qmi_wwan, rmnet
-    case ARPHRD_PPP:    // dial-up modems
-      return ZavloInterfaceType::cellular;
-    default:
-      break;
-  }
-  for (const auto* prefix : {"wwan", "rmnet", "ccmni"}) {
-    if (startsWith(facts.name, prefix)) return ZavloInterfaceType::cellular;
-  }
+  // A VPN's TUN link has the no-ARP link type of some modems and may carry any name; pinning
+  // a cellular-only socket to it would send the request through the tunnel.
+  const bool tunnel = facts.driver == "tun";
+  if (!tunnel && isModemEvidence(facts)) return ZavloInterfaceType::cellular;
   if (facts.arpType == ARPHRD_ETHER) return ZavloInterfaceType::wiredEthernet;
   return ZavloInterfaceType::other;
 }
 
-void ZavloLinuxInterfaceClassifier::addSysfsFacts(ZavloLinuxLinkFacts& facts) {
+void ZavloLinuxInterfaceClassifier::addDeviceFacts(ZavloLinuxLinkFacts& facts) {
   if (facts.name.empty() || facts.name.find('/') != std::string::npos) return;
   const std::string base = "/sys/class/net/" + facts.name;
   std::ifstream uevent(base + "/uevent");
@@ -69,6 +103,7 @@ void ZavloLinuxInterfaceClassifier::addSysfsFacts(ZavloLinuxLinkFacts& facts) {
     if (startsWith(line, "DEVTYPE=")) facts.devType = line.substr(8);
   }
   facts.hasWirelessPhy = exists(base + "/wireless") || exists(base + "/phy80211");
+  facts.driver = driverOf(facts.name);
 }
 
 std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces() const {
@@ -114,7 +149,7 @@ std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces()
     // Links without a hardware address (TUN, raw-IP modems) get no packet entry from
     // getifaddrs; the device's hardware address family still names its link type.
     if (withLinkType.count(name) == 0) fact.arpType = linkTypeOf(name).value_or(fact.arpType);
-    addSysfsFacts(fact);
+    addDeviceFacts(fact);
     if (interface.index == 0) interface.index = ::if_nametoindex(name.c_str());
     interface.type = classify(fact);
     result.push_back(interface);

@@ -13,6 +13,7 @@ struct ZavloLinuxLinkFacts {
   unsigned flags = 0;                  ///< IFF_* of the link
   std::optional<std::string> devType;  ///< DEVTYPE from the device's uevent, if any
   bool hasWirelessPhy = false;
+  std::optional<std::string> driver;  ///< the driver's name as ethtool reports it, if any
 };
 
 /// One interface as the Linux platform sees it.
@@ -28,17 +29,20 @@ struct ZavloLinuxInterface {
 };
 
 /// Classification of links, with the host's declared cellular interfaces taking priority.
-/// Cellular: declared, DEVTYPE=wwan, raw-IP/no-ARP/PPP link types of modem drivers, or the
-/// modem driver names (wwan*, rmnet*, ccmni*). Wi-Fi: a wireless PHY. Loopback: the flag.
-/// Wired Ethernet: any other Ethernet link.
+/// Cellular only on evidence of a modem: declared, DEVTYPE=wwan, a modem driver, the raw-IP
+/// or PPP link types modem drivers use, or the names modem drivers give (wwan*, rmnet*,
+/// ccmni*). A TUN link (VPNs and other tunnels) is never cellular unless declared, whatever
+/// its name. Wi-Fi: a wireless PHY. Loopback: the flag. Wired Ethernet: any other Ethernet
+/// link.
 class ZavloLinuxInterfaceClassifier {
  public:
   explicit ZavloLinuxInterfaceClassifier(std::vector<std::string> declaredCellular = {})
       : declaredCellular_(std::move(declaredCellular)) {}
 
   [[nodiscard]] ZavloInterfaceType classify(const ZavloLinuxLinkFacts& facts) const;
-  /// Adds what sysfs knows (DEVTYPE, wireless PHY) to facts read elsewhere.
-  static void addSysfsFacts(ZavloLinuxLinkFacts& facts);
+  /// Adds what the device itself tells to facts read elsewhere: DEVTYPE and the wireless
+  /// PHY from sysfs, the driver from ethtool (asked in the calling thread's namespace).
+  static void addDeviceFacts(ZavloLinuxLinkFacts& facts);
   /// Every interface of the calling thread's network namespace, in index order.
   [[nodiscard]] std::vector<ZavloLinuxInterface> listInterfaces() const;
 

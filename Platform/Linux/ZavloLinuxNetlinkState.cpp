@@ -129,7 +129,8 @@ ZavloLinuxNetlinkState::Effect ZavloLinuxNetlinkState::applyLink(const nlmsghdr&
     if (name) link.facts.name = *name;
     link.facts.devType.reset();
     link.facts.hasWirelessPhy = false;
-    ZavloLinuxInterfaceClassifier::addSysfsFacts(link.facts);
+    link.facts.driver.reset();
+    ZavloLinuxInterfaceClassifier::addDeviceFacts(link.facts);
   }
   link.type = classifier_.classify(link.facts);
 

@@ -76,8 +76,8 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   // The steps of one hop, in the order they run.
   /// Opens the connection for one hop and, once ready, sends the request.
   void activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion);
-  /// A cellular-only connection, stored as the current one; null for a scheme other than
-  /// http/https or an empty host.
+  /// A cellular-only connection, stored as the current one; null for an empty host or a
+  /// scheme that does not begin with "http" as written (so "HTTPS" makes none).
   std::shared_ptr<ZavloConnection> createConnection(const std::string& scheme, const std::string& host,
                                                     std::optional<std::int64_t> port,
                                                     ZavloConnectionParameters::IpVersion ipVersion);

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <cctype>
 #include <memory>
 
 namespace {
@@ -21,6 +22,30 @@ std::optional<std::string> part(CURLU* handle, CURLUPart which, unsigned flags =
   std::string text(value);
   curl_free(value);
   return text;
+}
+
+// The scheme as written (RFC 3986: a letter, then letters, digits, "+", "-", "."), if the
+// text begins with one and its colon. libcurl reports schemes in lower case only.
+std::optional<std::string_view> schemeOf(std::string_view text) {
+  const auto colon = text.find(':');
+  if (colon == std::string_view::npos || colon == 0) return std::nullopt;
+  const auto scheme = text.substr(0, colon);
+  if (std::isalpha(static_cast<unsigned char>(scheme.front())) == 0) return std::nullopt;
+  for (const char c : scheme) {
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '+' && c != '-' && c != '.') return std::nullopt;
+  }
+  return scheme;
+}
+
+// Whether what follows a scheme's colon names a host: an authority ("//" up to the path,
+// query or fragment) with something left once user information and port are set aside.
+// libcurl refuses an empty one, or takes the path for the host ("http:///x" as host "x").
+bool namesHost(std::string_view hierarchy) {
+  if (!hierarchy.starts_with("//")) return false;
+  auto authority = hierarchy.substr(2, hierarchy.find_first_of("/?#", 2) - 2);
+  if (const auto at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
+  if (authority.starts_with('[')) return true;  // an IP literal, judged by libcurl
+  return authority.find(':') != 0 && !authority.empty();
 }
 
 }  // namespace
@@ -44,22 +69,45 @@ std::optional<ZavloUrl> ZavloUrl::fromHandle(void* opaque, std::string absolute)
 }
 
 std::optional<ZavloUrl> ZavloUrl::parse(std::string_view text) {
-  UrlHandle handle(curl_url());
-  if (!handle) return std::nullopt;
   const std::string input(text);
   if (input.find('\0') != std::string::npos) return std::nullopt;
+  UrlHandle handle(curl_url());
+  if (!handle) return std::nullopt;
+  if (input.starts_with("//")) {
+    // libcurl reads only URLs with a scheme: this one is read with a stand-in, then dropped.
+    const std::string withScheme = "http:" + input;
+    if (curl_url_set(handle.get(), CURLUPART_URL, withScheme.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
+    auto url = fromHandle(handle.get(), input);
+    if (url) url->scheme_.clear();
+    return url;
+  }
+  const auto scheme = schemeOf(input);
+  if (scheme && !namesHost(std::string_view(input).substr(scheme->size() + 1))) {
+    ZavloUrl url;
+    url.absolute_ = input;
+    url.scheme_ = *scheme;
+    return url;
+  }
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
-  return fromHandle(handle.get(), input);
+  auto url = fromHandle(handle.get(), input);
+  if (url && scheme) url->scheme_ = *scheme;
+  return url;
 }
 
 std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view reference) {
-  UrlHandle handle(curl_url());
   const std::string input(reference);
-  if (!handle || input.find('\0') != std::string::npos) return std::nullopt;
+  if (input.find('\0') != std::string::npos) return std::nullopt;
+  if (schemeOf(input)) return parse(input);  // RFC 3986, 5.2.2: the reference is the target
+  UrlHandle handle(curl_url());
+  if (!handle || base.scheme_.empty()) return std::nullopt;
   if (curl_url_set(handle.get(), CURLUPART_URL, base.absolute_.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   // Setting a URL on a handle that holds one resolves it as a reference against it.
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   auto absolute = part(handle.get(), CURLUPART_URL);
   if (!absolute) return std::nullopt;
-  return fromHandle(handle.get(), std::move(*absolute));
+  // The base's scheme as written, in the text too (libcurl writes it in lower case).
+  absolute->replace(0, base.scheme_.size(), base.scheme_);
+  auto url = fromHandle(handle.get(), std::move(*absolute));
+  if (url) url->scheme_ = base.scheme_;
+  return url;
 }

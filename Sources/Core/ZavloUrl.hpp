@@ -5,19 +5,26 @@
 #include <string>
 #include <string_view>
 
-/// An absolute URL, parsed and resolved by libcurl's URL API (RFC 3986). Immutable.
-/// absoluteString keeps the text as given when parsed, so that messages and telemetry
-/// show the caller's own URL; a resolved reference carries the normalised result.
+/// A URL, parsed and resolved by libcurl's URL API (RFC 3986). Immutable. absoluteString
+/// keeps the text as given when parsed, so that messages and telemetry show the caller's
+/// own URL; a resolved reference carries the normalised result.
+///
+/// Besides absolute URLs, two forms libcurl would refuse or repair are URLs here, because
+/// the client judges them itself: a scheme with no host ("http://", "http:x"), and a host
+/// with no scheme ("//host/path", a reference that names its host). A URL without a host
+/// carries only its text and scheme.
 class ZavloUrl {
  public:
-  /// An absolute URL with any scheme, or absent when the text does not parse as one
-  /// (no scheme, blanks, a port out of range, invalid percent escapes...).
+  /// A URL with any scheme, with or without a host, or "//host..." without a scheme; absent
+  /// when the text does not parse as one (no scheme, blanks, a port out of range, invalid
+  /// percent escapes...).
   static std::optional<ZavloUrl> parse(std::string_view text);
-  /// Resolves a reference (absolute, or relative such as "/next?x=1") against base.
+  /// Resolves a reference (absolute, or relative such as "/next?x=1") against base. A
+  /// reference with a scheme is its own target, with or without a host.
   static std::optional<ZavloUrl> resolve(const ZavloUrl& base, std::string_view reference);
 
   [[nodiscard]] const std::string& absoluteString() const noexcept { return absolute_; }
-  /// Lower case, as the URL API normalises it.
+  /// As written (a resolved reference takes its base's); empty for "//host...".
   [[nodiscard]] const std::string& scheme() const noexcept { return scheme_; }
   /// Without the brackets of an IPv6 literal; empty when the URL has none.
   [[nodiscard]] const std::string& host() const noexcept { return host_; }

@@ -15,19 +15,25 @@ namespace {
 
 constexpr const char* kProvider = "NATIVE_SNA";
 
-nlohmann::json failureMetaData(const ZavloAuthException& exception) {
-  return {{"errorCode", exception.errorCode().value_or("")},
-          {"errorMessage", exception.errorMessage()},
-          {"sdkVersion", ZavloAuthSDKVersion}};
-}
-
 std::string upperCase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return text;
 }
 
+std::string lowerCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
 }  // namespace
+
+nlohmann::json ZavloAuthRequestManager::failureMetaData(const ZavloAuthException& exception) {
+  return {{"errorCode", exception.errorCode().value_or("")},
+          {"errorMessage", exception.errorMessage()},
+          {"sdkVersion", ZavloAuthSDKVersion}};
+}
 
 std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
     ZavloPlatform& platform, std::shared_ptr<ZavloAuthLogManager> logManager,
@@ -69,7 +75,7 @@ void ZavloAuthRequestManager::sendStartEvent(const char* eventName, const std::o
   auto metaData = ZavloAuthEventLog::createDeviceMetadata(platform_.deviceInfo());
   metaData["sdkVersion"] = ZavloAuthSDKVersion;
   event->metaData = std::move(metaData);
-  logManager_->sendEventLog(std::move(event));
+  logManager_->sendEventLog(event);
 }
 
 void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std::optional<std::string>& requestId,
@@ -84,7 +90,7 @@ void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std:
   event->status = status;
   event->failureReason = failureReason;
   event->metaData = std::move(metaData);
-  logManager_->sendEventLog(std::move(event));
+  logManager_->sendEventLog(event);
 }
 
 void ZavloAuthRequestManager::performCellularPreflightCheck(const std::optional<std::string>& /*requestId*/,
@@ -144,7 +150,10 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
   }
   const auto sanitized = ZavloAuthValidationUtils::sanitizeString(snaURLString);
   auto url = sanitized.empty() ? std::nullopt : ZavloUrl::parse(sanitized);
-  if (!url || (url->scheme() != "http" && url->scheme() != "https")) {
+  // Only this check reads the scheme in lower case; a URL without a host passes it and is
+  // refused by the client, after the start event and the preflight.
+  const auto scheme = url ? lowerCase(url->scheme()) : std::string();
+  if (!url || (scheme != "http" && scheme != "https")) {
     if (completion) {
       completion(zavloFailure(ZavloAuthException::failure("INVALID_SNA_URI", "Invalid SNA URI provided")));
     }

@@ -57,6 +57,11 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   /// Per-hop time-out of the chains this manager starts.
   static constexpr double kSnaHopTimeOut = 10.0;
 
+  /// The metaData of every failure's outcome event (INIT_AUTH_RESPONSE and
+  /// START_AUTH_RESPONSE): the exception's code, the empty string when it has none, its
+  /// message and the library version.
+  static nlohmann::json failureMetaData(const ZavloAuthException& exception);
+
  private:
   ZavloAuthRequestManager(ZavloPlatform& platform, std::shared_ptr<ZavloAuthLogManager> logManager,
                           std::shared_ptr<ZavloCellularPathChecker> pathChecker);

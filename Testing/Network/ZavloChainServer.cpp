@@ -98,6 +98,55 @@ struct Connection {
   std::chrono::steady_clock::time_point lastActivity;
 };
 
+// A non-blocking listening socket on a numeric address; port 0 picks one, reported in bound.
+int listenOn(const std::string& bindAddress, std::uint16_t port, std::uint16_t& bound) {
+  sockaddr_storage address{};
+  socklen_t length = 0;
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
+  const bool ipv6 = bindAddress.find(':') != std::string::npos;
+  if (!ipv6 && inet_pton(AF_INET, bindAddress.c_str(), &v4->sin_addr) == 1) {
+    v4->sin_family = AF_INET;
+    v4->sin_port = htons(port);
+    length = sizeof *v4;
+  } else if (ipv6 && inet_pton(AF_INET6, bindAddress.c_str(), &v6->sin6_addr) == 1) {
+    v6->sin6_family = AF_INET6;
+    v6->sin6_port = htons(port);
+    length = sizeof *v6;
+  } else {
+    throw std::runtime_error("chain server: not a numeric address: " + bindAddress);
+  }
+  const int fd = socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw osError("socket");
+  const int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  if (ipv6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, SOMAXCONN) != 0) {
+    const auto error = osError("bind/listen " + bindAddress);
+    close(fd);
+    throw error;
+  }
+  length = sizeof address;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    const auto error = osError("getsockname");
+    close(fd);
+    throw error;
+  }
+  bound = ntohs(ipv6 ? v6->sin6_port : v4->sin_port);
+  return fd;
+}
+
+bool ipv6LoopbackAvailable() {
+  const int probe = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  const bool ok = bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(probe);
+  return ok;
+}
+
 }  // namespace
 
 struct ZavloChainServer::State {
@@ -108,6 +157,7 @@ struct ZavloChainServer::State {
   std::string trustAnchorPem;
   Context tls;
   int listenFd = -1;
+  int listenFd6 = -1;  // ::1 beside 127.0.0.1 when the URLs say "localhost"
   int epollFd = -1;
   int stopFd = -1;
   std::atomic<std::uint64_t> served{0};
@@ -123,7 +173,7 @@ struct ZavloChainServer::State {
       SSL_free(connection.ssl);
       close(fd);
     }
-    for (const int fd : {listenFd, epollFd, stopFd}) {
+    for (const int fd : {listenFd, listenFd6, epollFd, stopFd}) {
       if (fd >= 0) close(fd);
     }
   }
@@ -199,10 +249,10 @@ struct ZavloChainServer::State {
     epoll_ctl(epollFd, EPOLL_CTL_MOD, connection.fd, &event);
   }
 
-  void acceptAll() {
+  void acceptAll(int listener) {
     // Bounded per wake-up so one burst cannot starve the connections already open.
     for (int accepted = 0; accepted < 256; ++accepted) {
-      const int fd = accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (fd < 0) return;
       if (connections.size() >= options.maxConnections) {
         close(fd);
@@ -334,8 +384,8 @@ struct ZavloChainServer::State {
       for (int i = 0; i < count; ++i) {
         const int fd = events[static_cast<std::size_t>(i)].data.fd;
         if (fd == stopFd) return;
-        if (fd == listenFd) {
-          acceptAll();
+        if (fd == listenFd || fd == listenFd6) {
+          acceptAll(fd);
           continue;
         }
         const auto found = connections.find(fd);
@@ -354,39 +404,9 @@ ZavloChainServer::ZavloChainServer(ZavloChainServerOptions options) : state_(std
   State& s = *state_;
   s.options = std::move(options);
   s.scheme = s.options.tls ? "https" : "http";
-
-  sockaddr_storage address{};
-  socklen_t length = 0;
-  auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
-  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
-  const bool ipv6 = s.options.bindAddress.find(':') != std::string::npos;
-  if (!ipv6 && inet_pton(AF_INET, s.options.bindAddress.c_str(), &v4->sin_addr) == 1) {
-    v4->sin_family = AF_INET;
-    v4->sin_port = htons(s.options.port);
-    length = sizeof *v4;
-  } else if (ipv6 && inet_pton(AF_INET6, s.options.bindAddress.c_str(), &v6->sin6_addr) == 1) {
-    v6->sin6_family = AF_INET6;
-    v6->sin6_port = htons(s.options.port);
-    length = sizeof *v6;
-  } else {
-    throw std::runtime_error("chain server: not a numeric address: " + s.options.bindAddress);
-  }
-
   if (s.options.tls) s.tls = makeTlsContext(s.trustAnchorPem);
 
-  s.listenFd = socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (s.listenFd < 0) throw osError("socket");
-  const int one = 1;
-  setsockopt(s.listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (ipv6) setsockopt(s.listenFd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
-  if (bind(s.listenFd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
-    throw osError("bind " + s.options.bindAddress);
-  }
-  if (listen(s.listenFd, SOMAXCONN) != 0) throw osError("listen");
-  length = sizeof address;
-  if (getsockname(s.listenFd, reinterpret_cast<sockaddr*>(&address), &length) != 0) throw osError("getsockname");
-  s.port = ntohs(ipv6 ? v6->sin6_port : v4->sin_port);
-
+  const bool ipv6 = s.options.bindAddress.find(':') != std::string::npos;
   if (!s.options.locationHost.empty()) {
     s.host = s.options.locationHost;
   } else if (s.options.tls && s.options.bindAddress == "127.0.0.1") {
@@ -394,11 +414,29 @@ ZavloChainServer::ZavloChainServer(ZavloChainServerOptions options) : state_(std
   } else {
     s.host = ipv6 ? "[" + s.options.bindAddress + "]" : s.options.bindAddress;
   }
+  // A client tries "localhost" over IPv6 first and waits where it is refused, so ::1 is
+  // served too, on the same port, when this machine has it.
+  const bool bothLoopbacks = s.host == "localhost" && s.options.bindAddress == "127.0.0.1";
+  for (int tries = 0;; ++tries) {
+    s.listenFd = listenOn(s.options.bindAddress, s.options.port, s.port);
+    if (!bothLoopbacks || !ipv6LoopbackAvailable()) break;
+    std::uint16_t samePort = 0;
+    try {
+      s.listenFd6 = listenOn("::1", s.port, samePort);
+      break;
+    } catch (const std::runtime_error&) {
+      // That port is taken on ::1: start again on another, unless the port was asked for.
+      close(s.listenFd);
+      s.listenFd = -1;
+      if (s.options.port != 0 || tries == 15) throw;
+    }
+  }
 
   s.epollFd = epoll_create1(EPOLL_CLOEXEC);
   s.stopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (s.epollFd < 0 || s.stopFd < 0) throw osError("epoll");
-  for (const int fd : {s.listenFd, s.stopFd}) {
+  for (const int fd : {s.listenFd, s.listenFd6, s.stopFd}) {
+    if (fd < 0) continue;
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = fd;

@@ -26,7 +26,8 @@ struct ZavloChainServerOptions {
   /// (overrides absoluteLocation), so that one chain exercises both kinds.
   bool mixedLocations = false;
   /// Host written into absolute Locations and into chainUrl(). Empty: "localhost" for TLS on
-  /// 127.0.0.1 (the certificate's name), otherwise the bind address (IPv6 in brackets).
+  /// 127.0.0.1 (the certificate's name; ::1 is then served too, on the same port, where the
+  /// machine has it), otherwise the bind address (IPv6 in brackets).
   std::string locationHost;
   /// TLS with a certificate for "localhost", 127.0.0.1 and ::1 issued by a test CA made for this
   /// server; clients trust trustAnchorPem().

@@ -5,8 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
+#include <system_error>
 
 /// A loopback port that is bound but never listened on, so every connection to it is
 /// refused at once: an endpoint that can never be reached, without leaving the machine.
@@ -18,7 +20,9 @@ class ZavloClosedPort {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      throw std::system_error(errno, std::generic_category(), "closed port: bind");
+    }
     ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
     port_ = ntohs(address.sin_port);
   }

@@ -51,7 +51,7 @@ struct ZavloDelayedLinkOptions {
 };
 
 /// Two network namespaces joined by a delayed point-to-point link: a TUN device in each (TUN
-/// links have the no-ARP link type of modem drivers, so they look like a cellular link), the
+/// links have the no-ARP link type of raw-IP modems; declared cellular, one stands for a modem), the
 /// client side at 10.200.X.1/24 (and fd00:200:0:X::1/64), the server side at .2 (::2), and a
 /// ZavloDelayRelay in the calling namespace between the two devices. Everything is removed by
 /// the destructor (and the namespaces on the signals ZavloNetworkNamespace names). Throws

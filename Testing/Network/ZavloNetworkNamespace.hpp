@@ -77,8 +77,8 @@ class ZavloNetworkNamespace {
   int slot_ = -1;  // entry in the signal-time clean-up table
 };
 
-/// A TUN device (the no-ARP link type that modem drivers report) made inside a
-/// namespace and held open, so that it has a carrier once it is set up.
+/// A TUN device (the no-ARP link type of raw-IP modems; a stand-in for a modem once declared
+/// cellular) made inside a namespace and held open, so that it has a carrier once it is set up.
 class ZavloTunDevice {
  public:
   /// Throws std::runtime_error when the device cannot be made.

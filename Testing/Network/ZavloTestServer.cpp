@@ -43,6 +43,28 @@ socklen_t makeAddress(const std::string& address, std::uint16_t port, sockaddr_s
   fail("not an address literal: " + address);
 }
 
+// A listening socket on an address literal; port 0 picks one, reported in bound.
+int listenOn(const std::string& address, std::uint16_t port, std::uint16_t& bound) {
+  sockaddr_storage storage{};
+  const auto length = makeAddress(address, port, storage);
+  const int listener = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener < 0) fail("socket");
+  const int yes = 1;
+  ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  if (storage.ss_family == AF_INET6) ::setsockopt(listener, IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes);
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&storage), length) != 0 || ::listen(listener, 64) != 0) {
+    const int saved = errno;
+    ::close(listener);
+    errno = saved;
+    fail("bind/listen on " + address);
+  }
+  socklen_t boundLength = sizeof storage;
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&storage), &boundLength);
+  bound = ntohs(storage.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&storage)->sin_port
+                                             : reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
+  return listener;
+}
+
 // Plain or TLS reads and writes on one accepted socket.
 struct Channel {
   int socket;
@@ -128,25 +150,24 @@ ZavloTestServer::ZavloTestServer(ZavloTestServerReply reply, Options options)
   }
 
   ::signal(SIGPIPE, SIG_IGN);  // a client that went away must not end the test process
-  sockaddr_storage storage{};
-  const auto length = makeAddress(address_, options.port, storage);
-  listener_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener_ < 0) fail("socket");
-  const int yes = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&storage), length) != 0 || ::listen(listener_, 64) != 0) {
-    const int saved = errno;
-    ::close(listener_);
-    errno = saved;
-    fail("bind/listen on " + address_);
+  const bool bothLoopbacks = address_ == "localhost";
+  for (int tries = 0;; ++tries) {
+    listener_ = listenOn(bothLoopbacks ? "127.0.0.1" : address_, options.port, port_);
+    if (!bothLoopbacks || !ipv6LoopbackAvailable()) break;
+    std::uint16_t samePort = 0;
+    try {
+      listener6_ = listenOn("::1", port_, samePort);
+      break;
+    } catch (const std::runtime_error&) {
+      // That port is taken on ::1: start again on another, unless the port was asked for.
+      ::close(listener_);
+      if (options.port != 0 || tries == 15) throw;
+    }
   }
-  socklen_t boundLength = sizeof storage;
-  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&storage), &boundLength);
-  port_ = ntohs(storage.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&storage)->sin_port
-                                             : reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
   wake_ = ::eventfd(0, EFD_CLOEXEC);
   if (wake_ < 0) {
     ::close(listener_);
+    if (listener6_ >= 0) ::close(listener6_);
     fail("eventfd");
   }
   thread_ = std::thread([this] { run(); });
@@ -159,6 +180,7 @@ ZavloTestServer::~ZavloTestServer() {
   for (void* ssl : heldOpenTls_) SSL_free(static_cast<SSL*>(ssl));
   for (int socket : heldOpen_) ::close(socket);
   ::close(listener_);
+  if (listener6_ >= 0) ::close(listener6_);
   ::close(wake_);
 }
 
@@ -206,15 +228,17 @@ bool ZavloTestServer::waitForServed(std::size_t count, std::chrono::milliseconds
 
 void ZavloTestServer::run() {
   for (;;) {
-    pollfd fds[2] = {{listener_, POLLIN, 0}, {wake_, POLLIN, 0}};
-    if (::poll(fds, 2, -1) < 0) {
+    pollfd fds[3] = {{wake_, POLLIN, 0}, {listener_, POLLIN, 0}, {listener6_, POLLIN, 0}};
+    if (::poll(fds, listener6_ >= 0 ? 3 : 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
     }
-    if (fds[1].revents != 0) return;
-    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket < 0) continue;
-    serve(socket);
+    if (fds[0].revents != 0) return;
+    for (const auto& ready : {fds[1], fds[2]}) {
+      if (ready.revents == 0 || ready.fd < 0) continue;
+      const int socket = ::accept4(ready.fd, nullptr, nullptr, SOCK_CLOEXEC);
+      if (socket >= 0) serve(socket);
+    }
   }
 }
 

@@ -41,8 +41,10 @@ struct ZavloTestServerReply {
 class ZavloTestServer {
  public:
   struct Options {
-    std::string address = "127.0.0.1";  ///< "::1" for IPv6, or any local address
-    std::uint16_t port = 0;             ///< 0: an ephemeral port
+    /// "::1" for IPv6, or any local address; "localhost": 127.0.0.1 and, where this machine
+    /// has it, ::1 on the same port (a client tries "localhost" over IPv6 first).
+    std::string address = "127.0.0.1";
+    std::uint16_t port = 0;  ///< 0: an ephemeral port
     std::optional<ZavloTestTlsIdentity> tls;
   };
 
@@ -77,6 +79,7 @@ class ZavloTestServer {
   std::string address_;
   std::uint16_t port_ = 0;
   int listener_ = -1;
+  int listener6_ = -1;  // ::1 beside 127.0.0.1 for "localhost"
   int wake_ = -1;
   std::unique_ptr<Tls> tls_;
   std::thread thread_;

@@ -1,6 +1,6 @@
 // The cellular preflight on the Linux platform, inside network namespaces made for each
-// test: a TUN link stands for a modem (it reports the same no-ARP link type), a veth
-// pair for wired Ethernet.
+// test: a TUN link declared cellular stands for a modem (it reports the no-ARP link type of
+// raw-IP modems), an undeclared one for a VPN, a veth pair for wired Ethernet.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -44,7 +44,7 @@ class ZavloCellularPreflightInNamespace : public ::testing::Test {
         checker.requireDefaultPathIsCellular([&platform, outcome, started](Verdict verdict) {
           outcome->elapsed = Clock::now() - started;
           outcome->onMainThread = platform.mainQueue().isCurrent();
-          outcome->verdict = std::move(verdict);
+          outcome->verdict = verdict;
         });
       });
       if (meanwhile) meanwhile();
@@ -69,11 +69,25 @@ TEST_F(ZavloCellularPreflightInNamespace, AModemLinkThatIsUpPasses) {
   ns->ip({"address", "add", "10.202.0.1/32", "dev", "zmodem0"});
   makeVeth("zeth0");  // Wi-Fi or Ethernet beside the modem does not matter
 
-  const auto outcome = check();
+  const auto outcome = check({"zmodem0"});
   ASSERT_TRUE(outcome.verdict);
   EXPECT_TRUE(outcome.verdict->hasValue());
   EXPECT_TRUE(outcome.onMainThread);
   EXPECT_LT(outcome.elapsed, 1s);
+}
+
+// A laptop on Ethernet with a VPN up: the tunnel is no cellular network.
+TEST_F(ZavloCellularPreflightInNamespace, AVpnTunnelIsNoModem) {
+  ZavloTunDevice vpn(*ns, "ztun0");
+  ns->ip({"link", "set", "ztun0", "up"});
+  ns->ip({"address", "add", "10.202.0.1/32", "dev", "ztun0"});
+  makeVeth("zeth0");
+
+  const auto outcome = check();
+  ASSERT_TRUE(outcome.verdict);
+  ASSERT_FALSE(outcome.verdict->hasValue());
+  EXPECT_EQ(outcome.verdict->error(), ZavloCellularPathChecker::PreflightError::noCellularNetwork);
+  EXPECT_LT(outcome.elapsed, 1s) << "a satisfied path without cellular does not wait for the time-out";
 }
 
 TEST_F(ZavloCellularPreflightInNamespace, EthernetAloneFailsAtOnceUnlessDeclaredCellular) {
@@ -95,7 +109,7 @@ TEST_F(ZavloCellularPreflightInNamespace, NoUsableLinkFailsAtTheTimeOut) {
   ZavloTunDevice modem(*ns, "zmodem0");
   ns->ip({"address", "add", "10.202.0.1/32", "dev", "zmodem0"});  // but the link stays down
 
-  const auto outcome = check();
+  const auto outcome = check({"zmodem0"});
   ASSERT_TRUE(outcome.verdict);
   ASSERT_FALSE(outcome.verdict->hasValue());
   EXPECT_EQ(outcome.verdict->error(), ZavloCellularPathChecker::PreflightError::noCellularNetwork);
@@ -107,7 +121,7 @@ TEST_F(ZavloCellularPreflightInNamespace, AModemComingUpDuringTheCheckPasses) {
   ZavloTunDevice modem(*ns, "zmodem0");
   ns->ip({"address", "add", "10.202.0.1/32", "dev", "zmodem0"});
 
-  const auto outcome = check({}, [&] {
+  const auto outcome = check({"zmodem0"}, [&] {
     std::this_thread::sleep_for(300ms);
     ns->ip({"link", "set", "zmodem0", "up"});
   });

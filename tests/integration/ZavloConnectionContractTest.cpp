@@ -6,12 +6,15 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
@@ -181,12 +184,18 @@ ZavloConnectionParameters prohibiting(std::vector<Type> types) {
 }
 
 // One connection: start, one request and one read once ready, then cancel. runFor drives
-// the queue until its condition holds, within a bound.
+// the queue until its condition holds, within a bound. whenWaiting, if given, runs once the
+// connection waits, and the connection is given the time to go on.
 HopOutcome runHop(std::shared_ptr<ZavloConnection> connection, ZavloQueue& queue,
-                  const std::function<void(const std::function<bool()>&)>& runFor) {
+                  const std::function<void(const std::function<bool()>&)>& runFor,
+                  const std::function<void()>& whenWaiting = {}) {
   ZavloConnectionRecorder recorder(std::move(connection), queue);
   recorder.start();
-  runFor([&] { return recorder.has("ready") || recorder.has("failed"); });
+  runFor([&] { return recorder.has("ready") || recorder.has("failed") || recorder.has("waiting"); });
+  if (recorder.has("waiting") && whenWaiting) {
+    whenWaiting();
+    runFor([&] { return recorder.has("ready") || recorder.has("failed"); });
+  }
   if (recorder.has("ready")) {
     recorder.send("GET / HTTP/1.1\r\nHost: operator.test\r\nConnection: close\r\n\r\n");
     recorder.receive(1, 65536);
@@ -202,8 +211,16 @@ HopOutcome runHop(std::shared_ptr<ZavloConnection> connection, ZavloQueue& queue
 
 struct TestDoubleNetwork {
   ZavloTestPlatform platform;
+  std::vector<Type> present;
 
-  bool build(const std::vector<Type>& present, std::string& /*whyNot*/) {
+  bool build(const std::vector<Type>& types, std::string& /*whyNot*/) {
+    present = types;
+    setPath();
+    platform.connections().script(kRulesServer, kRulesPort, ZavloTestConnectionScript::answering(kAnswer));
+    return true;
+  }
+
+  void setPath() {
     std::vector<ZavloNetworkInterface> interfaces;
     interfaces.reserve(present.size());
     for (const auto type : present) interfaces.push_back({std::string(toString(type)) + "0", type});
@@ -211,15 +228,23 @@ struct TestDoubleNetwork {
     std::stable_partition(interfaces.begin(), interfaces.end(),
                           [](const auto& interface) { return interface.type == Type::loopback; });
     platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath(interfaces));
-    platform.connections().script(kRulesServer, kRulesPort, ZavloTestConnectionScript::answering(kAnswer));
-    return true;
   }
 
-  HopOutcome hop(ZavloConnectionParameters parameters) {
+  HopOutcome hop(ZavloConnectionParameters parameters, std::optional<Type> addedWhileWaiting = std::nullopt) {
     auto connection = platform.connections().make(kRulesServer, kRulesPort, std::move(parameters));
-    auto outcome = runHop(connection, platform.mainQueue(), [this](const std::function<bool()>& done) {
-      for (int i = 0; i < 100 && !done(); ++i) platform.advanceBy(10ms);
-    });
+    std::function<void()> whenWaiting;
+    if (addedWhileWaiting) {
+      whenWaiting = [this, type = *addedWhileWaiting] {
+        present.push_back(type);
+        setPath();
+      };
+    }
+    auto outcome = runHop(
+        connection, platform.mainQueue(),
+        [this](const std::function<bool()>& done) {
+          for (int i = 0; i < 100 && !done(); ++i) platform.advanceBy(10ms);
+        },
+        whenWaiting);
     const bool wasReady = std::find(outcome.events.begin(), outcome.events.end(), "ready") != outcome.events.end();
     if (wasReady && connection->usedInterface()) outcome.reached.push_back(connection->usedInterface()->type);
     return outcome;
@@ -260,7 +285,7 @@ class LinuxNamespaceNetwork {
     return true;
   }
 
-  HopOutcome hop(ZavloConnectionParameters parameters) {
+  HopOutcome hop(ZavloConnectionParameters parameters, std::optional<Type> addedWhileWaiting = std::nullopt) {
     HopOutcome outcome;
     client_->runInside([&] {
       if (!fakeUevent_.empty()) outcome.problem = fakeWifi();
@@ -270,8 +295,17 @@ class LinuxNamespaceNetwork {
                                                               .cellularInterfaces = {linkName(Type::cellular)},
                                                               .additionalTrustAnchorsPem = {}});
       auto& loop = platform.runLoop();
-      outcome = runHop(platform.makeConnection(kRulesServer, port_, std::move(parameters)), loop,
-                       [&loop](const std::function<bool()>& done) { loop.runUntil(done, 10s); });
+      std::function<void()> whenWaiting;
+      if (addedWhileWaiting) {
+        whenWaiting = [this, type = *addedWhileWaiting] {
+          std::string whyNot;
+          if (!addPeer(type, static_cast<int>(present_.size()) + 1, whyNot)) throw std::runtime_error(whyNot);
+          present_.push_back(type);
+        };
+      }
+      outcome = runHop(
+          platform.makeConnection(kRulesServer, port_, std::move(parameters)), loop,
+          [&loop](const std::function<bool()>& done) { loop.runUntil(done, 10s); }, whenWaiting);
     });
     for (const auto& [type, server] : servers_) {
       if (server->acceptedCount() > 0) outcome.reached.push_back(type);
@@ -364,9 +398,9 @@ class ZavloConnectionInterfaceRulesNamespaceTest : public ::testing::Test {
     return network;
   }
 
-  static void expectNoUsableInterface(const HopOutcome& hop, const std::string& description) {
+  static void expectWaitingForAnInterface(const HopOutcome& hop, const std::string& description) {
     ASSERT_EQ(hop.problem, "");
-    EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "failed", "cancelled"}));
+    EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "waiting", "cancelled"}));
     EXPECT_EQ(hop.stateError, (ZavloConnectionError{ENETUNREACH, description}));
     EXPECT_EQ(hop.reached, std::vector<Type>{});
   }
@@ -382,19 +416,35 @@ class ZavloConnectionInterfaceRulesNamespaceTest : public ::testing::Test {
 using Networks = ::testing::Types<TestDoubleNetwork, LinuxNamespaceNetwork>;
 TYPED_TEST_SUITE(ZavloConnectionInterfaceRulesNamespaceTest, Networks);
 
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, RequiredCellularWithoutACellularLinkFailsAtOnce) {
+TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, RequiredCellularWithoutACellularLinkWaits) {
   for (const auto& present : std::vector<std::vector<Type>>{
            {Type::wifi}, {Type::wiredEthernet}, {Type::loopback}, {Type::loopback, Type::wiredEthernet, Type::wifi}}) {
     SCOPED_TRACE("present: " + ::testing::PrintToString(present));
     std::string whyNot;
     auto network = this->networkWith(present, whyNot);
     if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-    this->expectNoUsableInterface(network->hop(zavloCellularParameters()), "No usable cellular interface");
+    this->expectWaitingForAnInterface(network->hop(zavloCellularParameters()), "No usable cellular interface");
     // Requiring cellular is enough, even with nothing prohibited.
     auto requiredOnly = zavloCellularParameters();
     requiredOnly.prohibitedInterfaceTypes.clear();
-    this->expectNoUsableInterface(network->hop(requiredOnly), "No usable cellular interface");
+    this->expectWaitingForAnInterface(network->hop(requiredOnly), "No usable cellular interface");
   }
+}
+
+TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, AWaitingConnectionGoesOnOnceACellularLinkAppears) {
+  std::string whyNot;
+  auto network = this->networkWith({Type::loopback, Type::wiredEthernet}, whyNot);
+  if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
+  const auto hop = network->hop(zavloCellularParameters(), Type::cellular);
+  ASSERT_EQ(hop.problem, "");
+  ASSERT_GE(hop.events.size(), 6U) << ::testing::PrintToString(hop.events);
+  EXPECT_EQ(hop.events[0], "preparing");
+  EXPECT_EQ(hop.events[1], "waiting");
+  // A real network may change in several steps, each a try that waits again.
+  EXPECT_EQ(std::vector<std::string>(hop.events.end() - 5, hop.events.end()),
+            (std::vector<std::string>{"preparing", "ready", "sent", "received", "cancelled"}));
+  EXPECT_EQ(std::count(hop.events.begin(), hop.events.end(), "failed"), 0);
+  EXPECT_EQ(hop.reached, std::vector<Type>{Type::cellular});
 }
 
 TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, RequiredCellularUsesTheCellularLinkThoughRoutesPreferOthers) {
@@ -412,12 +462,12 @@ TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, ProhibitedTypesAreSkipped
   this->expectReachedOnlyThroughCellular(network->hop(prohibiting({Type::loopback, Type::wiredEthernet, Type::wifi})));
 }
 
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, OnlyProhibitedTypesPresentFailsWithoutARequiredType) {
+TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, OnlyProhibitedTypesPresentWaitsWithoutARequiredType) {
   std::string whyNot;
   auto network = this->networkWith({Type::loopback, Type::wiredEthernet, Type::wifi}, whyNot);
   if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-  this->expectNoUsableInterface(network->hop(prohibiting({Type::wifi, Type::wiredEthernet, Type::loopback})),
-                                "No usable network interface");
+  this->expectWaitingForAnInterface(network->hop(prohibiting({Type::wifi, Type::wiredEthernet, Type::loopback})),
+                                    "No usable network interface");
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ HopResult exchange(ZavloLinuxPlatform& platform, const std::string& host, std::u
   ZavloConnectionRecorder recorder(platform.makeConnection(host, port, std::move(parameters)), platform.runLoop());
   auto& loop = platform.runLoop();
   recorder.start();
-  loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed"); }, 10s);
+  loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed") || recorder.has("waiting"); }, 10s);
   if (recorder.has("ready")) {
     recorder.send("GET / HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
     recorder.receive(1, 65536);
@@ -100,7 +100,17 @@ TEST_F(ZavloConnectionNamespaceTest, WithoutAUsableCellularLinkNothingFallsBackT
   const auto hop = hopFromClient();
   ASSERT_TRUE(hop.stateError);
   EXPECT_EQ(hop.stateError->localizedDescription, "No usable cellular interface");
+  EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "waiting", "cancelled"}));
+  EXPECT_EQ(decoyServer->acceptedCount(), 0U);
+  EXPECT_EQ(operatorServer->acceptedCount(), 0U);
+}
+
+// The cellular link has IPv4 only: an IPv6-only connection cannot use it now or after any
+// wait, so it fails at once and the client's fallback to any IP version can run.
+TEST_F(ZavloConnectionNamespaceTest, AnIpVersionTheCellularLinkLacksFailsAtOnce) {
+  const auto hop = hopFromClient(zavloCellularParameters(ZavloConnectionParameters::IpVersion::v6));
   EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "failed", "cancelled"}));
+  EXPECT_EQ(hop.stateError, (ZavloConnectionError{EADDRNOTAVAIL, "No usable cellular interface has an IPv6 address"}));
   EXPECT_EQ(decoyServer->acceptedCount(), 0U);
   EXPECT_EQ(operatorServer->acceptedCount(), 0U);
 }

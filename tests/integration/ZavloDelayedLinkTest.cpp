@@ -92,11 +92,11 @@ TEST(ZavloDelayedLink, DelaysBothWaysOfATcpExchangeOverACellularLikeLinkAndClean
   }
   const auto roundTrip = 2 * link->oneWayDelay();
 
-  // The kernel describes the device as modem drivers' links are described: no ARP, point to point.
+  // The kernel describes the device as raw-IP modem links are described: no ARP, point to
+  // point. It is still a tunnel, so a host declares it cellular to use it as the modem.
   const auto facts = link->clientSide().run([&] { return linkFacts(link->interfaceName()); });
   EXPECT_EQ(facts.arpType, ARPHRD_NONE);
   EXPECT_EQ(facts.flags & (IFF_POINTOPOINT | IFF_NOARP | IFF_UP), IFF_POINTOPOINT | IFF_NOARP | IFF_UP);
-  EXPECT_EQ(ZavloLinuxInterfaceClassifier().classify(facts), ZavloInterfaceType::cellular);
   const auto interfaces = link->clientSide().run([] { return ZavloLinuxInterfaceClassifier().listInterfaces(); });
   const auto device = std::find_if(interfaces.begin(), interfaces.end(),
                                    [&](const auto& i) { return i.name == link->interfaceName(); });
@@ -117,7 +117,7 @@ TEST(ZavloDelayedLink, DelaysBothWaysOfATcpExchangeOverACellularLikeLinkAndClean
 
   for (const auto& [address, port] :
        {std::pair{link->serverAddress(), server->port()}, std::pair{link->serverAddress6(), server6->port()}}) {
-    const auto timings = link->clientSide().run([&] { return timedHop(address, port); });
+    const auto timings = link->clientSide().run([&, to = address, at = port] { return timedHop(to, at); });
     EXPECT_TRUE(timings.answer.starts_with("HTTP/1.1 200 OK")) << address << ": " << timings.answer;
     EXPECT_GE(timings.connect, roundTrip) << address;
     EXPECT_GE(timings.exchange, roundTrip) << address;

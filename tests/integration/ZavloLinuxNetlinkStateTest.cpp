@@ -99,7 +99,7 @@ const ZavloLinuxInterface* find(const std::vector<ZavloLinuxInterface>& interfac
 
 TEST(ZavloLinuxNetlinkState, LinksWithUsableAddressesMakeThePathInIndexOrder) {
   ZavloLinuxNetlinkState state{ZavloLinuxInterfaceClassifier()};
-  state.apply(link(RTM_NEWLINK, 7, "zmodem7", ARPHRD_NONE, kUp).get());
+  state.apply(link(RTM_NEWLINK, 7, "zmodem7", ARPHRD_RAWIP, kUp).get());
   state.apply(link(RTM_NEWLINK, 3, "zeth3", ARPHRD_ETHER, kUp).get());
   EXPECT_EQ(state.path(), ZavloNetworkPath{}) << "up, but no address yet";
 
@@ -118,7 +118,7 @@ TEST(ZavloLinuxNetlinkState, LinksWithUsableAddressesMakeThePathInIndexOrder) {
                                                                           {"zmodem7", ZavloInterfaceType::cellular}}));
 
   // Losing the carrier takes the modem out; deleting the other's address empties the path.
-  state.apply(link(RTM_NEWLINK, 7, "zmodem7", ARPHRD_NONE, IFF_UP).get());
+  state.apply(link(RTM_NEWLINK, 7, "zmodem7", ARPHRD_RAWIP, IFF_UP).get());
   state.apply(address(RTM_DELADDR, 3, AF_INET6).ipv6(IFA_ADDRESS, "2001:db8::3").get());
   EXPECT_EQ(state.path(), ZavloNetworkPath{});
   const auto interfaces = state.interfaces();

@@ -4,7 +4,10 @@
 // reach the operator; the decoy must never see the client.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
+#include <string>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -43,13 +46,13 @@ class ZavloSilentAuthNamespaceTest : public ::testing::Test {
   }
 
   // One chain from inside the client namespace, on a platform that knows cell0 as cellular.
-  ZavloSnaChainOutcome chainFromClient(unsigned hops) {
+  ZavloSnaChainOutcome chainFromClient(unsigned hops, double hopTimeOut = 5.0) {
     ZavloSnaChainOutcome outcome;
     network->client().runInside([&] {
       ZavloLinuxPlatform platform(ZavloLinuxPlatform::Options{.hostApplicationVersion = {},
                                                               .cellularInterfaces = {ZavloDecoyNetwork::kCellularLink},
                                                               .additionalTrustAnchorsPem = {}});
-      outcome = zavloRunSnaChain(platform, operatorChain->chainUrl(hops), 5.0);
+      outcome = zavloRunSnaChain(platform, operatorChain->chainUrl(hops), hopTimeOut);
     });
     return outcome;
   }
@@ -70,12 +73,39 @@ TEST_F(ZavloSilentAuthNamespaceTest, EveryHopOfTheChainReachesTheOperatorNeverTh
   EXPECT_EQ(decoy->acceptedCount(), 1U) << "only the unpinned check reached the decoy";
 }
 
-TEST_F(ZavloSilentAuthNamespaceTest, WithTheCellularLinkDownTheChainFailsRatherThanTakeTheDefaultRoute) {
+// With no cellular link the hop waits for one, and its time-out ends it.
+TEST_F(ZavloSilentAuthNamespaceTest, WithTheCellularLinkDownTheHopTimesOutRatherThanTakeTheDefaultRoute) {
   network->client().ip({"link", "set", ZavloDecoyNetwork::kCellularLink, "down"});
-  const auto outcome = chainFromClient(2);
-  EXPECT_EQ(outcome.only(), (json{{"error", "SNA_CELLULAR_REQUEST_FAILED"},
-                                  {"error_description", "Connection failed: No usable cellular interface"}}));
+  const auto outcome = chainFromClient(2, 0.3);
+  EXPECT_EQ(outcome.only(),
+            (json{{"error", "SNA_CONNECTION_FAILED"}, {"error_description", "Connection cancelled - time out"}}));
+  EXPECT_TRUE(outcome.hops.empty());
   EXPECT_TRUE(operatorChain->recentRequests().empty());
+  EXPECT_EQ(decoy->acceptedCount(), 1U) << "only the unpinned check reached the decoy";
+}
+
+TEST_F(ZavloSilentAuthNamespaceTest, AHopWaitingForTheCellularLinkGoesOnWhenItComesBack) {
+  network->client().ip({"link", "set", ZavloDecoyNetwork::kCellularLink, "down"});
+  std::size_t requestsWhileDown = 0;
+  std::string restoreProblem;
+  std::thread restore([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    requestsWhileDown = operatorChain->recentRequests().size();
+    try {
+      network->client().ip({"link", "set", ZavloDecoyNetwork::kCellularLink, "up"});
+      // Taking the link down took its routes with it.
+      network->client().ip({"route", "replace", "default", "via", ZavloDecoyNetwork::kCellularGateway, "dev",
+                            ZavloDecoyNetwork::kCellularLink, "metric", "200"});
+    } catch (const std::exception& error) {
+      restoreProblem = error.what();
+    }
+  });
+  const auto outcome = chainFromClient(2);
+  restore.join();
+  ASSERT_EQ(restoreProblem, "");
+  EXPECT_EQ(requestsWhileDown, 0U) << "nothing reached the operator while the link was down";
+  EXPECT_EQ(outcome.only(), (json{{"httpStatusCode", 200}, {"snaToken", "operator-token"}}));
+  EXPECT_EQ(operatorChain->recentRequests().size(), 2U);
   EXPECT_EQ(decoy->acceptedCount(), 1U) << "only the unpinned check reached the decoy";
 }
 

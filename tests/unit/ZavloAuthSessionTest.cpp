@@ -100,6 +100,53 @@ TEST(ZavloAuthSession, FailedPreflightKeepsTheEarlierSessionAndReportsTheMappedE
                   {"sdkVersion", "1.1.1"}}));
 }
 
+// Telemetry does not depend on anyone waiting for the answer.
+TEST(ZavloAuthSession, WithoutACompletionTheOperationsStillRunAndSendTheirEvents) {
+  ZavloNativeGraph graph;
+  graph.wrapper.setup(graph.screen, ZavloAuthEnvironment::development);
+  graph.requests->initialize("quiet", graph.screen, nullptr);
+  graph.platform.runUntilIdle();
+  EXPECT_EQ(graph.requests->sessionSnapshot().storedRequestId, "quiet");
+  EXPECT_EQ(graph.eventNames(), (std::vector<std::string>{"INIT_AUTH", "INIT_AUTH_RESPONSE"}));
+  EXPECT_EQ(graph.events()[1].at("status"), "SUCCESS");
+
+  graph.platform.connections().script("op.test", 80,
+                                      ZavloTestConnectionScript::answering("HTTP/1.1 404 Not Found\r\n\r\n"));
+  graph.requests->startSilentNetworkAuth("http://op.test/", nullptr);
+  graph.platform.runUntilIdle();
+  graph.setPath(kWifiOnly);
+  graph.requests->initialize("failing", graph.screen, nullptr);
+  graph.platform.runUntilIdle();
+
+  const auto events = graph.events();
+  ASSERT_EQ(events.size(), 7U);
+  EXPECT_EQ(graph.eventNames(), (std::vector<std::string>{"INIT_AUTH", "INIT_AUTH_RESPONSE", "START_AUTH", "SNA_HOP",
+                                                          "START_AUTH_RESPONSE", "INIT_AUTH", "INIT_AUTH_RESPONSE"}));
+  EXPECT_EQ(events[4].at("metaData").at("errorMessage"), "Unexpected HTTP Status 404");
+  EXPECT_EQ(events[6].at("status"), "FAILURE");
+  EXPECT_EQ(events[6].at("metaData").at("errorCode"), "SNA_CELLULAR_UNAVAILABLE");
+}
+
+TEST(ZavloAuthSession, ASessionWithoutARequestIdSendsEventsWithoutTheKey) {
+  ZavloNativeGraph graph;
+  graph.wrapper.setup(graph.screen, ZavloAuthEnvironment::development);
+  graph.platform.connections().script(
+      "op.test", 80, ZavloTestConnectionScript::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"t\"}"));
+  ZavloCompletions done;
+  graph.wrapper.initAuth({{"entityId", "tenant"}}, done.collect(graph.platform));
+  graph.platform.runUntilIdle();
+  graph.wrapper.startAuth("http://op.test/", done.collect(graph.platform));
+  graph.platform.runUntilIdle();
+  ASSERT_EQ(done.results.size(), 2U);
+  ASSERT_TRUE(done.results[1]) << done.results[1].error().errorMessage();
+
+  EXPECT_EQ(graph.eventNames(), (std::vector<std::string>{"INIT_AUTH", "INIT_AUTH_RESPONSE", "START_AUTH", "SNA_HOP",
+                                                          "START_AUTH_RESPONSE"}));
+  for (const auto& event : graph.events()) {
+    EXPECT_FALSE(event.contains("requestId")) << event.dump();
+  }
+}
+
 TEST(ZavloAuthSession, NoSatisfiedPathFailsAtTheTimeOutOfVirtualTime) {
   ZavloNativeGraph graph;
   graph.wrapper.setup(graph.screen, ZavloAuthEnvironment::development);

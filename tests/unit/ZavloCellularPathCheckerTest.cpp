@@ -28,7 +28,7 @@ class ZavloCellularPathCheckerTest : public ::testing::Test {
   std::shared_ptr<Verdicts> check(ZavloCellularPathChecker& checker) {
     auto verdicts = std::make_shared<Verdicts>();
     checker.requireDefaultPathIsCellular([this, verdicts](Verdict verdict) {
-      verdicts->received.push_back(std::move(verdict));
+      verdicts->received.push_back(verdict);
       verdicts->onMainQueue.push_back(platform.mainQueue().isCurrent());
     });
     return verdicts;
@@ -81,7 +81,7 @@ TEST_F(ZavloCellularPathCheckerTest, WithoutASatisfiedPathFailsAtExactlyTwoSecon
     local.pathMonitors().setStartMode(mode);
     local.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::unsatisfiedPath());
     std::vector<Verdict> verdicts;
-    localChecker.requireDefaultPathIsCellular([&](Verdict verdict) { verdicts.push_back(std::move(verdict)); });
+    localChecker.requireDefaultPathIsCellular([&](Verdict verdict) { verdicts.push_back(verdict); });
 
     local.advanceBy(1s);
     local.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::unsatisfiedPath());
@@ -175,7 +175,7 @@ TEST(ZavloCellularPathChecker, UpdatesAfterTheVerdictAreIgnored) {
   TalkativePlatform platform;
   ZavloCellularPathChecker checker(platform);
   std::vector<Verdict> verdicts;
-  checker.requireDefaultPathIsCellular([&](Verdict verdict) { verdicts.push_back(std::move(verdict)); });
+  checker.requireDefaultPathIsCellular([&](Verdict verdict) { verdicts.push_back(verdict); });
   ASSERT_TRUE(platform.monitor);
   platform.monitor->deliver(ZavloTestPathMonitorController::satisfiedPath({kCellular}));
   platform.monitor->deliver(ZavloTestPathMonitorController::satisfiedPath({kWifi}));
@@ -186,6 +186,18 @@ TEST(ZavloCellularPathChecker, UpdatesAfterTheVerdictAreIgnored) {
   ASSERT_EQ(verdicts.size(), 1U);
   EXPECT_TRUE(verdicts[0].hasValue());
   EXPECT_EQ(platform.monitor->cancels, 1);
+
+  // The time-out's verdict first, then a satisfied path with cellular: still one verdict.
+  std::vector<Verdict> timedOut;
+  checker.requireDefaultPathIsCellular([&](Verdict verdict) { timedOut.push_back(verdict); });
+  platform.base.advanceBy(ZavloCellularPathChecker::kTimeout);
+  ASSERT_EQ(timedOut.size(), 1U);
+  platform.monitor->deliver(ZavloTestPathMonitorController::satisfiedPath({kCellular}));
+  platform.monitor->deliver(ZavloTestPathMonitorController::satisfiedPath({kCellular}));
+  platform.base.advanceBy(3s);
+  ASSERT_EQ(timedOut.size(), 1U);
+  EXPECT_FALSE(timedOut[0].hasValue());
+  EXPECT_EQ(platform.monitor->cancels, 1) << "the second check's own monitor, cancelled once";
 }
 
 TEST(ZavloCellularPathChecker, MapsEachErrorToTheExceptionTheCallerReports) {

@@ -2,6 +2,7 @@
 // preflight, the cellular client hop by hop over scripted connections, telemetry.
 #include <gtest/gtest.h>
 
+#include "Cellular/ZavloCellularPathChecker.hpp"
 #include "ZavloNativeGraph.hpp"
 
 using nlohmann::json;
@@ -49,7 +50,7 @@ TEST_F(ZavloSilentAuthFlow, FollowsRedirectsOverCellularOnlyConnectionsToTheToke
   connections.script("op.test", 80,
                      Script::answering("HTTP/1.1 302 Found\r\nLocation: https://op.test:8443/b?x=1\r\n\r\n"));
   connections.script("op.test", 8443, Script::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"tok\"}"));
-  const auto done = start("  HTTP://op.test/start\n");
+  const auto done = start("  http://op.test/start\n");
 
   ASSERT_EQ(done.results.size(), 1U);
   EXPECT_TRUE(done.onMainQueue[0]);
@@ -95,7 +96,8 @@ TEST_F(ZavloSilentAuthFlow, FollowsRedirectsOverCellularOnlyConnectionsToTheToke
 }
 
 TEST_F(ZavloSilentAuthFlow, BadUrlsAndMissingSessionsFailAtOnceWithoutTelemetry) {
-  for (const auto* url : {"", "   \n", "ftp://op.test/x", "no url at all", "op.test/path", "http://op.test:99999/"}) {
+  for (const auto* url :
+       {"", "   \n", "ftp://op.test/x", "no url at all", "op.test/path", "http://op.test:99999/", "//op.test/x"}) {
     ZavloCompletions done;
     graph.wrapper.startSNA(url, done.collect(graph.platform));
     ASSERT_EQ(done.results.size(), 1U) << url;
@@ -110,6 +112,61 @@ TEST_F(ZavloSilentAuthFlow, BadUrlsAndMissingSessionsFailAtOnceWithoutTelemetry)
   graph.platform.runUntilIdle();
   EXPECT_TRUE(flowEvents().empty());
   EXPECT_EQ(graph.platform.connections().count(), 0U);
+}
+
+// A URL with a scheme but no host passes the URL check: the flow runs (events, preflight)
+// and the client refuses it before any connection.
+TEST_F(ZavloSilentAuthFlow, AUrlWithoutAHostEndsInTheClientAfterTheStartEventAndThePreflight) {
+  const auto monitorsBefore = graph.platform.pathMonitors().startedCount();
+  for (const auto* url : {"http://", "https:///path"}) {
+    const auto done = start(url);
+    ASSERT_EQ(done.results.size(), 1U) << url;
+    EXPECT_EQ(done.results[0].error(),
+              ZavloAuthException::failure("SNA_CELLULAR_REQUEST_FAILED", "No scheme or host found"))
+        << url;
+  }
+  EXPECT_EQ(graph.platform.pathMonitors().startedCount(), monitorsBefore + 2) << "one preflight per call";
+  EXPECT_EQ(graph.platform.connections().count(), 0U);
+  const auto events = flowEvents();
+  ASSERT_EQ(events.size(), 4U);
+  EXPECT_EQ(events[0].at("eventName"), "START_AUTH");
+  EXPECT_EQ(events[1].at("eventName"), "START_AUTH_RESPONSE");
+  EXPECT_EQ(events[1].at("failureReason"), "No scheme or host found");
+  EXPECT_EQ(events[1].at("metaData").at("errorCode"), "SNA_CELLULAR_REQUEST_FAILED");
+}
+
+// The URL check reads the scheme in lower case; the connection is made only for a scheme
+// that begins with "http" as written.
+TEST_F(ZavloSilentAuthFlow, ASchemeInCapitalsPassesTheCheckButMakesNoConnection) {
+  graph.platform.connections().script("op.test", 443, Script::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"t\"}"));
+  const auto done = start(" HTTPS://op.test/x ");
+  ASSERT_EQ(done.results.size(), 1U);
+  EXPECT_EQ(done.results[0].error(),
+            ZavloAuthException::failure("SNA_CONNECTION_FAILED", "Problem creating a connection HTTPS://op.test/x"));
+  EXPECT_EQ(graph.platform.connections().count(), 0U);
+  const auto events = flowEvents();
+  ASSERT_EQ(events.size(), 2U) << "no hop";
+  EXPECT_EQ(events[0].at("eventName"), "START_AUTH");
+  EXPECT_EQ(events[1].at("metaData").at("errorCode"), "SNA_CONNECTION_FAILED");
+}
+
+// "//host/path" names a host and no scheme: a URL in its own right, not a reference the
+// client resolves against the hop's URL.
+TEST_F(ZavloSilentAuthFlow, ALocationWithAHostButNoSchemeEndsTheChain) {
+  auto& connections = graph.platform.connections();
+  // Resolved against the hop's URL, the Location would lead to the token.
+  connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 302 Found\r\nLocation: //op.test/next\r\n\r\n"));
+  connections.script("op.test", 80, Script::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"t\"}"));
+  const auto done = start("http://op.test/");
+  ASSERT_EQ(done.results.size(), 1U);
+  EXPECT_EQ(done.results[0].error(),
+            ZavloAuthException::failure("SNA_CELLULAR_REQUEST_FAILED", "URL has no Host or Scheme"));
+  EXPECT_EQ(connections.count(), 1U);
+  const auto events = flowEvents();
+  ASSERT_EQ(events.size(), 3U);
+  EXPECT_EQ(events[1].at("eventName"), "SNA_HOP");
+  EXPECT_EQ(events[1].at("metaData").at("responseUrl"), "//op.test/next");
+  EXPECT_EQ(events[2].at("metaData").at("errorMessage"), "URL has no Host or Scheme");
 }
 
 TEST_F(ZavloSilentAuthFlow, FallsBackOnceFromIPv6ToAnyVersion) {
@@ -209,5 +266,64 @@ TEST_F(ZavloSilentAuthFlow, PreflightFailureIsReportedAfterTheStartEvent) {
   EXPECT_EQ(events[0].at("eventName"), "START_AUTH");
   EXPECT_EQ(events[1].at("status"), "FAILURE");
   EXPECT_EQ(events[1].at("authType"), "SNA");
+  EXPECT_EQ(events[1].at("metaData"), ZavloAuthRequestManager::failureMetaData(ZavloCellularPathChecker::authException(
+                                          ZavloCellularPathChecker::PreflightError::noCellularNetwork)));
   EXPECT_EQ(graph.platform.connections().count(), 0U);
+
+  // Every preflight exception has a code today; one without would still be reported with
+  // the key, empty.
+  EXPECT_EQ(ZavloAuthRequestManager::failureMetaData(ZavloAuthException::failure(std::nullopt, "no code")),
+            (json{{"errorCode", ""}, {"errorMessage", "no code"}, {"sdkVersion", "1.1.1"}}));
+}
+
+// The SNA names are the same operations: the same scripted network gives the same results
+// and the same events through either pair.
+TEST(ZavloSilentAuthAliases, InitSnaAndStartSnaBehaveExactlyAsInitAuthAndStartAuth) {
+  using Run = std::pair<std::vector<json>, std::vector<json>>;  // results, events
+  const auto run = [](bool snaNames) {
+    ZavloNativeGraph graph;
+    graph.wrapper.setup(graph.screen, ZavloAuthEnvironment::development);
+    auto& connections = graph.platform.connections();
+    connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 302 Found\r\nLocation: /final\r\n\r\n"));
+    connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"t\"}"));
+    connections.scriptNext("op.test", 80, Script::answering("HTTP/1.1 401 Unauthorized\r\n\r\n{\"x\":1}"));
+    ZavloCompletions done;
+    const auto init = [&](const json& config) {
+      snaNames ? graph.wrapper.initSNA(config, done.collect(graph.platform))
+               : graph.wrapper.initAuth(config, done.collect(graph.platform));
+      graph.platform.runUntilIdle();
+    };
+    const auto startChain = [&](const std::string& url) {
+      snaNames ? graph.wrapper.startSNA(url, done.collect(graph.platform))
+               : graph.wrapper.startAuth(url, done.collect(graph.platform));
+      graph.platform.runUntilIdle();
+    };
+    startChain("http://op.test/");  // no session yet
+    init({{"requestId", "alias"}});
+    startChain("http://op.test/");
+    startChain("http://op.test/");
+    startChain("ftp://op.test/");
+    graph.setPath({{"wlan0", ZavloInterfaceType::wifi}});
+    init({{"requestId", "again"}});
+    startChain("http://op.test/");
+
+    Run outcome;
+    for (const auto& result : done.results) {
+      outcome.first.push_back(result ? result.value() : json(result.error()));
+    }
+    for (auto event : graph.events()) {
+      event.erase("txnid");  // made fresh for every event
+      event.erase("timestamp");
+      outcome.second.push_back(std::move(event));
+    }
+    return outcome;
+  };
+  const Run auth = run(false);
+  const Run sna = run(true);
+  ASSERT_EQ(auth.first.size(), 7U);
+  EXPECT_EQ(auth.first[2], (json{{"status", "SUCCESS"}, {"httpStatusCode", 200}, {"snaToken", "t"}}));
+  EXPECT_EQ(auth.first[3], (json{{"status", "FAILURE"}, {"httpStatusCode", 401}}));
+  EXPECT_EQ(sna.first, auth.first);
+  EXPECT_EQ(sna.second.size(), 13U);
+  EXPECT_EQ(sna.second, auth.second);
 }

@@ -86,6 +86,56 @@ TEST(ZavloCellularSnaClientResponse, RedirectTargets) {
   EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: /x\nX: y\r\n"), "<none>") << "a bare LF ends the value";
   EXPECT_EQ(target("HTTP/1.1 302 Found\r\nLocation: http://h:99999/\r\n\r\n"), "<none>") << "port out of range";
   EXPECT_FALSE(Client::parseRedirect(url("file:///x"), "HTTP/1.1 302 X\r\nLocation: /y\r\n\r\n"));
+
+  // A reference that names a host is not resolved, though it has no scheme; nor is a URL
+  // with a scheme, though it has no host: both are followed as they are, and the next hop
+  // refuses them.
+  const auto followed = [&](const char* response) {
+    auto redirect = Client::parseRedirect(base, response);
+    EXPECT_TRUE(redirect && redirect->url) << response;
+    return redirect && redirect->url ? *redirect->url : base;
+  };
+  const auto networkPath = followed("HTTP/1.1 302 Found\r\nLocation: //other.test/p?q=1\r\n\r\n");
+  EXPECT_EQ(networkPath.absoluteString(), "//other.test/p?q=1");
+  EXPECT_EQ(networkPath.scheme(), "");
+  EXPECT_EQ(networkPath.host(), "other.test");
+  const auto hostless = followed("HTTP/1.1 302 Found\r\nLocation: http://\r\n\r\n");
+  EXPECT_EQ(hostless.absoluteString(), "http://");
+  EXPECT_EQ(hostless.scheme(), "http");
+  EXPECT_EQ(hostless.host(), "");
+}
+
+// libcurl's URL API parses and resolves; what it would refuse or repair, the client judges
+// as a URL with a scheme and no host, or a host and no scheme.
+TEST(ZavloUrl, SchemesStayAsWrittenAndAUrlMayLackItsHostOrItsScheme) {
+  const auto upper = url("HTTPS://Op.Test:8443/a?b=1");
+  EXPECT_EQ(upper.scheme(), "HTTPS");
+  EXPECT_EQ(upper.host(), "Op.Test");
+  EXPECT_EQ(upper.port(), 8443);
+  EXPECT_EQ(upper.absoluteString(), "HTTPS://Op.Test:8443/a?b=1");
+  const auto resolved = ZavloUrl::resolve(url("HtTp://op.test/a/b"), "../c");
+  ASSERT_TRUE(resolved);
+  EXPECT_EQ(resolved->scheme(), "HtTp");
+  EXPECT_EQ(resolved->absoluteString(), "HtTp://op.test/c");
+
+  for (const auto* text : {"http://", "https://:443/", "http://user@/x", "http:///path", "http:x", "http:/x"}) {
+    const auto parsed = ZavloUrl::parse(text);
+    ASSERT_TRUE(parsed) << text;
+    EXPECT_EQ(parsed->scheme(), "http" + std::string(text[4] == 's' ? "s" : "")) << text;
+    EXPECT_EQ(parsed->host(), "") << text;
+    EXPECT_EQ(parsed->absoluteString(), text);
+  }
+  const auto networkPath = ZavloUrl::parse("//op.test:8080/a%20b?c");
+  ASSERT_TRUE(networkPath);
+  EXPECT_EQ(networkPath->scheme(), "");
+  EXPECT_EQ(networkPath->host(), "op.test");
+  EXPECT_EQ(networkPath->port(), 8080);
+  EXPECT_EQ(networkPath->decodedPath(), "/a b");
+  EXPECT_EQ(networkPath->query(), "c");
+
+  for (const auto* text : {"", "/relative", "op.test/path", "://op.test/", "http://op test/", "//op test/"}) {
+    EXPECT_FALSE(ZavloUrl::parse(text)) << text;
+  }
 }
 
 TEST(ZavloCellularSnaClientResponse, DictionariesForErrorsAndFinalAnswers) {
@@ -117,7 +167,7 @@ struct Judged {
   std::vector<std::shared_ptr<ZavloAuthEventLog>> events;
 };
 
-Judged judge(const char* requestUrl, std::string response, std::optional<ZavloConnectionError> error = {}) {
+Judged judge(const char* requestUrl, std::string response, const std::optional<ZavloConnectionError>& error = {}) {
   ZavloTestPlatform platform;
   Judged judged;
   auto client = Client::create(platform, [&](auto event) { judged.events.push_back(std::move(event)); });

@@ -195,7 +195,9 @@ TEST_F(ZavloTestConnectionTest, InterfacesAreThoseOfThePathWhenTheConnectionStar
   EXPECT_EQ(observed.received, (std::vector<std::string>{"HTTP/1.1 200 OK\r\n\r\n"}));
 }
 
-TEST_F(ZavloTestConnectionTest, WithoutAnAllowedInterfaceTheScriptIsIgnoredAndPendingWorkFails) {
+// As a real platform: no allowed interface means waiting, with the work asked meanwhile
+// pending, until the path offers one; then the script runs as if just started.
+TEST_F(ZavloTestConnectionTest, WithoutAnAllowedInterfaceItWaitsUntilThePathOffersOne) {
   platform.connections().script("op.test", 80, ZavloTestConnectionScript::answering("HTTP/1.1 200 OK\r\n\r\n"));
   platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi, kEthernet}));
   auto connection = platform.makeConnection("op.test", 80, cellularOnly());
@@ -206,14 +208,23 @@ TEST_F(ZavloTestConnectionTest, WithoutAnAllowedInterfaceTheScriptIsIgnoredAndPe
     observed.stateError = error;
   });
   connection->start(platform.mainQueue());
-  platform.runUntilIdle();
-  const ZavloConnectionError expected{ENETUNREACH, "No usable cellular interface"};
-  EXPECT_EQ(observed.states, (std::vector<State>{State::preparing, State::failed}));
-  EXPECT_EQ(observed.stateError, expected);
-  EXPECT_EQ(observed.sends, (std::vector<std::optional<ZavloConnectionError>>{expected}));
-  EXPECT_EQ(observed.receiveError, expected);
-  EXPECT_EQ(observed.received, (std::vector<std::string>{""}));
+  platform.advanceBy(1h);
+  EXPECT_EQ(observed.states, (std::vector<State>{State::preparing, State::waiting}));
+  EXPECT_EQ(observed.stateError, (ZavloConnectionError{ENETUNREACH, "No usable cellular interface"}));
+  EXPECT_TRUE(observed.sends.empty());
+  EXPECT_TRUE(observed.received.empty());
   EXPECT_FALSE(platform.connections().last()->usedInterface());
+
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi}));
+  platform.runUntilIdle();
+  EXPECT_EQ(observed.states.size(), 2U) << "still no cellular interface";
+
+  platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath({kWifi, kCellular}));
+  platform.runUntilIdle();
+  EXPECT_EQ(observed.states, (std::vector<State>{State::preparing, State::waiting, State::preparing, State::ready}));
+  EXPECT_EQ(platform.connections().last()->usedInterface(), kCellular);
+  EXPECT_EQ(observed.sends, (std::vector<std::optional<ZavloConnectionError>>{std::nullopt}));
+  EXPECT_EQ(observed.received, (std::vector<std::string>{"HTTP/1.1 200 OK\r\n\r\n"}));
 }
 
 TEST_F(ZavloTestConnectionTest, UnrestrictedConnectionTakesTheFirstInterfaceOrNoneAndFollowsItsScript) {
