@@ -4,6 +4,7 @@
 #include "Platform/Linux/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
 #include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
+#include "Platform/Linux/ZavloLinuxTokenKeyStore.hpp"
 
 #include <pwd.h>
 #include <sys/stat.h>
@@ -20,6 +21,7 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
       keychainPath_(options.keychainPath.value_or(defaultKeychainPath())),
       keychainOptions_(std::move(options.keychain)),
       defaultKeychain_(!options.keychainPath),
+      keyToken_(std::move(options.keyToken)),
       ownerAuthentication_(std::move(options.ownerAuthentication)),
       connections_(classifier_) {}
 
@@ -74,10 +76,22 @@ ZavloLinuxKeychain& ZavloLinuxPlatform::linuxKeychain() {
       }
       options.createDirectory = true;
     }
+    auto trace = options.trace;
     keychain_ = std::make_shared<ZavloLinuxKeychain>(keychainPath_, std::move(options));
-    secureKeys_ = std::make_unique<ZavloLinuxSecureKeys>(keychain_);
+    if (!keyToken_) {
+      secureKeys_ = std::make_unique<ZavloLinuxSecureKeys>(keychain_);
+      return;
+    }
+    auto token = std::make_shared<ZavloLinuxPkcs11Token>(*keyToken_, ZavloLinuxPkcs11Token::Options{std::move(trace)});
+    tokenKeychain_ = std::make_unique<ZavloLinuxTokenKeychain>(token, keychain_);
+    secureKeys_ = std::make_unique<ZavloLinuxTokenSecureKeys>(std::move(token));
   });
   return *keychain_;
+}
+
+ZavloKeychain& ZavloLinuxPlatform::keychain() {
+  auto& file = linuxKeychain();
+  return tokenKeychain_ ? *tokenKeychain_ : static_cast<ZavloKeychain&>(file);
 }
 
 ZavloSecureKeys& ZavloLinuxPlatform::secureKeys() {

@@ -31,8 +31,13 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// a path given here must be in a folder that exists. Nothing is opened or created
     /// before the first keychain operation.
     std::optional<std::string> keychainPath = {};
-    /// Keychain tracing and failure descriptions (createDirectory applies to a given path).
+    /// Keychain tracing and failure descriptions (createDirectory applies to a given path);
+    /// the trace also receives a key token's failures.
     ZavloLinuxKeychain::Options keychain = {};
+    /// A PKCS#11 URI (RFC 7512): binding keys are then generated and used inside that
+    /// token, and only the other keychain items stay in the keychain file. Absent: keys
+    /// are software keys kept in the keychain file.
+    std::optional<std::string> keyToken = {};
     /// How the device owner is authenticated: PAM by default.
     ZavloLinuxOwnerAuthentication::Options ownerAuthentication = {};
     /// The main queue: every completion, connection event, timer and prompt reply of the
@@ -52,10 +57,11 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
                                                   ZavloConnectionParameters parameters) override;
   /// The key store opens its file on first use; a file that cannot be used makes every
   /// operation fail with a status (the keychain's lastFailure() says why).
-  ZavloKeychain& keychain() override { return linuxKeychain(); }
+  ZavloKeychain& keychain() override;
   ZavloSecureKeys& secureKeys() override;
   std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override;
 
+  /// The keychain file (with a key token: the items other than keys).
   ZavloLinuxKeychain& linuxKeychain();
   ZavloLinuxOwnerAuthentication& ownerAuthentication() { return ownerAuthentication_; }
   /// The default key store path for this user (see Options::keychainPath).
@@ -76,7 +82,9 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   ZavloLinuxKeychain::Options keychainOptions_;
   bool defaultKeychain_;
   std::once_flag keyStoreOpened_;
+  std::optional<std::string> keyToken_;
   std::shared_ptr<ZavloLinuxKeychain> keychain_;
+  std::unique_ptr<ZavloKeychain> tokenKeychain_;  // only with a key token
   std::unique_ptr<ZavloSecureKeys> secureKeys_;
   ZavloLinuxOwnerAuthentication ownerAuthentication_;
   ZavloLinuxConnectionService connections_;  // last: its I/O thread stops first

@@ -4,24 +4,14 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
+#include "Platform/Linux/ZavloLinuxKeyRequest.hpp"
 #include "Platform/Linux/ZavloLinuxSecureKey.hpp"
 
 namespace {
 
-namespace Key = ZavloKeychainKey;
 namespace Status = ZavloKeychainStatus;
 
 constexpr std::size_t kPointSize = 65;  // 0x04, X, Y of P-256
-
-// The public half of a key: its uncompressed point, checked when it was copied.
-class ZavloLinuxPublicKey final : public ZavloPublicKey {
- public:
-  explicit ZavloLinuxPublicKey(ZavloBytes point) : point_(std::move(point)) {}
-  [[nodiscard]] const ZavloBytes& point() const { return point_; }
-
- private:
-  ZavloBytes point_;
-};
 
 ZavloFailure<ZavloSecureKeyError> failure(std::int64_t code, std::string description) {
   return zavloFailure(ZavloSecureKeyError{code, std::move(description)});
@@ -56,17 +46,6 @@ std::optional<ZavloBytes> uncompressedPoint(const EVP_PKEY* key) {
   return point;
 }
 
-bool isKnownProtection(const std::string& protection) {
-  return protection == Key::kSecAttrAccessibleWhenUnlockedThisDeviceOnly ||
-         protection == Key::kSecAttrAccessibleAfterFirstUnlockThisDeviceOnly;
-}
-
-// Present with another type than T counts as malformed.
-template <class T>
-bool wellTyped(const ZavloKeychainAttributes& attributes, std::string_view name) {
-  return !attributes.contains(name) || attributes.find<T>(name) != nullptr;
-}
-
 }  // namespace
 
 ZavloLinuxSecureKeys::ZavloLinuxSecureKeys(std::shared_ptr<ZavloLinuxKeychain> keychain)
@@ -74,62 +53,21 @@ ZavloLinuxSecureKeys::ZavloLinuxSecureKeys(std::shared_ptr<ZavloLinuxKeychain> k
 
 ZavloSecureKeyResult<std::shared_ptr<const ZavloAccessControl>> ZavloLinuxSecureKeys::createAccessControl(
     const std::string& protection, std::uint64_t flags) {
-  namespace Flags = ZavloAccessControlFlags;
-  constexpr std::uint64_t known =
-      Flags::biometryCurrentSet | Flags::devicePasscode | Flags::orFlag | Flags::privateKeyUsage;
-  if (!isKnownProtection(protection)) return badParameter("Access control: unknown protection \"" + protection + "\"");
-  if ((flags & ~known) != 0) return badParameter("Access control: unknown flags " + std::to_string(flags & ~known));
-  return std::make_shared<const ZavloAccessControl>(ZavloAccessControl{protection, flags});
+  return zavloLinuxAccessControl(protection, flags);
 }
 
 ZavloSecureKeyResult<std::shared_ptr<ZavloSecureKey>> ZavloLinuxSecureKeys::createRandomKey(
     const ZavloKeychainAttributes& attributes) {
-  const auto* type = attributes.find<std::string>(Key::kSecAttrKeyType);
-  if (type == nullptr || *type != Key::kSecAttrKeyTypeECSECPrimeRandom) {
-    return badParameter("Key creation: kSecAttrKeyType must be kSecAttrKeyTypeECSECPrimeRandom");
-  }
-  if (const auto* size = attributes.find<std::int64_t>(Key::kSecAttrKeySizeInBits);
-      !wellTyped<std::int64_t>(attributes, Key::kSecAttrKeySizeInBits) || (size != nullptr && *size != 256)) {
-    return badParameter("Key creation: only 256-bit keys (P-256) are made");
-  }
-  // This store stands in for the secure element that the token names.
-  if (const auto* token = attributes.find<std::string>(Key::kSecAttrTokenID);
-      !wellTyped<std::string>(attributes, Key::kSecAttrTokenID) ||
-      (token != nullptr && *token != Key::kSecAttrTokenIDSecureEnclave)) {
-    return badParameter("Key creation: unknown kSecAttrTokenID");
-  }
-  using Nested = std::shared_ptr<const ZavloKeychainAttributes>;
-  const auto* nested = attributes.find<Nested>(Key::kSecPrivateKeyAttrs);
-  if (!wellTyped<Nested>(attributes, Key::kSecPrivateKeyAttrs) || (nested != nullptr && *nested == nullptr)) {
-    return badParameter("Key creation: kSecPrivateKeyAttrs must be a dictionary");
-  }
-  const ZavloKeychainAttributes noAttributes;
-  const ZavloKeychainAttributes& privateAttributes = nested != nullptr ? **nested : noAttributes;
-  if (!wellTyped<bool>(privateAttributes, Key::kSecAttrIsPermanent) ||
-      !wellTyped<ZavloBytes>(privateAttributes, Key::kSecAttrApplicationTag) ||
-      !wellTyped<std::shared_ptr<const ZavloAccessControl>>(privateAttributes, Key::kSecAttrAccessControl)) {
-    return badParameter("Key creation: a private-key attribute has a value of the wrong type");
-  }
-  const auto* permanent = privateAttributes.find<bool>(Key::kSecAttrIsPermanent);
-  const bool stored = permanent != nullptr && *permanent;
-  if (stored && privateAttributes.find<ZavloBytes>(Key::kSecAttrApplicationTag) == nullptr) {
-    return badParameter("Key creation: a permanent key needs kSecAttrApplicationTag");
-  }
+  auto request = ZavloLinuxKeyRequest::parse(attributes);
+  if (!request) return zavloFailure(std::move(request).error());
 
   EVP_PKEY* raw = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
   if (raw == nullptr) return opensslFailure("P-256 key generation");
   auto key = std::shared_ptr<ZavloLinuxSecureKey>(
       new ZavloLinuxSecureKey(std::shared_ptr<evp_pkey_st>(raw, EVP_PKEY_free), nullptr));
 
-  if (stored) {
-    // The item carries the key's attributes, the private ones flattened beside them.
-    ZavloKeychainAttributes item;
-    for (const auto& [name, value] : attributes) {
-      if (name != Key::kSecPrivateKeyAttrs) item.emplace(name, value);
-    }
-    for (const auto& [name, value] : privateAttributes) item.insert_or_assign(name, value);
-    item.emplace(Key::kSecAttrKeySizeInBits, std::int64_t{256});
-    if (const auto status = keychain_->addKey(item, *key); status != Status::success) {
+  if (request.value().permanent) {
+    if (const auto status = keychain_->addKey(request.value().item, *key); status != Status::success) {
       return failure(status,
                      "Key creation: storing the key in the keychain failed with status " + std::to_string(status));
     }

@@ -13,6 +13,10 @@ namespace Status = ZavloKeychainStatus;
 template <class Factory>
 class ZavloKeychainContractTest : public ::testing::Test {
  protected:
+  void SetUp() override {
+    if (const auto why = Factory::unavailable()) GTEST_SKIP() << *why;
+  }
+
   Factory factory;
   ZavloKeychain& keychain() { return factory.keychain(); }
 

@@ -16,6 +16,10 @@ constexpr auto kEs256 = ZavloSecureKeys::kSecKeyAlgorithmECDSASignatureMessageX9
 template <class Factory>
 class ZavloSecureKeysContractTest : public ::testing::Test {
  protected:
+  void SetUp() override {
+    if (const auto why = Factory::unavailable()) GTEST_SKIP() << *why;
+  }
+
   Factory factory;
   ZavloSecureKeys& keys() { return factory.secureKeys(); }
 

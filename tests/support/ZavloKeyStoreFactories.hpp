@@ -8,12 +8,14 @@
 #include "Testing/ZavloTestSecureKeys.hpp"
 #include "ZavloFixedOwnerContext.hpp"
 #include "ZavloLinuxKeyStoreFactory.hpp"
+#include "ZavloSoftHsmKeyStoreFactory.hpp"
 
 /// The in-memory doubles the unit tests rely on; the contract suites hold them to the same
 /// rules as the real store, so a unit test cannot pass on behaviour Linux lacks.
 class ZavloInMemoryKeyStoreFactory {
  public:
   ZavloInMemoryKeyStoreFactory() : secureKeys_(keychain_) {}
+  static std::optional<std::string> unavailable() { return std::nullopt; }
 
   ZavloKeychain& keychain() { return keychain_; }
   ZavloSecureKeys& secureKeys() { return secureKeys_; }
@@ -31,4 +33,5 @@ class ZavloInMemoryKeyStoreFactory {
 };
 
 /// Every key store the keychain and secure-keys contract suites run on (test support).
-using ZavloKeyStoreFactories = ::testing::Types<ZavloLinuxKeyStoreFactory, ZavloInMemoryKeyStoreFactory>;
+using ZavloKeyStoreFactories =
+    ::testing::Types<ZavloLinuxKeyStoreFactory, ZavloSoftHsmKeyStoreFactory, ZavloInMemoryKeyStoreFactory>;

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "Platform/Linux/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
+#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 /// A fresh Linux key store for one contract test: an SQLite keychain in a private
 /// temporary directory and the OpenSSL keys over it (test support). Every key-store
@@ -17,6 +19,8 @@ class ZavloLinuxKeyStoreFactory {
   ZavloLinuxKeyStoreFactory()
       : keychain_(std::make_shared<ZavloLinuxKeychain>((directory_.path() / "keychain.db").string())),
         secureKeys_(keychain_) {}
+  /// Why this store cannot run here, or nothing.
+  static std::optional<std::string> unavailable() { return std::nullopt; }
 
   ZavloKeychain& keychain() { return *keychain_; }
   ZavloSecureKeys& secureKeys() { return secureKeys_; }
