@@ -193,6 +193,12 @@ ZavloLinuxPkcs11Token::ZavloLinuxPkcs11Token(std::string uri, Options options)
       options_(std::move(options)),
       parsed_(p11_kit_uri_new(), p11_kit_uri_free),
       modules_(std::make_unique<Modules>()) {
+  // Descriptions show the URI without a PIN written into it.
+  shownUri_ = uri_;
+  if (const auto start = shownUri_.find("pin-value="); start != std::string::npos) {
+    const auto end = shownUri_.find_first_of("&;", start);
+    shownUri_.replace(start, end == std::string::npos ? std::string::npos : end - start, "pin-value=(hidden)");
+  }
   uriFailure_ = uriProblem(uri_);
   if (!uriFailure_ && p11_kit_uri_parse(uri_.c_str(), P11_KIT_URI_FOR_ANY, parsed_.get()) != P11_KIT_URI_OK) {
     uriFailure_ = "it cannot be parsed";
@@ -283,7 +289,7 @@ std::optional<ZavloLinuxPkcs11Token::Failure> ZavloLinuxPkcs11Token::lastFailure
 }
 
 std::int32_t ZavloLinuxPkcs11Token::fail(std::int32_t status, std::string description) {
-  description = "PKCS#11 token " + uri_ + ": " + description;
+  description = "PKCS#11 token " + shownUri_ + ": " + description;
   lastFailure_ = Failure{status, description};
   pendingTrace_ = std::move(description);
   return status;
@@ -483,14 +489,22 @@ ZavloLinuxPkcs11Token::Result<ZavloLinuxPkcs11Token::KeyPair> ZavloLinuxPkcs11To
     const CK_BBOOL yes = CK_TRUE;
     const CK_BBOOL no = CK_FALSE;
     const CK_BBOOL onToken = permanent ? CK_TRUE : CK_FALSE;
+    // Each half does one thing: the public key verifies, the private key signs.
     const std::array publicTemplate{
-        attribute(CKA_TOKEN, onToken), attribute(CKA_PRIVATE, no),
-        attribute(CKA_VERIFY, yes),    attribute(CKA_EC_PARAMS, kP256Parameters.data(), kP256Parameters.size()),
-        attribute(CKA_ID, tag),        attribute(CKA_LABEL, tag),
+        attribute(CKA_TOKEN, onToken),
+        attribute(CKA_PRIVATE, no),
+        attribute(CKA_VERIFY, yes),
+        attribute(CKA_ENCRYPT, no),
+        attribute(CKA_WRAP, no),
+        attribute(CKA_DERIVE, no),
+        attribute(CKA_EC_PARAMS, kP256Parameters.data(), kP256Parameters.size()),
+        attribute(CKA_ID, tag),
+        attribute(CKA_LABEL, tag),
     };
     const std::array privateTemplate{
         attribute(CKA_TOKEN, onToken),  attribute(CKA_PRIVATE, yes), attribute(CKA_SENSITIVE, yes),
-        attribute(CKA_EXTRACTABLE, no), attribute(CKA_SIGN, yes),    attribute(CKA_ID, tag),
+        attribute(CKA_EXTRACTABLE, no), attribute(CKA_SIGN, yes),    attribute(CKA_DECRYPT, no),
+        attribute(CKA_UNWRAP, no),      attribute(CKA_DERIVE, no),   attribute(CKA_ID, tag),
         attribute(CKA_LABEL, tag),
     };
     CK_MECHANISM mechanism{CKM_EC_KEY_PAIR_GEN, nullptr, 0};

@@ -93,7 +93,6 @@ class ZavloLinuxPkcs11Token {
   /// Destroys a session key; permanent keys are left alone.
   void release(const KeyPair& key);
 
-  [[nodiscard]] const std::string& uri() const { return uri_; }
   [[nodiscard]] std::optional<Failure> lastFailure() const;
 
  private:
@@ -113,6 +112,7 @@ class ZavloLinuxPkcs11Token {
   Result<unsigned long> privateHandleLocked(const KeyPair& key);
 
   const std::string uri_;
+  std::string shownUri_;
   const Options options_;
   std::optional<std::string> uriFailure_;
   std::unique_ptr<p11_kit_uri, void (*)(p11_kit_uri*)> parsed_;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Core/ZavloAuthResponseUtils.hpp"
+#include "Platform/Linux/ZavloLinuxPkcs11Token.hpp"
 #include "ZavloCliKeychainTrace.hpp"
 #include "ZavloCliTelemetry.hpp"
 
@@ -46,7 +47,19 @@ std::string ownerNotice(const std::string& name) {
 
 }  // namespace
 
+std::optional<std::string> zavloCliKeyToken(const ZavloCliOptions& options) {
+  if (options.keystore && options.keystore->starts_with("pkcs11:")) return options.keystore;
+  return std::nullopt;
+}
+
 std::optional<std::string> zavloCliKeychainPath(const ZavloCliOptions& options) {
+  if (const auto token = zavloCliKeyToken(options)) {
+    // Keys stay in the token; the other items go to the keychain file.
+    if (const auto problem = ZavloLinuxPkcs11Token::uriProblem(*token)) {
+      throw CLI::ValidationError("--keystore", "the PKCS#11 URI cannot be used: " + *problem);
+    }
+    return options.keychain;
+  }
   if (options.keystore && options.keychain && *options.keystore != *options.keychain) {
     throw CLI::ValidationError("--keychain",
                                "keys are kept in the keychain file, so --keystore and --keychain must name the same "
@@ -62,6 +75,7 @@ ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
     ZavloLinuxPlatform::Options platformOptions;
     platformOptions.cellularInterfaces = options.cellularInterfaces;
     platformOptions.keychainPath = zavloCliKeychainPath(options);
+    platformOptions.keyToken = zavloCliKeyToken(options);
     platformOptions.keychain.trace = keyStoreFailure;
     platformOptions.ownerAuthentication.mode = ownerMode(options.ownerAuth);
     auto made = std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions));

@@ -49,9 +49,12 @@ struct ZavloCliContext {
   std::shared_ptr<ZavloAuthLogManager> logManager_;
 };
 
-/// The key store file the options name (--keystore or --keychain); absent for the default.
-/// Throws CLI::ValidationError when the two name different files.
+/// The keychain file the options name (--keystore or --keychain); absent for the default.
+/// Throws CLI::ValidationError when the two name different files, or when --keystore
+/// names a PKCS#11 token with a URI that cannot be used.
 std::optional<std::string> zavloCliKeychainPath(const ZavloCliOptions& options);
+/// The PKCS#11 URI of the token --keystore names (it starts with "pkcs11:"); absent for a file.
+std::optional<std::string> zavloCliKeyToken(const ZavloCliOptions& options);
 
 /// The Linux platform built from the global options (cellular interfaces, key store, owner
 /// authentication), installed, wrapped in the host's keychain trace, as the process-wide

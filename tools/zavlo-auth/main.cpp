@@ -14,8 +14,10 @@ void addGlobalOptions(CLI::App& app, ZavloCliOptions& options) {
   app.add_option("--cellular-interface", options.cellularInterfaces, "Treat this interface as cellular (repeatable)")
       ->allow_extra_args(false);
   app.add_option("--keystore", options.keystore,
-                 "Key store file (default: zavlo-auth/keychain.db in the user's data directory)");
-  app.add_option("--keychain", options.keychain, "Keychain file; keys are kept in it, so the same as --keystore");
+                 "Key store: a keychain file (default: zavlo-auth/keychain.db in the user's data directory), or "
+                 "a PKCS#11 token URI (pkcs11:token=...) that makes and keeps the keys");
+  app.add_option("--keychain", options.keychain,
+                 "Keychain file; with a key store file the same file, with a token the file of the other items");
   app.add_option("--owner-auth", options.ownerAuth, "How the device owner is authenticated: pam, allow or deny")
       ->check(CLI::IsMember({"pam", "allow", "deny"}));
   app.add_flag("-v,--verbose", options.verbose, "Trace hops and telemetry events on standard error");
