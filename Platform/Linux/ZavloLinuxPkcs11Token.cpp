@@ -619,8 +619,13 @@ std::int32_t ZavloLinuxPkcs11Token::destroy(const std::optional<ZavloBytes>& tag
     auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, tag);
     if (!privateKeys) return privateKeys.error().status;
     if (privateKeys.value().empty()) return Status::itemNotFound;
+    // Without a tag, each key's own tag finds its public half.
     std::vector<ZavloBytes> tags;
     for (const auto handle : privateKeys.value()) {
+      if (tag) {
+        tags.push_back(*tag);
+        continue;
+      }
       auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
       if (!id) return id.error().status;
       tags.push_back(std::move(id).value());

@@ -9,7 +9,7 @@
 #include "Platform/Linux/ZavloLinuxTokenKeyStore.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
-#include "ZavloSoftHsm.hpp"
+#include "Testing/Network/ZavloSoftHsm.hpp"
 
 /// A fresh token-backed key store for one contract test: keys in a SoftHSM2 token of its
 /// own, the other items in an SQLite keychain beside it (test support; see

@@ -12,7 +12,7 @@
 #include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 /// A SoftHSM2 token of a test's own: its configuration and token folder in a private
-/// temporary directory, initialised with softhsm2-util (test support). SOFTHSM2_CONF is set
+/// temporary directory, initialised with softhsm2-util (tests and benchmarks). SOFTHSM2_CONF is set
 /// for this process (SoftHSM2 reads it when a module is initialised) and given to child
 /// processes through environment().
 class ZavloSoftHsm {
