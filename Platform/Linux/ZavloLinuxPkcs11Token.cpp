@@ -568,18 +568,33 @@ ZavloLinuxPkcs11Token::Result<std::vector<ZavloLinuxPkcs11Token::KeyPair>> Zavlo
   });
 }
 
-ZavloLinuxPkcs11Token::Result<unsigned long> ZavloLinuxPkcs11Token::privateHandleLocked(const KeyPair& key) {
+ZavloLinuxPkcs11Token::Result<unsigned long> ZavloLinuxPkcs11Token::privateHandleLocked(const KeyPair& key,
+                                                                                        bool lookUp) {
   if (!key.permanent) {
     if (key.session == generation_ && sessionOpen_) return key.privateKey;
     const auto status = fail(Status::itemNotFound, "a session key ended with the session it was made in");
     return zavloFailure(Failure{status, lastFailure_->description});
   }
-  if (const auto cached = handles_.find(key.tag); cached != handles_.end()) return cached->second;
+  if (!lookUp && key.session == generation_ && sessionOpen_) return key.privateKey;
+  if (const auto cached = handles_.find(key.tag); !lookUp && cached != handles_.end()) return cached->second;
   auto found = findObjectsLocked(CKO_PRIVATE_KEY, key.tag);
   if (!found) return zavloFailure(found.error());
   if (found.value().empty()) {
     const auto status = fail(Status::itemNotFound, "the key is no longer in the token");
     return zavloFailure(Failure{status, lastFailure_->description});
+  }
+  // The key found by tag must still be this key: one made again under the same tag would
+  // sign challenges its enrolled public key does not verify.
+  if (!key.point.empty()) {
+    auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, key.tag);
+    if (!publicKeys) return zavloFailure(publicKeys.error());
+    auto point =
+        publicKeys.value().empty() ? Result<ZavloBytes>(ZavloBytes{}) : pointLocked(publicKeys.value().front());
+    if (!point) return zavloFailure(point.error());
+    if (point.value() != key.point) {
+      const auto status = fail(Status::itemNotFound, "the key with this tag is not the key that was loaded");
+      return zavloFailure(Failure{status, lastFailure_->description});
+    }
   }
   handles_[key.tag] = found.value().front();
   return found.value().front();
@@ -594,7 +609,7 @@ ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::sign(const KeyP
     // once more before the answer is a failure.
     for (int attempt = 0;; ++attempt) {
       if (const auto status = openLocked(); status != Status::success) return failed(status);
-      auto handle = privateHandleLocked(key);
+      auto handle = privateHandleLocked(key, attempt > 0);
       if (!handle) return zavloFailure(handle.error());
       CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
       CK_RV code = modules_->token->C_SignInit(session_, &mechanism, handle.value());
@@ -607,8 +622,8 @@ ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::sign(const KeyP
       if (code == CKR_OK) return ZavloBytes(signature.begin(), signature.begin() + static_cast<std::ptrdiff_t>(length));
       const bool stale = code == CKR_KEY_HANDLE_INVALID || code == CKR_OBJECT_HANDLE_INVALID || sessionLost(code);
       handles_.erase(key.tag);
-      const auto status = failCall(code, "C_Sign");
-      if (!stale || !key.permanent || attempt > 0) return failed(status);
+      if (!stale || !key.permanent || attempt > 0) return failed(failCall(code, "C_Sign"));
+      if (sessionLost(code)) closeSessionLocked();  // quietly: the second try decides
     }
   });
 }

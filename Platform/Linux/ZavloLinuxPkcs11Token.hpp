@@ -109,7 +109,8 @@ class ZavloLinuxPkcs11Token {
   Result<std::vector<unsigned long>> findObjectsLocked(unsigned long objectClass, const std::optional<ZavloBytes>& tag);
   Result<ZavloBytes> attributeLocked(unsigned long object, unsigned long type, const char* name);
   Result<ZavloBytes> pointLocked(unsigned long publicKey);
-  Result<unsigned long> privateHandleLocked(const KeyPair& key);
+  /// The key's private handle in this session; lookUp: found again by tag, not remembered.
+  Result<unsigned long> privateHandleLocked(const KeyPair& key, bool lookUp);
 
   const std::string uri_;
   std::string shownUri_;

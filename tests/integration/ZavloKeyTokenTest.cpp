@@ -31,7 +31,7 @@ class ZavloKeyToken : public ::testing::Test {
   ZavloSoftHsm hsm_;
 };
 
-TEST_F(ZavloKeyToken, AKeyWhoseTokenIsPulledOutFailsCleanlyAndAWrongPinIsOfferedOnlyOnce) {
+TEST_F(ZavloKeyToken, AReplacedOrPulledKeyNoLongerSignsAndAWrongPinIsOfferedOnlyOnce) {
   // A refused PIN is not tried again (a real card counts the tries and locks). First, as
   // the login is the whole process's once any session has it.
   ZavloLinuxPkcs11Token wrongPin(hsm_.uri("pin-value=0000"));
@@ -53,14 +53,28 @@ TEST_F(ZavloKeyToken, AKeyWhoseTokenIsPulledOutFailsCleanlyAndAWrongPinIsOffered
   ASSERT_TRUE(keys.createRandomKey(keyAttributes(tag)));
   auto loaded = keychain.copyMatching(keyReference(tag, std::make_shared<ZavloFixedOwnerContext>(true)));
   ASSERT_EQ(loaded.status, Status::success);
-  const auto key = std::get<std::shared_ptr<ZavloSecureKey>>(*loaded.item);
-  ASSERT_TRUE(keys.createSignature(*key, kEs256, zavloBytes("before")));
+  const auto loadedKey = std::get<std::shared_ptr<ZavloSecureKey>>(*loaded.item);
+  ASSERT_TRUE(keys.createSignature(*loadedKey, kEs256, zavloBytes("before")));
+
+  // Made again under the same tag (by another user of the token): the loaded key does not
+  // sign with the new one, whose public key nobody enrolled.
+  {
+    ZavloLinuxTokenKeychain other(
+        std::make_shared<ZavloLinuxPkcs11Token>(hsm_.uri()),
+        std::make_shared<ZavloLinuxKeychain>((hsm_.tokens().parent_path() / "kc2.db").string()));
+    ZavloLinuxTokenSecureKeys otherKeys(std::make_shared<ZavloLinuxPkcs11Token>(hsm_.uri()));
+    ASSERT_EQ(other.remove(key(tag)), Status::success);
+    ASSERT_TRUE(otherKeys.createRandomKey(keyAttributes(tag)));
+  }
+  const auto replaced = keys.createSignature(*loadedKey, kEs256, zavloBytes("replaced"));
+  ASSERT_FALSE(replaced);
+  EXPECT_EQ(replaced.error().code, Status::itemNotFound) << replaced.error().description;
 
   // Pulled out: the key cannot sign and cannot be found, and nothing crashes. (SoftHSM2
   // keeps the slot and answers as an empty token; a process started now finds no token,
   // which the command-line test below checks.)
   ASSERT_EQ(hsm_.removeToken().exitStatus, 0);
-  const auto orphan = keys.createSignature(*key, kEs256, zavloBytes("after"));
+  const auto orphan = keys.createSignature(*loadedKey, kEs256, zavloBytes("after"));
   ASSERT_FALSE(orphan);
   EXPECT_TRUE(orphan.error().code == Status::notAvailable || orphan.error().code == Status::itemNotFound)
       << orphan.error().code << " " << orphan.error().description;
