@@ -21,6 +21,22 @@ bool wellTyped(const ZavloKeychainAttributes& attributes, std::string_view name)
 
 }  // namespace
 
+std::optional<std::string> ZavloLinuxKeychainControls::take(const std::string& name, const ZavloKeychainValue& value) {
+  present = true;
+  const auto* flag = std::get_if<bool>(&value);
+  if (name == Key::kSecReturnRef && flag != nullptr) {
+    returnRef = *flag;
+  } else if (name == Key::kSecReturnData && flag != nullptr) {
+    returnData = *flag;
+  } else if (const auto* given = std::get_if<std::shared_ptr<ZavloOwnerAuthenticationContext>>(&value);
+             name == Key::kSecUseAuthenticationContext && given != nullptr) {
+    context = *given;
+  } else if (name != Key::kSecUseAuthenticationUI || !std::holds_alternative<std::string>(value)) {
+    return name + " is not a control attribute this keychain knows, or has a value of the wrong type";
+  }
+  return std::nullopt;
+}
+
 ZavloSecureKeyResult<std::shared_ptr<const ZavloAccessControl>> zavloLinuxAccessControl(const std::string& protection,
                                                                                         std::uint64_t flags) {
   namespace Flags = ZavloAccessControlFlags;

@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "Platform/ZavloKeychain.hpp"
 #include "Platform/ZavloSecureKeys.hpp"
@@ -20,6 +22,21 @@ struct ZavloLinuxKeyRequest {
 
   /// param (with a description) for anything but a P-256 request of known attributes.
   static ZavloSecureKeyResult<ZavloLinuxKeyRequest> parse(const ZavloKeychainAttributes& attributes);
+};
+
+/// The control attributes of a keychain call (kSecReturn*, kSecUse*), which shape the
+/// answer rather than match items; read alike by every Linux keychain.
+struct ZavloLinuxKeychainControls {
+  bool present = false;
+  bool returnRef = false;
+  bool returnData = false;
+  std::shared_ptr<ZavloOwnerAuthenticationContext> context;
+
+  [[nodiscard]] static bool isControl(std::string_view name) {
+    return name.starts_with("kSecReturn") || name.starts_with("kSecUse");
+  }
+  /// Takes one control attribute; the reason it is malformed, or nothing.
+  std::optional<std::string> take(const std::string& name, const ZavloKeychainValue& value);
 };
 
 /// The public half of a key of a Linux key store: its uncompressed point, checked when it

@@ -12,7 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/ZavloLinuxKeyRequest.hpp"
 #include "Platform/Linux/ZavloLinuxSecureKey.hpp"
+#include "Platform/Linux/ZavloLinuxTracedLock.hpp"
 #include "Platform/ZavloOwnerAuthentication.hpp"
 #include "Platform/ZavloSecureKeys.hpp"
 
@@ -70,10 +72,7 @@ void appendIdentity(std::string& identity, const Stored* value) {
 struct Parsed {
   std::string itemClass;
   std::vector<std::pair<std::string, Stored>> stored;
-  bool hasControls = false;
-  bool returnRef = false;
-  bool returnData = false;
-  std::shared_ptr<ZavloOwnerAuthenticationContext> context;
+  ZavloLinuxKeychainControls controls;
 
   [[nodiscard]] const Stored* find(std::string_view name) const {
     for (const auto& [storedName, value] : stored) {
@@ -92,19 +91,8 @@ std::optional<std::string> parse(const ZavloKeychainAttributes& attributes, Pars
         return "kSecClass must be kSecClassKey or kSecClassGenericPassword";
       }
       parsed.itemClass = *itemClass;
-    } else if (name.starts_with("kSecReturn") || name.starts_with("kSecUse")) {
-      parsed.hasControls = true;
-      const auto* flag = std::get_if<bool>(&value);
-      if (name == Key::kSecReturnRef && flag != nullptr) {
-        parsed.returnRef = *flag;
-      } else if (name == Key::kSecReturnData && flag != nullptr) {
-        parsed.returnData = *flag;
-      } else if (const auto* context = std::get_if<std::shared_ptr<ZavloOwnerAuthenticationContext>>(&value);
-                 name == Key::kSecUseAuthenticationContext && context != nullptr) {
-        parsed.context = *context;
-      } else if (name != Key::kSecUseAuthenticationUI || !std::holds_alternative<std::string>(value)) {
-        return name + " is not a control attribute this keychain knows, or has a value of the wrong type";
-      }
+    } else if (ZavloLinuxKeychainControls::isControl(name)) {
+      if (auto malformed = parsed.controls.take(name, value)) return malformed;
     } else if (auto stored = storedForm(value)) {
       parsed.stored.emplace_back(name, std::move(*stored));
     } else {
@@ -296,16 +284,7 @@ std::string octalMode(mode_t mode) {
 
 template <class Body>
 auto ZavloLinuxKeychain::locked(Body&& body) {
-  std::optional<std::string> trace;
-  auto result = [&] {
-    std::lock_guard lock(mutex_);
-    auto answer = body();
-    trace = std::exchange(pendingTrace_, std::nullopt);
-    return answer;
-  }();
-  // Outside the lock: a trace sink may call the keychain again.
-  if (trace && options_.trace) options_.trace(*trace);
-  return result;
+  return zavloLockedThenTraced(mutex_, pendingTrace_, options_.trace, std::forward<Body>(body));
 }
 
 ZavloLinuxKeychain::ZavloLinuxKeychain(std::string path, Options options)
@@ -446,23 +425,23 @@ ZavloKeychainQueryResult ZavloLinuxKeychain::copyMatching(const ZavloKeychainAtt
   Parsed parsed;
   const auto malformed = parse(query, parsed);
   // Asked before the lock is taken: the context is another object's business.
-  const bool authenticated = parsed.context != nullptr && parsed.context->isAuthenticated();
+  const bool authenticated = parsed.controls.context != nullptr && parsed.controls.context->isAuthenticated();
   return locked([&]() -> ZavloKeychainQueryResult {
     if (malformed) return {fail(Status::param, "Keychain query: " + *malformed), std::nullopt};
     const bool isKey = parsed.itemClass == Key::kSecClassKey;
-    if (parsed.returnRef && parsed.returnData) {
+    if (parsed.controls.returnRef && parsed.controls.returnData) {
       return {fail(Status::param, "Keychain query: ask for data or for a key reference, not both"), std::nullopt};
     }
-    if (parsed.returnData && isKey) {
+    if (parsed.controls.returnData && isKey) {
       return {fail(Status::param, "Keychain query: a private key is never returned as data"), std::nullopt};
     }
-    if (parsed.returnRef && !isKey) {
+    if (parsed.controls.returnRef && !isKey) {
       return {fail(Status::param, "Keychain query: only keys are returned as references"), std::nullopt};
     }
     if (const auto status = openLocked(); status != Status::success) return {status, std::nullopt};
 
     // The key's material is read only for an owner who has authenticated.
-    const bool readSecret = parsed.returnRef && authenticated;
+    const bool readSecret = parsed.controls.returnRef && authenticated;
     Statement select;
     int code = prepare(db_,
                        std::string("SELECT ") + (readSecret ? "items.secret" : "NULL") +
@@ -475,12 +454,12 @@ ZavloKeychainQueryResult ZavloLinuxKeychain::copyMatching(const ZavloKeychainAtt
     if (code == SQLITE_DONE) return {Status::itemNotFound, std::nullopt};
     if (code != SQLITE_ROW) return {failSqlite(code, "query"), std::nullopt};
 
-    if (parsed.returnData) {
+    if (parsed.controls.returnData) {
       const auto* data = static_cast<const std::uint8_t*>(sqlite3_column_blob(select.get(), 1));
       const auto size = static_cast<std::size_t>(sqlite3_column_bytes(select.get(), 1));
       return {Status::success, ZavloKeychainItem(ZavloBytes(data, data + size))};
     }
-    if (!parsed.returnRef) return {Status::success, std::nullopt};
+    if (!parsed.controls.returnRef) return {Status::success, std::nullopt};
     if (!authenticated) {
       return {fail(Status::interactionNotAllowed,
                    "Keychain query: the key is used only through a context whose owner has authenticated"),
@@ -488,7 +467,7 @@ ZavloKeychainQueryResult ZavloLinuxKeychain::copyMatching(const ZavloKeychainAtt
     }
     auto key = ZavloLinuxSecureKey::fromMaterial(sqlite3_column_blob(select.get(), 0),
                                                  static_cast<std::size_t>(sqlite3_column_bytes(select.get(), 0)),
-                                                 parsed.context);
+                                                 parsed.controls.context);
     if (key == nullptr) {
       return {fail(Status::decode, "Keychain " + path_ + ": a stored key is not a readable P-256 key"), std::nullopt};
     }
@@ -514,7 +493,7 @@ std::int32_t ZavloLinuxKeychain::add(const ZavloKeychainAttributes& attributes) 
   return locked([&]() -> std::int32_t {
     Parsed parsed;
     if (const auto malformed = parse(attributes, parsed)) return fail(Status::param, "Keychain add: " + *malformed);
-    if (parsed.hasControls) return fail(Status::param, "Keychain add: an item holds no control attributes");
+    if (parsed.controls.present) return fail(Status::param, "Keychain add: an item holds no control attributes");
     if (parsed.itemClass == Key::kSecClassKey) {
       return fail(Status::param, "Keychain add: keys are made by the key store, not added");
     }
@@ -535,7 +514,7 @@ std::int32_t ZavloLinuxKeychain::addKey(const ZavloKeychainAttributes& attribute
     item[Key::kSecClass] = std::string(Key::kSecClassKey);
     Parsed parsed;
     if (const auto malformed = parse(item, parsed)) return fail(Status::param, "Keychain add key: " + *malformed);
-    if (parsed.hasControls) return fail(Status::param, "Keychain add key: an item holds no control attributes");
+    if (parsed.controls.present) return fail(Status::param, "Keychain add key: an item holds no control attributes");
     const auto* tag = parsed.find(Key::kSecAttrApplicationTag);
     if (tag == nullptr || tag->kind != bytesKind) {
       return fail(Status::param, "Keychain add key: kSecAttrApplicationTag (bytes) is required");

@@ -11,6 +11,8 @@
 #include <iterator>
 #include <utility>
 
+#include "Platform/Linux/ZavloLinuxTracedLock.hpp"
+
 namespace {
 
 namespace Status = ZavloKeychainStatus;
@@ -271,16 +273,7 @@ std::int32_t ZavloLinuxPkcs11Token::statusFor(unsigned long returnCode) {
 
 template <class Body>
 auto ZavloLinuxPkcs11Token::locked(Body&& body) {
-  std::optional<std::string> trace;
-  auto result = [&] {
-    std::lock_guard lock(mutex_);
-    auto answer = body();
-    trace = std::exchange(pendingTrace_, std::nullopt);
-    return answer;
-  }();
-  // Outside the lock: a trace sink may use the token again.
-  if (trace && options_.trace) options_.trace(*trace);
-  return result;
+  return zavloLockedThenTraced(mutex_, pendingTrace_, options_.trace, std::forward<Body>(body));
 }
 
 std::optional<ZavloLinuxPkcs11Token::Failure> ZavloLinuxPkcs11Token::lastFailure() const {

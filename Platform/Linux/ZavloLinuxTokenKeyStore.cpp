@@ -41,9 +41,7 @@ class ZavloLinuxTokenKey final : public ZavloSecureKey {
 struct KeyQuery {
   std::optional<ZavloBytes> tag;
   bool matchesNothing = false;
-  bool returnRef = false;
-  bool returnData = false;
-  std::shared_ptr<ZavloOwnerAuthenticationContext> context;
+  ZavloLinuxKeychainControls controls;
 };
 
 template <class T>
@@ -55,19 +53,9 @@ bool holds(const ZavloKeychainValue& value, const T& expected) {
 // The reason the query is malformed, or nothing.
 std::optional<std::string> parse(const ZavloKeychainAttributes& attributes, KeyQuery& query) {
   for (const auto& [name, value] : attributes) {
-    const auto* flag = std::get_if<bool>(&value);
     if (name == Key::kSecClass) continue;  // the caller routed on it
-    if (name.starts_with("kSecReturn") || name.starts_with("kSecUse")) {
-      if (name == Key::kSecReturnRef && flag != nullptr) {
-        query.returnRef = *flag;
-      } else if (name == Key::kSecReturnData && flag != nullptr) {
-        query.returnData = *flag;
-      } else if (const auto* context = std::get_if<std::shared_ptr<ZavloOwnerAuthenticationContext>>(&value);
-                 name == Key::kSecUseAuthenticationContext && context != nullptr) {
-        query.context = *context;
-      } else if (name != Key::kSecUseAuthenticationUI || !std::holds_alternative<std::string>(value)) {
-        return name + " is not a control attribute this keychain knows, or has a value of the wrong type";
-      }
+    if (ZavloLinuxKeychainControls::isControl(name)) {
+      if (auto malformed = query.controls.take(name, value)) return malformed;
     } else if (std::holds_alternative<std::shared_ptr<const ZavloKeychainAttributes>>(value) ||
                std::holds_alternative<std::shared_ptr<ZavloOwnerAuthenticationContext>>(value)) {
       return name + " has a value of a type the keychain does not store";
@@ -134,17 +122,17 @@ ZavloKeychainQueryResult ZavloLinuxTokenKeychain::copyMatching(const ZavloKeycha
   KeyQuery parsed;
   if (parse(query, parsed)) return {Status::param, std::nullopt};
   // The same refusals as the keychain file, in the same order.
-  if (parsed.returnRef && parsed.returnData) return {Status::param, std::nullopt};
-  if (parsed.returnData) return {Status::param, std::nullopt};  // a private key is never data
+  if (parsed.controls.returnRef && parsed.controls.returnData) return {Status::param, std::nullopt};
+  if (parsed.controls.returnData) return {Status::param, std::nullopt};  // a private key is never data
   if (parsed.matchesNothing) return {Status::itemNotFound, std::nullopt};
 
-  const bool authenticated = parsed.context != nullptr && parsed.context->isAuthenticated();
-  auto found = token_->find(parsed.tag, parsed.returnRef && authenticated);
+  const bool authenticated = parsed.controls.context != nullptr && parsed.controls.context->isAuthenticated();
+  auto found = token_->find(parsed.tag, parsed.controls.returnRef && authenticated);
   if (!found) return {found.error().status, std::nullopt};
   if (found.value().empty()) return {Status::itemNotFound, std::nullopt};
-  if (!parsed.returnRef) return {Status::success, std::nullopt};
+  if (!parsed.controls.returnRef) return {Status::success, std::nullopt};
   if (!authenticated) return {Status::interactionNotAllowed, std::nullopt};
-  auto key = std::make_shared<ZavloLinuxTokenKey>(token_, std::move(found.value().front()), parsed.context);
+  auto key = std::make_shared<ZavloLinuxTokenKey>(token_, std::move(found.value().front()), parsed.controls.context);
   return {Status::success, ZavloKeychainItem(std::shared_ptr<ZavloSecureKey>(std::move(key)))};
 }
 
