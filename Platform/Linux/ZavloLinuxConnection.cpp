@@ -33,6 +33,11 @@ namespace {
 // Interfaces rarely change between the hops of one chain; listing them costs a netlink
 // dump and several sysfs reads, so a list this young is reused.
 constexpr auto kInterfaceListLifetime = 1s;
+// A hop's answer is usually a few hundred bytes: a receive starts with this much room and
+// grows it while more is waiting, so that a thousand open connections do not hold a
+// maximum-sized buffer each.
+constexpr std::size_t kFirstReadSize = 4096;
+constexpr std::size_t kReadGrowth = 4;
 // One change of the network comes as several messages (link, addresses, routes); waiting
 // connections try again once they have stopped coming for this long.
 constexpr auto kPathSettleTime = 50ms;
@@ -75,7 +80,7 @@ bool curableByAnotherPath(const std::error_code& error) {
 // An io_context whose services its owner can shut down: handlers still queued when the
 // I/O thread stops are then destroyed at once, releasing the connections they hold,
 // instead of living as long as the last connection keeps the context.
-class ZavloIoContext : public asio::io_context {
+class ZavloIoContext final : public asio::io_context {
  public:
   ZavloIoContext() : asio::io_context(1) {}
   using asio::io_context::shutdown;
@@ -108,21 +113,31 @@ ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& int
   return {ZavloLinuxBinding::Kind::none, {}};
 }
 
-/// What the connections of one service share: the I/O thread and the interface list.
+/// What the connections of one service share: the I/O thread (a thread of the service's
+/// own, or the thread of the run loop it runs on) and the interface list.
 struct ZavloLinuxNetworkCore {
+  // On an I/O thread of its own, started on first use.
   explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
-      : classifier(std::move(interfaceClassifier)) {}
+      : ownIo(std::make_shared<ZavloIoContext>()), io(ownIo), classifier(std::move(interfaceClassifier)) {}
+  // On a run loop: its thread is the I/O thread.
+  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxRunLoop& runLoop)
+      : io(runLoop.ioContext()), loop(&runLoop), classifier(std::move(interfaceClassifier)) {}
 
   // Runs work on the I/O thread, starting it on first use; false once stopped.
   template <class Work>
   bool post(Work&& work) {
+    if (loop != nullptr) {
+      if (stopped) return false;
+      asio::post(*io, std::forward<Work>(work));
+      return true;
+    }
     std::lock_guard lock(mutex);
     if (stopped) return false;
     if (!thread.joinable()) {
-      guard.emplace(asio::make_work_guard(io));
-      thread = std::thread([this] { io.run(); });
+      guard.emplace(asio::make_work_guard(*io));
+      thread = std::thread([this] { io->run(); });
     }
-    asio::post(io, std::forward<Work>(work));
+    asio::post(*io, std::forward<Work>(work));
     return true;
   }
 
@@ -131,15 +146,25 @@ struct ZavloLinuxNetworkCore {
       std::lock_guard lock(mutex);
       stopped = true;
     }
+    if (loop != nullptr) {
+      // The loop is not running now (see the service's contract), so this thread may touch
+      // what its handlers touch. Closing the sockets ends their pending operations; the
+      // loop's own shut-down drops those handlers, and the connections they hold.
+      for (const auto& connection : std::exchange(keptAlive, {})) closeTransport(*connection);
+      pathWaiters.clear();
+      pathWatch.reset();
+      pathSettle.cancel();
+      return;
+    }
     guard.reset();
-    io.stop();
+    io->stop();
     if (!thread.joinable()) return;
     if (thread.get_id() == std::this_thread::get_id()) {
       thread.detach();  // cannot join itself; the context outlives it through the handlers
       return;
     }
     thread.join();
-    io.shutdown();
+    ownIo->shutdown();
     keptAlive.clear();  // the thread is gone: nothing else touches it now
     pathWaiters.clear();
   }
@@ -175,7 +200,9 @@ struct ZavloLinuxNetworkCore {
   }
   void stopWaitingForPathChange(const void* key) { pathWaiters.erase(key); }
 
-  ZavloIoContext io;
+  const std::shared_ptr<ZavloIoContext> ownIo;  // without a run loop
+  const std::shared_ptr<asio::io_context> io;
+  ZavloLinuxRunLoop* const loop = nullptr;
   const ZavloLinuxInterfaceClassifier classifier;
 
   std::mutex mutex;
@@ -189,6 +216,8 @@ struct ZavloLinuxNetworkCore {
   std::optional<std::chrono::steady_clock::time_point> listedAt;
   // Connections started and neither failed nor cancelled keep themselves alive here.
   std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
+  // Closes a kept connection's socket (defined with the connection).
+  static void closeTransport(ZavloConnection& connection);
 
  private:
   // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
@@ -204,7 +233,7 @@ struct ZavloLinuxNetworkCore {
       pathWatchUnavailable = true;
       return;
     }
-    pathWatch.emplace(io, socket);
+    pathWatch.emplace(*io, socket);
     readPathChanges();
   }
 
@@ -242,7 +271,7 @@ struct ZavloLinuxNetworkCore {
   std::unordered_map<const void*, std::function<void()>> pathWaiters;
   std::optional<asio::posix::stream_descriptor> pathWatch;
   bool pathWatchUnavailable = false;
-  asio::steady_timer pathSettle{io};
+  asio::steady_timer pathSettle{*io};
   bool pathSettling = false;
 };
 
@@ -256,7 +285,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
         host_(std::move(host)),
         port_(port),
         parameters_(std::move(parameters)),
-        timer_(core_->io) {
+        timer_(*core_->io) {
     if (host_.size() > 2 && host_.front() == '[' && host_.back() == ']') host_ = host_.substr(1, host_.size() - 2);
   }
 
@@ -305,6 +334,9 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       self->pumpReceives();
     });
   }
+
+  // I/O thread: the service stops; the socket closes and the connection reports no more.
+  void abandon() { closeTransport(); }
 
   void cancel() override {
     {
@@ -451,7 +483,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       case ZavloLinuxSpecialName::none:
         break;
     }
-    resolver_.emplace(core_->io);
+    resolver_.emplace(*core_->io);
     const auto flags = Tcp::resolver::numeric_service;  // and no AI_ADDRCONFIG: ::1 counts
     auto onResolved = [self = shared_from_this()](const std::error_code& error,
                                                   const Tcp::resolver::results_type& results) {
@@ -510,9 +542,9 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     if (tls_) {
       SSL_CTX_up_ref(tls_->nativeHandle());
       asio::ssl::context context(tls_->nativeHandle());  // owns that extra reference
-      secure_.emplace(core_->io, context);
+      secure_.emplace(*core_->io, context);
     } else {
-      plain_.emplace(core_->io);
+      plain_.emplace(*core_->io);
     }
     auto& tcp = socket();
     std::error_code error;
@@ -689,16 +721,17 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
         finishReceive({}, peerFinished_, std::move(error));
         continue;
       }
-      if (readCapacity_ < front.maximum) {
-        readBuffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(front.maximum);
-        readCapacity_ = front.maximum;
-      }
       receiving_ = true;
       const auto minimum = std::clamp<std::size_t>(front.minimum, 1, front.maximum);
+      // Room for what usually comes; received() makes more as more arrives.
+      if (const auto wanted = std::min(front.maximum, std::max(minimum, kFirstReadSize)); readCapacity_ < wanted) {
+        readBuffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(wanted);
+        readCapacity_ = wanted;
+      }
       auto onRead = [self = shared_from_this()](const std::error_code& error, std::size_t count) {
         self->received(error, count);
       };
-      const auto buffer = asio::buffer(readBuffer_.get(), front.maximum);
+      const auto buffer = asio::buffer(readBuffer_.get(), std::min(readCapacity_, front.maximum));
       if (secure_) {
         asio::async_read(*secure_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
       } else {
@@ -714,11 +747,19 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     // A read returns what one system call, or one TLS record, brought; a receive returns
     // everything that has arrived by now, so read on while more is waiting.
     if (!error && filled_ < receives_.front().maximum && moreIsWaiting()) {
+      if (filled_ == readCapacity_) {
+        auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(
+            std::min(receives_.front().maximum, readCapacity_ * kReadGrowth));
+        std::copy(readBuffer_.get(), readBuffer_.get() + filled_, larger.get());
+        readBuffer_ = std::move(larger);
+        readCapacity_ = std::min(receives_.front().maximum, readCapacity_ * kReadGrowth);
+      }
       receiving_ = true;
       auto onRead = [self = shared_from_this()](const std::error_code& readError, std::size_t readCount) {
         self->received(readError, readCount);
       };
-      const auto rest = asio::buffer(readBuffer_.get() + filled_, receives_.front().maximum - filled_);
+      const auto rest =
+          asio::buffer(readBuffer_.get() + filled_, std::min(readCapacity_, receives_.front().maximum) - filled_);
       if (secure_) {
         secure_->async_read_some(rest, std::move(onRead));
       } else {
@@ -800,8 +841,16 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 
 }  // namespace
 
+void ZavloLinuxNetworkCore::closeTransport(ZavloConnection& connection) {
+  static_cast<ZavloLinuxConnection&>(connection).abandon();
+}
+
 ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier)
     : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier))) {}
+
+ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier,
+                                                         ZavloLinuxRunLoop& runLoop)
+    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier), runLoop)) {}
 
 ZavloLinuxConnectionService::~ZavloLinuxConnectionService() { core_->stop(); }
 

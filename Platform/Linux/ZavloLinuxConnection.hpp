@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/ZavloLinuxRunLoop.hpp"
 #include "Platform/ZavloConnection.hpp"
 
 /// Where a socket of one address family may go.
@@ -39,14 +40,19 @@ struct ZavloLinuxNetworkCore;
 /// OpenSSL, with sockets pinned to an interface of the required type.
 ///
 /// Threading contract: makeConnection may be called from any thread. All socket work runs
-/// on one I/O thread per service, started on first use; it inherits the network namespace
-/// of the thread that starts the first connection. The destructor stops and joins it;
+/// on one I/O thread per service: the thread that runs the given run loop (then a
+/// connection started on that loop has no thread to cross), or else a thread of the
+/// service's own, started on first use, which inherits the network namespace of the
+/// thread that starts the first connection. The destructor stops the I/O (and joins the
+/// service's own thread; a run loop must then not be running on another thread);
 /// connections still held elsewhere then report nothing more and stay safe to use and
 /// destroy. While a connection waits, the I/O thread listens to the kernel's link,
 /// address and route changes (rtnetlink) to know when to try it again.
 class ZavloLinuxConnectionService {
  public:
   explicit ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier);
+  /// The I/O runs on runLoop, which must outlive the service.
+  ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier, ZavloLinuxRunLoop& runLoop);
   ZavloLinuxConnectionService(const ZavloLinuxConnectionService&) = delete;
   ZavloLinuxConnectionService& operator=(const ZavloLinuxConnectionService&) = delete;
   ~ZavloLinuxConnectionService();

@@ -23,7 +23,8 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
       defaultKeychain_(!options.keychainPath),
       keyToken_(std::move(options.keyToken)),
       ownerAuthentication_(std::move(options.ownerAuthentication)),
-      connections_(classifier_) {}
+      connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_)
+                              : ZavloLinuxConnectionService(classifier_, runLoop_)) {}
 
 std::shared_ptr<ZavloConnection> ZavloLinuxPlatform::makeConnection(const std::string& host, std::uint16_t port,
                                                                     ZavloConnectionParameters parameters) {

@@ -41,7 +41,8 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// How the device owner is authenticated: PAM by default.
     ZavloLinuxOwnerAuthentication::Options ownerAuthentication = {};
     /// The main queue: every completion, connection event, timer and prompt reply of the
-    /// library is delivered there. Absent: runLoop(), which the host then runs.
+    /// library is delivered there. Absent: runLoop(), which the host then runs, and which
+    /// then also runs the connections' I/O (with a queue given here, they have a thread).
     std::shared_ptr<ZavloQueue> mainQueue = {};
   };
 
@@ -87,5 +88,5 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::unique_ptr<ZavloKeychain> tokenKeychain_;  // only with a key token
   std::unique_ptr<ZavloSecureKeys> secureKeys_;
   ZavloLinuxOwnerAuthentication ownerAuthentication_;
-  ZavloLinuxConnectionService connections_;  // last: its I/O thread stops first
+  ZavloLinuxConnectionService connections_;  // last: its I/O stops first
 };

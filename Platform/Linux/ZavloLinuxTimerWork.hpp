@@ -23,4 +23,9 @@ struct ZavloLinuxTimerWork : ZavloTimer {
     const std::lock_guard lock(mutex);
     return std::exchange(work, nullptr);
   }
+  /// Neither taken nor cancelled yet.
+  bool pending() {
+    const std::lock_guard lock(mutex);
+    return static_cast<bool>(work);
+  }
 };

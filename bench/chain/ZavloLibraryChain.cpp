@@ -27,8 +27,8 @@ ZavloLinuxPlatform::Options platformOptions(const ZavloLibraryChainContext& cont
 }  // namespace
 
 ZavloLibraryChainRunner zavloMakeLibraryChainRunner(const ZavloLibraryChainContext& context) {
-  // Made here, on the benchmark thread: the I/O thread starts with the first connection, on
-  // this thread's run loop, so it lives in the namespace this thread is in.
+  // The connections' I/O runs on the platform's run loop, which the benchmark thread runs,
+  // so their sockets are made in the namespace this thread is in.
   auto platform = std::make_shared<ZavloLinuxPlatform>(platformOptions(context));
   return [platform, expected = context.expectedToken](const std::string& text) {
     const auto url = ZavloUrl::parse(text);
