@@ -14,9 +14,9 @@
 #include "Core/ZavloBase64.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
+#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 
 namespace {
 
@@ -49,12 +49,8 @@ class ZavloCliBinding : public ::testing::Test {
 
 ZavloBytes decoded(const std::string& base64) { return ZavloBase64::decode(base64).value_or(ZavloBytes{}); }
 
-// The enrolment publishes a SubjectPublicKeyInfo; its last 65 bytes are the point.
 bool verifies(const std::string& publicKeyBase64, const std::string& signatureBase64, const std::string& message) {
-  const auto spki = decoded(publicKeyBase64);
-  if (spki.size() != 91) return false;
-  return zavloVerifyEs256(ZavloBytes(spki.end() - 65, spki.end()), ZavloBytes(message.begin(), message.end()),
-                          decoded(signatureBase64));
+  return zavloVerifyPublishedEs256(publicKeyBase64, message, signatureBase64);
 }
 
 nlohmann::json signConfig(const std::string& keyIds, const std::string& challenge) {

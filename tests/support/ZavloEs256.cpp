@@ -7,6 +7,8 @@
 
 #include <memory>
 
+#include "Core/ZavloBase64.hpp"
+
 bool zavloVerifyEs256(const ZavloBytes& point, const ZavloBytes& message, const ZavloBytes& signature) {
   ZavloBytes pointCopy = point;
   char group[] = SN_X9_62_prime256v1;
@@ -29,4 +31,13 @@ bool zavloVerifyEs256(const ZavloBytes& point, const ZavloBytes& message, const 
       EVP_DigestVerify(context.get(), signature.data(), signature.size(), message.data(), message.size()) == 1;
   ERR_clear_error();
   return valid;
+}
+
+bool zavloVerifyPublishedEs256(const std::string& publicKeyBase64, const std::string& message,
+                               const std::string& signatureBase64) {
+  const auto spki = ZavloBase64::decode(publicKeyBase64).value_or(ZavloBytes{});
+  const auto signature = ZavloBase64::decode(signatureBase64).value_or(ZavloBytes{});
+  if (spki.size() != 91) return false;
+  return zavloVerifyEs256(ZavloBytes(spki.end() - 65, spki.end()), ZavloBytes(message.begin(), message.end()),
+                          signature);
 }
