@@ -1,6 +1,7 @@
 #include "Testing/Network/ZavloConcurrentChains.hpp"
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,6 +39,12 @@ ZavloConcurrentChainsOutcome zavloRunConcurrentChains(ZavloPlatform& platform,
   if (!url) {
     tally->outcome.unexpected.push_back({{"invalidUrl", run.url}});
     return tally->outcome;
+  }
+  // Each chain holds a socket and its peer may be in this process too: the default soft
+  // limit of 1024 descriptors would refuse some.
+  if (rlimit limit{}; getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
   }
   const auto cpuBefore = zavloThreadCpuTime();
   const auto started = Clock::now();
