@@ -305,11 +305,11 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       deliverCancelled();
       return;
     }
-    deliverState(State::preparing);
+    deliverState(State::preparing, std::nullopt, false);
     if (auto error = failureKnownAtStart()) {
       // What prepare() would report, without a round trip through the I/O thread: the caller
       // learns it sooner, and a fallback to another address family starts at once.
-      deliverState(State::failed, *error);
+      deliverState(State::failed, *error, false);
       core_->post(
           [self = shared_from_this(), error = std::move(*error)]() mutable { self->failedAtStart(std::move(error)); });
       return;
@@ -364,24 +364,35 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   // --- Delivery to the queue given to start(); callable from any thread once started.
 
   // Runs work on the queue unless the connection is cancelled by then: nothing reaches
-  // the caller after `cancelled`.
+  // the caller after `cancelled`. From an I/O handler on a run loop that is also the
+  // queue, the work runs at once (it is not inside the caller's call, and the queue has no
+  // other thread to reach), unless an earlier report of this connection still waits in the
+  // queue: reports keep their order.
   template <class Work>
-  void deliver(Work&& work) {
+  void deliver(Work&& work, bool fromIo = true) {
     if (cancelled_ || core_->stopped) return;
+    if (fromIo && queue_ == core_->loop && queuedReports_ == 0) {
+      work();
+      return;
+    }
+    ++queuedReports_;
     queue_->post([self = shared_from_this(), work = std::forward<Work>(work)]() mutable {
+      --self->queuedReports_;
       if (!self->cancelled_) work();
     });
   }
 
-  void deliverState(State state, std::optional<ZavloConnectionError> error = std::nullopt) {
-    deliver([this, state, error = std::move(error)] {
-      StateHandler handler;
-      {
-        std::lock_guard lock(mutex_);
-        handler = handler_;
-      }
-      if (handler) handler(state, error);
-    });
+  void deliverState(State state, std::optional<ZavloConnectionError> error = std::nullopt, bool fromIo = true) {
+    deliver(
+        [this, state, error = std::move(error)] {
+          StateHandler handler;
+          {
+            std::lock_guard lock(mutex_);
+            handler = handler_;
+          }
+          if (handler) handler(state, error);
+        },
+        fromIo);
   }
 
   void deliverCancelled() {
@@ -811,7 +822,8 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   StateHandler handler_;
   bool started_ = false;
   std::atomic<bool> cancelled_{false};
-  ZavloQueue* queue_ = nullptr;  // set once by start(), before any I/O work is posted
+  ZavloQueue* queue_ = nullptr;             // set once by start(), before any I/O work is posted
+  std::atomic<unsigned> queuedReports_{0};  // reports posted to the queue and not yet run
 
   // I/O thread only.
   Phase phase_ = Phase::idle;
