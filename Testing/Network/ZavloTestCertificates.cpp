@@ -53,9 +53,10 @@ void addExtension(X509* certificate, X509* issuer, int nid, const std::string& v
   X509_EXTENSION_free(extension);
 }
 
-// A certificate for subjectKey named commonName, valid from an hour ago for a day; the
+// A certificate for subjectKey named commonName, valid in the given window around now; the
 // caller adds extensions and signs it.
-X509* newCertificate(EVP_PKEY* subjectKey, const std::string& commonName, X509_NAME* issuerName) {
+X509* newCertificate(EVP_PKEY* subjectKey, const std::string& commonName, X509_NAME* issuerName,
+                     const ZavloTestValidity& validity = {}) {
   X509* certificate = X509_new();
   X509_set_version(certificate, 2);
   unsigned char serial[16];
@@ -64,8 +65,8 @@ X509* newCertificate(EVP_PKEY* subjectKey, const std::string& commonName, X509_N
   BIGNUM* number = BN_bin2bn(serial, sizeof serial, nullptr);
   BN_to_ASN1_INTEGER(number, X509_get_serialNumber(certificate));
   BN_free(number);
-  X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
+  X509_gmtime_adj(X509_getm_notBefore(certificate), static_cast<long>(validity.notBefore.count()));
+  X509_gmtime_adj(X509_getm_notAfter(certificate), static_cast<long>(validity.notAfter.count()));
   X509_set_pubkey(certificate, subjectKey);
   X509_NAME* name = X509_get_subject_name(certificate);
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(commonName.c_str()), -1,
@@ -103,10 +104,11 @@ ZavloTestCertificateAuthority::ZavloTestCertificateAuthority(const std::string& 
 
 ZavloTestCertificateAuthority::~ZavloTestCertificateAuthority() = default;
 
-ZavloTestTlsIdentity ZavloTestCertificateAuthority::issueServerIdentity(const std::vector<std::string>& names) const {
+ZavloTestTlsIdentity ZavloTestCertificateAuthority::issueServerIdentity(const std::vector<std::string>& names,
+                                                                        ZavloTestValidity validity) const {
   require(!names.empty(), "a server certificate needs a name");
   EVP_PKEY* key = newKey();
-  X509* certificate = newCertificate(key, names.front(), X509_get_subject_name(keys_->certificate));
+  X509* certificate = newCertificate(key, names.front(), X509_get_subject_name(keys_->certificate), validity);
   std::string alternativeNames;
   for (const auto& name : names) {
     if (!alternativeNames.empty()) alternativeNames += ",";

@@ -2,6 +2,7 @@
 
 #include <openssl/ssl.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +11,12 @@
 struct ZavloTestTlsIdentity {
   std::string certificatePem;
   std::string privateKeyPem;
+};
+
+/// When a certificate is valid, relative to the moment it is issued.
+struct ZavloTestValidity {
+  std::chrono::seconds notBefore = std::chrono::hours(-1);
+  std::chrono::seconds notAfter = std::chrono::hours(24);
 };
 
 /// A certificate authority made by the test itself with the OpenSSL API: a fresh P-256 key
@@ -24,8 +31,10 @@ class ZavloTestCertificateAuthority {
   [[nodiscard]] const std::string& certificatePem() const noexcept { return certificatePem_; }
 
   /// A server certificate signed by this authority. Each name becomes a subjectAltName:
-  /// an IP entry for an IPv4 or IPv6 literal, a DNS entry otherwise.
-  [[nodiscard]] ZavloTestTlsIdentity issueServerIdentity(const std::vector<std::string>& names) const;
+  /// an IP entry for an IPv4 or IPv6 literal, a DNS entry otherwise. By default it is valid
+  /// from an hour ago for a day; validity gives it another window (an expired one, say).
+  [[nodiscard]] ZavloTestTlsIdentity issueServerIdentity(const std::vector<std::string>& names,
+                                                         ZavloTestValidity validity = {}) const;
 
  private:
   struct Keys;

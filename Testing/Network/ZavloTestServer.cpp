@@ -130,6 +130,16 @@ ZavloTestServerReply ZavloTestServerReply::reset() {
   return reply;
 }
 
+ZavloTestServerReply ZavloTestServerReply::answerThen(std::vector<std::string> segments, Ending ending,
+                                                      std::chrono::milliseconds pause) {
+  ZavloTestServerReply reply;
+  reply.segments = std::move(segments);
+  reply.pause = pause;
+  reply.ending = ending;
+  reply.pauseBeforeEnding = pause;
+  return reply;
+}
+
 bool ZavloTestServer::ipv6LoopbackAvailable() {
   const int probe = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (probe < 0) return false;
@@ -317,6 +327,23 @@ void ZavloTestServer::serve(int socket) {
       if (reply.inOneFlight) {
         const int uncork = 0;  // releases everything written so far at once
         ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &uncork, sizeof uncork);
+      }
+      if (reply.ending != ZavloTestServerReply::Ending::close && reply.pauseBeforeEnding.count() > 0) {
+        std::this_thread::sleep_for(reply.pauseBeforeEnding);
+      }
+      if (reply.ending == ZavloTestServerReply::Ending::holdOpen) {
+        std::lock_guard lock(mutex_);
+        heldOpen_.push_back(socket);
+        if (channel.ssl != nullptr) heldOpenTls_.push_back(channel.ssl);
+        requests_.push_back(std::move(request));
+        ++served_;
+        return;
+      }
+      if (reply.ending == ZavloTestServerReply::Ending::reset) {
+        // No close_notify and no FIN: the abortive close sends a reset at once.
+        const linger abortive{1, 0};
+        ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+        break;
       }
       if (channel.ssl != nullptr) SSL_shutdown(channel.ssl);
       ::shutdown(socket, SHUT_WR);

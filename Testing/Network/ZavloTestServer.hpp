@@ -26,12 +26,25 @@ struct ZavloTestServerReply {
   /// and released together, so that the client finds all of them waiting at once.
   bool inOneFlight = false;
 
+  /// How an answer ends once its segments are written.
+  enum class Ending {
+    close,     ///< an orderly close
+    reset,     ///< a reset (SO_LINGER 0), as a peer that crashes or aborts mid-answer
+    holdOpen,  ///< nothing more: the connection stays open until the server stops
+  };
+  Ending ending = Ending::close;
+  /// Before a reset or a hold, so that the client has read what came before.
+  std::chrono::milliseconds pauseBeforeEnding{0};
+
   static ZavloTestServerReply answer(std::string bytes);
   static ZavloTestServerReply split(std::vector<std::string> segments, std::chrono::milliseconds pause);
   static ZavloTestServerReply together(std::vector<std::string> writes);
   static ZavloTestServerReply neverAnswer();
   static ZavloTestServerReply closeAtOnce();
   static ZavloTestServerReply reset();
+  /// The segments (pause between them), then the pause again, then that ending.
+  static ZavloTestServerReply answerThen(std::vector<std::string> segments, Ending ending,
+                                         std::chrono::milliseconds pause = std::chrono::milliseconds(0));
 };
 
 /// A scripted raw TCP (or TLS) server on a loopback address and an ephemeral port, run on
