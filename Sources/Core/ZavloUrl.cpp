@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <cctype>
 #include <memory>
 
@@ -82,7 +83,10 @@ std::optional<ZavloUrl> ZavloUrl::parse(std::string_view text) {
     return url;
   }
   const auto scheme = schemeOf(input);
-  if (scheme && !namesHost(std::string_view(input).substr(scheme->size() + 1))) {
+  // libcurl also takes a scheme that starts with a digit or a sign ("1http://x"), which
+  // RFC 3986 does not: such text is no URL.
+  if (!scheme) return std::nullopt;
+  if (!namesHost(std::string_view(input).substr(scheme->size() + 1))) {
     ZavloUrl url;
     url.absolute_ = input;
     url.scheme_ = *scheme;
@@ -90,7 +94,7 @@ std::optional<ZavloUrl> ZavloUrl::parse(std::string_view text) {
   }
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   auto url = fromHandle(handle.get(), input);
-  if (url && scheme) url->scheme_ = *scheme;
+  if (url) url->scheme_ = *scheme;
   return url;
 }
 
@@ -105,6 +109,14 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   auto absolute = part(handle.get(), CURLUPART_URL);
   if (!absolute) return std::nullopt;
+  // libcurl reads a reference such as "1http://x" as absolute by its own looser rule; its
+  // result then does not start with the base's scheme, and the text is no reference.
+  if (absolute->size() <= base.scheme_.size() || (*absolute)[base.scheme_.size()] != ':' ||
+      !std::equal(base.scheme_.begin(), base.scheme_.end(), absolute->begin(), [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+      })) {
+    return std::nullopt;
+  }
   // The base's scheme as written, in the text too (libcurl writes it in lower case).
   absolute->replace(0, base.scheme_.size(), base.scheme_);
   auto url = fromHandle(handle.get(), std::move(*absolute));

@@ -138,6 +138,22 @@ TEST(ZavloUrl, SchemesStayAsWrittenAndAUrlMayLackItsHostOrItsScheme) {
   }
 }
 
+// libcurl's own rule takes "1http" or "+a" for a scheme; RFC 3986 wants a letter first. Such
+// text is neither a URL nor a reference, and resolving it used to splice the base's scheme
+// over its first characters ("HTTPp://evil.test/x").
+TEST(ZavloUrl, ASchemeStartsWithALetter) {
+  const auto base = url("HTTP://op.test/a");
+  for (const auto* text : {"1http://evil.test/x", "1HTTP://evil.test/", "+a://evil.test/", "-x://h/", "1http:x"}) {
+    EXPECT_FALSE(ZavloUrl::parse(text)) << text;
+    EXPECT_FALSE(ZavloUrl::resolve(base, text)) << text;
+  }
+  EXPECT_FALSE(Client::parseRedirect(base, "HTTP/1.1 302 Found\r\nLocation: 1http://evil.test/x\r\n\r\n"));
+  const auto letterFirst = ZavloUrl::parse("h1+.-://op.test/");
+  ASSERT_TRUE(letterFirst);
+  EXPECT_EQ(letterFirst->scheme(), "h1+.-");
+  EXPECT_EQ(ZavloUrl::resolve(base, "x1:y")->absoluteString(), "x1:y") << "a reference with a scheme is its target";
+}
+
 TEST(ZavloCellularSnaClientResponse, DictionariesForErrorsAndFinalAnswers) {
   EXPECT_EQ(Client::convertNetworkErrorToDictionary(ZavloNetworkError::connectionCantBeCreated("t")),
             (json{{"error", "SNA_CONNECTION_FAILED"}, {"error_description", "t"}}));
