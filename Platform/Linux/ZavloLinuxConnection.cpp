@@ -754,10 +754,12 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   void received(const std::error_code& error, std::size_t count) {
     receiving_ = false;
     if (phase_ == Phase::closed || receives_.empty()) return;
+    const auto room = std::min(readCapacity_, receives_.front().maximum) - filled_;
     filled_ += count;
     // A read returns what one system call, or one TLS record, brought; a receive returns
-    // everything that has arrived by now, so read on while more is waiting.
-    if (!error && filled_ < receives_.front().maximum && moreIsWaiting()) {
+    // everything that has arrived by now, so read on while more is waiting. A plain read
+    // that left room took all the socket held: asking the kernel again would cost a call.
+    if (!error && filled_ < receives_.front().maximum && (secure_ || count == room) && moreIsWaiting()) {
       if (filled_ == readCapacity_) {
         auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(
             std::min(receives_.front().maximum, readCapacity_ * kReadGrowth));

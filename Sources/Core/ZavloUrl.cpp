@@ -55,9 +55,8 @@ std::optional<ZavloUrl> ZavloUrl::fromHandle(void* opaque, std::string absolute)
   auto* handle = static_cast<CURLU*>(opaque);
   ZavloUrl url;
   url.absolute_ = std::move(absolute);
-  auto scheme = part(handle, CURLUPART_SCHEME);
-  if (!scheme) return std::nullopt;
-  url.scheme_ = std::move(*scheme);
+  // The scheme is the caller's to set: it keeps the one as written, which libcurl has
+  // lowered, and a handle that took a URL always holds one.
   url.host_ = part(handle, CURLUPART_HOST).value_or("");
   if (url.host_.size() >= 2 && url.host_.front() == '[' && url.host_.back() == ']') {
     url.host_ = url.host_.substr(1, url.host_.size() - 2);
