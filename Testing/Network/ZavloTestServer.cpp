@@ -303,20 +303,25 @@ void ZavloTestServer::serve(int socket) {
     request.append(buffer, static_cast<std::size_t>(count));
   }
 
+  // The connection stays open, unanswered or unfinished, until the server stops.
+  const auto holdOpen = [&] {
+    std::lock_guard lock(mutex_);
+    heldOpen_.push_back(socket);
+    if (channel.ssl != nullptr) heldOpenTls_.push_back(channel.ssl);
+    requests_.push_back(std::move(request));
+    ++served_;
+  };
+  // The close that follows sends a reset at once.
+  const auto closeAbortively = [socket] {
+    const linger abortive{1, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+  };
   switch (reply.action) {
-    case ZavloTestServerReply::Action::neverAnswer: {
-      std::lock_guard lock(mutex_);
-      heldOpen_.push_back(socket);
-      if (channel.ssl != nullptr) heldOpenTls_.push_back(channel.ssl);
-      requests_.push_back(std::move(request));
-      ++served_;
-      return;
-    }
-    case ZavloTestServerReply::Action::reset: {
-      const linger abortive{1, 0};
-      ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    case ZavloTestServerReply::Action::neverAnswer:
+      return holdOpen();
+    case ZavloTestServerReply::Action::reset:
+      closeAbortively();
       break;
-    }
     case ZavloTestServerReply::Action::answer: {
       const int cork = 1;
       if (reply.inOneFlight) ::setsockopt(socket, IPPROTO_TCP, TCP_CORK, &cork, sizeof cork);
@@ -331,18 +336,9 @@ void ZavloTestServer::serve(int socket) {
       if (reply.ending != ZavloTestServerReply::Ending::close && reply.pauseBeforeEnding.count() > 0) {
         std::this_thread::sleep_for(reply.pauseBeforeEnding);
       }
-      if (reply.ending == ZavloTestServerReply::Ending::holdOpen) {
-        std::lock_guard lock(mutex_);
-        heldOpen_.push_back(socket);
-        if (channel.ssl != nullptr) heldOpenTls_.push_back(channel.ssl);
-        requests_.push_back(std::move(request));
-        ++served_;
-        return;
-      }
+      if (reply.ending == ZavloTestServerReply::Ending::holdOpen) return holdOpen();
       if (reply.ending == ZavloTestServerReply::Ending::reset) {
-        // No close_notify and no FIN: the abortive close sends a reset at once.
-        const linger abortive{1, 0};
-        ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+        closeAbortively();  // no close_notify and no FIN
         break;
       }
       if (channel.ssl != nullptr) SSL_shutdown(channel.ssl);
