@@ -15,7 +15,7 @@
 #include <asio/ssl.hpp>
 #include <cctype>
 #include <cerrno>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -842,9 +842,11 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   std::uint64_t attempt_ = 0;
   bool timedOut_ = false;
   std::optional<ZavloConnectionError> failure_;
-  std::deque<PendingSend> sends_;
+  // Lists, not deques: a deque allocates even when empty or moved from, and a connection
+  // usually holds one send and one receive.
+  std::list<PendingSend> sends_;
   bool sending_ = false;
-  std::deque<PendingReceive> receives_;
+  std::list<PendingReceive> receives_;
   bool receiving_ = false;
   std::size_t filled_ = 0;  // bytes of readBuffer_ the current receive has already taken
   bool peerFinished_ = false;

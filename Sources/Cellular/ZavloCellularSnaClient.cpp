@@ -121,45 +121,42 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
     deliver(completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
     return;
   }
-  std::vector<std::uint8_t> request(command->begin(), command->end());
+  std::optional<std::int64_t> port;
+  if (url.port()) port = *url.port();
+  auto hop = std::make_shared<const Hop>(
+      Hop{url, std::vector<std::uint8_t>(command->begin(), command->end()), completion, port});
   hopStarted_ = std::chrono::steady_clock::now();
   connectTime_.reset();
   requestSent_.reset();
-  std::optional<std::int64_t> port;
-  if (url.port()) port = *url.port();
   if (!createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::v6)) {
     deliver(completion,
             ZavloNetworkError::connectionCantBeCreated("Problem creating a connection " + url.absoluteString()));
     return;
   }
-
-  std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
-  auto readyState = [weak, url, request, completion] {
-    const auto self = weak.lock();
-    if (!self) return;
-    self->connectTime_ =
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - self->hopStarted_);
-    self->sendAndReceiveWithBody(url, request, completion);
-  };
-  auto fallback = [weak, url, port, completion, readyState] {
-    const auto self = weak.lock();
-    if (!self) return;
-    if (self->connection_) {
-      self->connection_->cancel();
-      self->connection_.reset();
-    }
-    // Any IP version, not IPv4 only: the second try may still use IPv6.
-    auto retry = self->createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::any);
-    if (!retry) {
-      self->deliver(completion, ZavloNetworkError::connectionCantBeCreated(
-                                    "Problem creating IPv4 fallback connection " + url.absoluteString()));
-      return;
-    }
-    retry->setStateUpdateHandler(self->createConnectionUpdateHandler(completion, readyState, nullptr));
-    retry->start(self->platform_.mainQueue());
-  };
-  connection_->setStateUpdateHandler(createConnectionUpdateHandler(completion, readyState, fallback));
+  connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), true));
   connection_->start(platform_.mainQueue());
+}
+
+void ZavloCellularSnaClient::connectionReady(const std::shared_ptr<const Hop>& hop) {
+  connectTime_ = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - hopStarted_);
+  sendAndReceiveWithBody(hop);
+}
+
+void ZavloCellularSnaClient::fallBackFromIpv6(const std::shared_ptr<const Hop>& hop) {
+  if (connection_) {
+    connection_->cancel();
+    connection_.reset();
+  }
+  // Any IP version, not IPv4 only: the second try may still use IPv6.
+  auto retry =
+      createConnection(hop->url.scheme(), hop->url.host(), hop->port, ZavloConnectionParameters::IpVersion::any);
+  if (!retry) {
+    deliver(hop->completion, ZavloNetworkError::connectionCantBeCreated("Problem creating IPv4 fallback connection " +
+                                                                        hop->url.absoluteString()));
+    return;
+  }
+  retry->setStateUpdateHandler(createConnectionUpdateHandler(hop, false));
+  retry->start(platform_.mainQueue());
 }
 
 std::shared_ptr<ZavloConnection> ZavloCellularSnaClient::createConnection(
@@ -189,39 +186,37 @@ std::shared_ptr<ZavloConnection> ZavloCellularSnaClient::createConnection(
   return connection_;
 }
 
-ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHandler(
-    ResponseHandler completion, std::function<void()> readyState, std::function<void()> ipv6Fallback) {
-  return
-      [completion = std::move(completion), readyState = std::move(readyState), ipv6Fallback = std::move(ipv6Fallback)](
-          ZavloConnection::State state, const std::optional<ZavloConnectionError>& error) {
-        switch (state) {
-          case ZavloConnection::State::setup:
-          case ZavloConnection::State::preparing:
-          case ZavloConnection::State::waiting:  // the hop's timer covers a connection that never gets ready
-          case ZavloConnection::State::cancelled:
-            return;
-          case ZavloConnection::State::ready:
-            if (readyState) readyState();
-            return;
-          case ZavloConnection::State::failed:
-            if (ipv6Fallback) {
-              ipv6Fallback();
-            } else if (completion) {
-              completion(ZavloNetworkError::other(
-                  "Connection failed: " + (error ? error->localizedDescription : std::string("unknown error"))));
-            }
-            return;
+ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHandler(std::shared_ptr<const Hop> hop,
+                                                                                    bool ipv6Fallback) {
+  return [weak = weak_from_this(), hop = std::move(hop), ipv6Fallback](
+             ZavloConnection::State state, const std::optional<ZavloConnectionError>& error) {
+    switch (state) {
+      case ZavloConnection::State::setup:
+      case ZavloConnection::State::preparing:
+      case ZavloConnection::State::waiting:  // the hop's timer covers a connection that never gets ready
+      case ZavloConnection::State::cancelled:
+        return;
+      case ZavloConnection::State::ready:
+        if (const auto self = weak.lock()) self->connectionReady(hop);
+        return;
+      case ZavloConnection::State::failed:
+        if (ipv6Fallback) {
+          if (const auto self = weak.lock()) self->fallBackFromIpv6(hop);
+        } else if (hop->completion) {
+          hop->completion(ZavloNetworkError::other(
+              "Connection failed: " + (error ? error->localizedDescription : std::string("unknown error"))));
         }
-      };
+        return;
+    }
+  };
 }
 
-void ZavloCellularSnaClient::sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data,
-                                                    const ResponseHandler& completion) {
+void ZavloCellularSnaClient::sendAndReceiveWithBody(const std::shared_ptr<const Hop>& hop) {
   if (!connection_) return;
   std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
-  connection_->send(std::move(data), [weak, completion](const std::optional<ZavloConnectionError>& error) {
+  connection_->send(hop->request, [weak, hop](const std::optional<ZavloConnectionError>& error) {
     if (error) {
-      if (completion) completion(ZavloNetworkError::other(error->localizedDescription));
+      if (hop->completion) hop->completion(ZavloNetworkError::other(error->localizedDescription));
     } else if (const auto self = weak.lock()) {
       self->requestSent_ = std::chrono::steady_clock::now();
     }
@@ -229,9 +224,9 @@ void ZavloCellularSnaClient::sendAndReceiveWithBody(const ZavloUrl& requestUrl, 
   // One receive only: an answer longer than this, or split in pieces, is judged on what
   // this read returns.
   connection_->receive(1, kMaximumResponseLength,
-                       [weak, requestUrl, completion](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
-                                                      const std::optional<ZavloConnectionError>& error) {
-                         if (auto self = weak.lock()) self->processResponse(requestUrl, received, error, completion);
+                       [weak, hop](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
+                                   const std::optional<ZavloConnectionError>& error) {
+                         if (auto self = weak.lock()) self->processResponse(hop->url, received, error, hop->completion);
                        });
 }
 
@@ -272,11 +267,14 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
   event->requestId = requestId_;
   event->authProvider = "NATIVE_SNA";
   event->eventName = "SNA_HOP";
-  nlohmann::json metaData = {{"requestUrl", requestUrl.absoluteString()},
-                             {"responseUrl", responseUrl},
-                             {"httpCode", httpCode},
-                             {"requestBody", ""},
-                             {"responseBody", responseBody}};
+  // Key by key: an initialiser list would build and copy a two-element array per entry,
+  // on every hop.
+  nlohmann::json metaData(nlohmann::json::value_t::object);
+  metaData["requestUrl"] = requestUrl.absoluteString();
+  metaData["responseUrl"] = responseUrl;
+  metaData["httpCode"] = httpCode;
+  metaData["requestBody"] = "";
+  metaData["responseBody"] = responseBody;
   if (failure) {
     event->status = "FAILURE";
     event->failureReason = failure;

@@ -81,11 +81,18 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   std::shared_ptr<ZavloConnection> createConnection(const std::string& scheme, const std::string& host,
                                                     std::optional<std::int64_t> port,
                                                     ZavloConnectionParameters::IpVersion ipVersion);
-  ZavloConnection::StateHandler createConnectionUpdateHandler(ResponseHandler completion,
-                                                              std::function<void()> readyState,
-                                                              std::function<void()> ipv6Fallback);
-  void sendAndReceiveWithBody(const ZavloUrl& requestUrl, std::vector<std::uint8_t> data,
-                              const ResponseHandler& completion);
+  /// What the callbacks of one hop share, made once per hop rather than copied into each.
+  struct Hop {
+    ZavloUrl url;
+    std::vector<std::uint8_t> request;
+    ResponseHandler completion;
+    std::optional<std::int64_t> port;
+  };
+  /// ipv6Fallback: a failure starts the second try (any IP version) instead of ending the hop.
+  ZavloConnection::StateHandler createConnectionUpdateHandler(std::shared_ptr<const Hop> hop, bool ipv6Fallback);
+  void connectionReady(const std::shared_ptr<const Hop>& hop);
+  void fallBackFromIpv6(const std::shared_ptr<const Hop>& hop);
+  void sendAndReceiveWithBody(const std::shared_ptr<const Hop>& hop);
   void createTimer();
   void fireTimer();
   void cleanUp();
