@@ -8,8 +8,9 @@
 // written, up to the first ":" (empty only for "//host..."); a NUL byte is never part of a
 // URL. A reference with a scheme resolves to what it parses to; any other resolves with
 // its base's scheme as written and, when neither text has percent escapes, reads again as
-// a URL with the same host and port (for a plain host name or address). A request text
-// exists only for a URL with a scheme and a host, and is one request.
+// a URL with the same host and port (for a plain host name or address). A resolved URL,
+// used as a base, resolves references exactly as the URL read from its text does. A request
+// text exists only for a URL with a scheme and a host, and is one request.
 #include <cstdint>
 #include <string>
 
@@ -48,6 +49,25 @@ void checkParsed(std::string_view text, const std::optional<ZavloUrl>& url) {
                      "the scheme is the text's own, as written");
   }
   checkRequest(*url);
+}
+
+bool same(const std::optional<ZavloUrl>& a, const std::optional<ZavloUrl>& b) {
+  if (!a || !b) return a.has_value() == b.has_value();
+  return a->absoluteString() == b->absoluteString() && a->scheme() == b->scheme() && a->host() == b->host() &&
+         a->port() == b->port() && a->encodedPath() == b->encodedPath() && a->decodedPath() == b->decodedPath() &&
+         a->query() == b->query();
+}
+
+// A resolved URL keeps what libcurl made of it for the next resolution; that must resolve
+// exactly as the URL read again from its text, which is what a chain's next hop did before.
+void checkResolvesAsItsText(const ZavloUrl& resolved, std::string_view reference) {
+  const auto reread = ZavloUrl::parse(resolved.absoluteString());
+  if (!reread) return;
+  for (const std::string_view next : {reference, std::string_view(""), std::string_view("?"), std::string_view("#"),
+                                      std::string_view("."), std::string_view("../x?y#z"), std::string_view("//h/")}) {
+    ZAVLO_FUZZ_CHECK(same(ZavloUrl::resolve(resolved, next), ZavloUrl::resolve(*reread, next)),
+                     "a resolved URL resolves as its text would");
+  }
 }
 
 }  // namespace
@@ -90,6 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                        "a resolved URL names the same host and port again");
     }
   }
+  checkResolvesAsItsText(*resolved, reference);
   checkRequest(*resolved);
   return 0;
 }

@@ -13,6 +13,15 @@ struct UrlHandleDeleter {
 };
 using UrlHandle = std::unique_ptr<CURLU, UrlHandleDeleter>;
 
+std::shared_ptr<const void> share(UrlHandle handle) {
+  return {handle.release(), [](const void* held) { curl_url_cleanup(static_cast<CURLU*>(const_cast<void*>(held))); }};
+}
+
+// Whether a handle made from this text may stand for it when a reference is resolved. Not
+// with percent escapes: libcurl may write a host it decoded into the text, which then reads
+// back as another one, and its copy of a handle drops an IPv6 zone ("[fe80::1%25eth0]").
+bool readsBack(std::string_view text) { return text.find('%') == std::string_view::npos; }
+
 // Any scheme is accepted (ftp must parse to be rejected by the caller, not by us);
 // spaces are never allowed, as in a strict URL parser.
 constexpr unsigned kParseFlags = CURLU_NON_SUPPORT_SCHEME;
@@ -93,7 +102,10 @@ std::optional<ZavloUrl> ZavloUrl::parse(std::string_view text) {
   }
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   auto url = fromHandle(handle.get(), input);
-  if (url) url->scheme_ = *scheme;
+  if (url) {
+    url->scheme_ = *scheme;
+    if (readsBack(input)) url->parsed_ = share(std::move(handle));
+  }
   return url;
 }
 
@@ -101,9 +113,13 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   const std::string input(reference);
   if (input.find('\0') != std::string::npos) return std::nullopt;
   if (schemeOf(input)) return parse(input);  // RFC 3986, 5.2.2: the reference is the target
-  UrlHandle handle(curl_url());
-  if (!handle || base.scheme_.empty()) return std::nullopt;
-  if (curl_url_set(handle.get(), CURLUPART_URL, base.absolute_.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
+  if (base.scheme_.empty()) return std::nullopt;
+  UrlHandle handle(base.parsed_ ? curl_url_dup(static_cast<CURLU*>(const_cast<void*>(base.parsed_.get())))
+                                : curl_url());
+  if (!handle) return std::nullopt;
+  if (!base.parsed_ && curl_url_set(handle.get(), CURLUPART_URL, base.absolute_.c_str(), kParseFlags) != CURLUE_OK) {
+    return std::nullopt;
+  }
   // Setting a URL on a handle that holds one resolves it as a reference against it.
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   auto absolute = part(handle.get(), CURLUPART_URL);
@@ -118,7 +134,11 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   }
   // The base's scheme as written, in the text too (libcurl writes it in lower case).
   absolute->replace(0, base.scheme_.size(), base.scheme_);
+  const bool keep = readsBack(base.absolute_) && readsBack(input) && readsBack(*absolute);
   auto url = fromHandle(handle.get(), std::move(*absolute));
-  if (url) url->scheme_ = base.scheme_;
+  if (url) {
+    url->scheme_ = base.scheme_;
+    if (keep) url->parsed_ = share(std::move(handle));
+  }
   return url;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,6 +41,10 @@ class ZavloUrl {
  private:
   ZavloUrl() = default;
   static std::optional<ZavloUrl> fromHandle(void* handle, std::string absolute);
+  /// A libcurl handle holding this URL as parsing absolute_ would leave it, kept so that
+  /// resolving against it skips that parse (a chain resolves every hop's redirect against
+  /// the URL the one before gave); null when unknown. Shared by copies, never changed.
+  std::shared_ptr<const void> parsed_;
 
   std::string absolute_;
   std::string scheme_;
