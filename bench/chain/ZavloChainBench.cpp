@@ -7,6 +7,7 @@
 // wall time of a chain divided by N.
 //
 // Names are WHO/WHAT/hops:N, WHO being library, sockets or openssl(-resumed) (the floor),
+// sockets-epoll (the floor on non-blocking sockets waiting in epoll, as on an event loop),
 // libcurl or curl; scripts/bench compares library/WHAT/hops:N with every other WHO of the same
 // WHAT and hops.
 
@@ -154,6 +155,9 @@ void registerLoopback(Setup& setup) {
   // http: relative Locations; http-absolute: "http://127.0.0.1:PORT/..." Locations.
   benchmark::RegisterBenchmark("sockets/http", [&](benchmark::State& s) {
     floorChain(s, *setup.relative, {});
+  })->Apply(hops);
+  benchmark::RegisterBenchmark("sockets-epoll/http", [&](benchmark::State& s) {
+    floorChain(s, *setup.relative, {false, false, "", true});
   })->Apply(hops);
   benchmark::RegisterBenchmark("libcurl/http", [&](benchmark::State& s) {
     libcurlChain(s, *setup.relative, "");

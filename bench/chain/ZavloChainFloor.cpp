@@ -7,6 +7,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <array>
@@ -98,6 +99,11 @@ bool isIpLiteral(const std::string& host) {
 }  // namespace
 
 ZavloChainFloorClient::ZavloChainFloorClient(Options options) : options_(std::move(options)) {
+  if (options_.eventDriven && options_.tls) throw failure("the event-driven floor speaks plain HTTP only");
+  if (options_.eventDriven) {
+    epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    if (epoll_ < 0) throw failure("epoll: " + std::string(std::strerror(errno)));
+  }
   if (!options_.tls) return;
   context_ = SSL_CTX_new(TLS_client_method());
   if (context_ == nullptr) throw failure("TLS context: " + zavloOpenSslErrors());
@@ -117,15 +123,47 @@ ZavloChainFloorClient::ZavloChainFloorClient(Options options) : options_(std::mo
 ZavloChainFloorClient::~ZavloChainFloorClient() {
   SSL_SESSION_free(session_);
   SSL_CTX_free(context_);
+  if (epoll_ >= 0) close(epoll_);
+}
+
+int ZavloChainFloorClient::socketFor(int family) {
+  registered_ = -1;  // a new socket; its number may be the last one's
+  return socket(family, SOCK_STREAM | SOCK_CLOEXEC | (options_.eventDriven ? SOCK_NONBLOCK : 0), 0);
+}
+
+bool ZavloChainFloorClient::awaitReady(int fd, std::uint32_t events) {
+  epoll_event wanted{};
+  wanted.events = events | EPOLLONESHOT;
+  wanted.data.fd = fd;
+  if (epoll_ctl(epoll_, registered_ == fd ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &wanted) != 0) return false;
+  registered_ = fd;
+  epoll_event ready{};
+  for (;;) {
+    const int count = epoll_wait(epoll_, &ready, 1, -1);
+    if (count == 1) return true;
+    if (count < 0 && errno != EINTR) return false;
+  }
+}
+
+// A blocking connect, or a non-blocking one and a wait for its outcome; errno tells why not.
+bool ZavloChainFloorClient::connected(int fd, const sockaddr* address, socklen_t length) {
+  if (connect(fd, address, length) == 0) return true;
+  if (!options_.eventDriven || errno != EINPROGRESS) return false;
+  if (!awaitReady(fd, EPOLLOUT)) return false;
+  int error = 0;
+  socklen_t size = sizeof error;
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return false;
+  errno = error;
+  return error == 0;
 }
 
 int ZavloChainFloorClient::connectTo(const std::string& host, std::uint16_t port) {
   const auto key = host + ":" + std::to_string(port);
   if (const auto known = addresses_.find(key); known != addresses_.end()) {
     const auto& address = known->second;
-    const int fd = socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socketFor(address.storage.ss_family);
     if (fd < 0) throw failure("socket: " + std::string(std::strerror(errno)));
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length) == 0) return fd;
+    if (connected(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.length)) return fd;
     const int error = errno;
     close(fd);
     throw failure("connect " + key + ": " + std::strerror(error));
@@ -140,9 +178,9 @@ int ZavloChainFloorClient::connectTo(const std::string& host, std::uint16_t port
   }
   std::string lastError = "no address";
   for (const addrinfo* candidate = found; candidate != nullptr; candidate = candidate->ai_next) {
-    const int fd = socket(candidate->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socketFor(candidate->ai_family);
     if (fd < 0) continue;
-    if (connect(fd, candidate->ai_addr, candidate->ai_addrlen) == 0) {
+    if (connected(fd, candidate->ai_addr, candidate->ai_addrlen)) {
       Address address;
       std::memcpy(&address.storage, candidate->ai_addr, candidate->ai_addrlen);
       address.length = candidate->ai_addrlen;
@@ -163,10 +201,14 @@ std::string ZavloChainFloorClient::exchange(int fd, const std::string& host, con
     std::size_t sent = 0;
     while (sent < request.size()) {
       const auto n = send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+      if (n < 0 && errno == EAGAIN && awaitReady(fd, EPOLLOUT)) continue;
       if (n <= 0) throw failure("send: " + std::string(std::strerror(errno)));
       sent += static_cast<std::size_t>(n);
     }
-    const auto received = recv(fd, response.data(), response.size(), 0);
+    auto received = recv(fd, response.data(), response.size(), 0);
+    while (received < 0 && errno == EAGAIN && awaitReady(fd, EPOLLIN)) {
+      received = recv(fd, response.data(), response.size(), 0);
+    }
     if (received <= 0) throw failure("no answer: " + std::string(received < 0 ? std::strerror(errno) : "closed"));
     response.resize(static_cast<std::size_t>(received));
     return response;
