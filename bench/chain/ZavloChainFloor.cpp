@@ -296,7 +296,7 @@ std::string zavloFindCurl() {
   std::string_view directories = path != nullptr ? path : "/usr/bin:/bin";
   while (!directories.empty()) {
     const auto end = directories.find(':');
-    const auto candidate = std::string(directories.substr(0, end)) + "/curl";
+    auto candidate = std::string(directories.substr(0, end)) + "/curl";
     if (access(candidate.c_str(), X_OK) == 0) return candidate;
     directories.remove_prefix(end == std::string_view::npos ? directories.size() : end + 1);
   }

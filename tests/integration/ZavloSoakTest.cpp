@@ -42,7 +42,7 @@ constexpr bool kMeasuresMemory = false;
 #else
 constexpr bool kMeasuresMemory = true;
 #endif
-constexpr std::size_t kMiB = 1024 * 1024;
+constexpr std::size_t kMiB = std::size_t{1024} * 1024;
 constexpr std::size_t kChainMemoryBound = 64 * kMiB;
 // A process that runs only this test starts the load at about 16 MiB; the bound is checked
 // on what the load adds to that, so that tests run before it in the same process (a run of
@@ -58,7 +58,9 @@ constexpr std::size_t kMemoryGrowth = 2 * kMiB;
 std::size_t scaled(std::size_t count) {
   const char* scale = std::getenv("ZAVLO_SOAK_SCALE");
   const double factor = scale != nullptr ? std::atof(scale) : 1.0;
-  return factor > 0 && factor < 1 ? std::max<std::size_t>(1, static_cast<std::size_t>(count * factor)) : count;
+  return factor > 0 && factor < 1
+             ? std::max<std::size_t>(1, static_cast<std::size_t>(static_cast<double>(count) * factor))
+             : count;
 }
 
 ZavloLinuxPlatform::Options loopbackCellular(const std::string& keychainPath) {
@@ -145,7 +147,7 @@ TEST_F(ZavloSoakTest, TenThousandTelemetryEventsEachArriveAndCompleteOnce) {
     event->eventName = "SOAK";
     event->requestId = "soak-" + std::to_string(i);
     event->status = "SUCCESS";
-    graph.logManager->sendEventLog(event, [&, i](ZavloResult<ZavloVoid, ZavloAuthHttpError> result) {
+    graph.logManager->sendEventLog(event, [&, i](const ZavloResult<ZavloVoid, ZavloAuthHttpError>& result) {
       std::lock_guard lock(mutex);
       ++completions[i];
       if (!result) ++failures;
