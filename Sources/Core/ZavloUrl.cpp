@@ -13,10 +13,6 @@ struct UrlHandleDeleter {
 };
 using UrlHandle = std::unique_ptr<CURLU, UrlHandleDeleter>;
 
-std::shared_ptr<const void> share(UrlHandle handle) {
-  return {handle.release(), [](const void* held) { curl_url_cleanup(static_cast<CURLU*>(const_cast<void*>(held))); }};
-}
-
 // Whether a handle made from this text may stand for it when a reference is resolved. Not
 // with percent escapes: libcurl may write a host it decoded into the text, which then reads
 // back as another one, and its copy of a handle drops an IPv6 zone ("[fe80::1%25eth0]").
@@ -60,12 +56,11 @@ bool namesHost(std::string_view hierarchy) {
 
 }  // namespace
 
-std::optional<ZavloUrl> ZavloUrl::fromHandle(void* opaque, std::string absolute) {
+ZavloUrl ZavloUrl::fromHandle(void* opaque, std::string absolute) {
   auto* handle = static_cast<CURLU*>(opaque);
   ZavloUrl url;
   url.absolute_ = std::move(absolute);
-  // The scheme is the caller's to set: it keeps the one as written, which libcurl has
-  // lowered, and a handle that took a URL always holds one.
+  // No scheme: libcurl's is lowered, and callers keep the one as written.
   url.host_ = part(handle, CURLUPART_HOST).value_or("");
   if (url.host_.size() >= 2 && url.host_.front() == '[' && url.host_.back() == ']') {
     url.host_ = url.host_.substr(1, url.host_.size() - 2);
@@ -86,9 +81,7 @@ std::optional<ZavloUrl> ZavloUrl::parse(std::string_view text) {
     // libcurl reads only URLs with a scheme: this one is read with a stand-in, then dropped.
     const std::string withScheme = "http:" + input;
     if (curl_url_set(handle.get(), CURLUPART_URL, withScheme.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
-    auto url = fromHandle(handle.get(), input);
-    if (url) url->scheme_.clear();
-    return url;
+    return fromHandle(handle.get(), input);  // its scheme stays empty
   }
   const auto scheme = schemeOf(input);
   // libcurl also takes a scheme that starts with a digit or a sign ("1http://x"), which
@@ -102,10 +95,8 @@ std::optional<ZavloUrl> ZavloUrl::parse(std::string_view text) {
   }
   if (curl_url_set(handle.get(), CURLUPART_URL, input.c_str(), kParseFlags) != CURLUE_OK) return std::nullopt;
   auto url = fromHandle(handle.get(), input);
-  if (url) {
-    url->scheme_ = *scheme;
-    if (readsBack(input)) url->parsed_ = share(std::move(handle));
-  }
+  url.scheme_ = *scheme;
+  if (readsBack(input)) url.parsed_ = std::shared_ptr<CURLU>(std::move(handle));
   return url;
 }
 
@@ -114,8 +105,7 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   if (input.find('\0') != std::string::npos) return std::nullopt;
   if (schemeOf(input)) return parse(input);  // RFC 3986, 5.2.2: the reference is the target
   if (base.scheme_.empty()) return std::nullopt;
-  UrlHandle handle(base.parsed_ ? curl_url_dup(static_cast<CURLU*>(const_cast<void*>(base.parsed_.get())))
-                                : curl_url());
+  UrlHandle handle(base.parsed_ ? curl_url_dup(static_cast<CURLU*>(base.parsed_.get())) : curl_url());
   if (!handle) return std::nullopt;
   if (!base.parsed_ && curl_url_set(handle.get(), CURLUPART_URL, base.absolute_.c_str(), kParseFlags) != CURLUE_OK) {
     return std::nullopt;
@@ -136,9 +126,7 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   absolute->replace(0, base.scheme_.size(), base.scheme_);
   const bool keep = readsBack(base.absolute_) && readsBack(input) && readsBack(*absolute);
   auto url = fromHandle(handle.get(), std::move(*absolute));
-  if (url) {
-    url->scheme_ = base.scheme_;
-    if (keep) url->parsed_ = share(std::move(handle));
-  }
+  url.scheme_ = base.scheme_;
+  if (keep) url.parsed_ = std::shared_ptr<CURLU>(std::move(handle));
   return url;
 }

@@ -40,11 +40,12 @@ class ZavloUrl {
 
  private:
   ZavloUrl() = default;
-  static std::optional<ZavloUrl> fromHandle(void* handle, std::string absolute);
+  /// The parts of a handle that took a URL; the scheme is left for the caller to set.
+  static ZavloUrl fromHandle(void* handle, std::string absolute);
   /// A libcurl handle holding this URL as parsing absolute_ would leave it, kept so that
   /// resolving against it skips that parse (a chain resolves every hop's redirect against
   /// the URL the one before gave); null when unknown. Shared by copies, never changed.
-  std::shared_ptr<const void> parsed_;
+  std::shared_ptr<void> parsed_;
 
   std::string absolute_;
   std::string scheme_;
