@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Core/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
 #include "ZavloFuzzSupport.hpp"
 
 namespace {

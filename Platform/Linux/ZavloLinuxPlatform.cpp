@@ -1,10 +1,10 @@
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxSerialQueue.hpp"
 
-#include "Platform/Linux/ZavloLinuxHttpSession.hpp"
-#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
-#include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
-#include "Platform/Linux/ZavloLinuxTokenKeyStore.hpp"
+#include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
+#include "Platform/Linux/Network/ZavloLinuxPathMonitor.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxSecureKeys.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 
 #include <pwd.h>
 #include <sys/stat.h>

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/ZavloLinuxConnection.hpp"
+#include "Platform/Linux/Network/ZavloLinuxConnection.hpp"
 #include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
-#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
-#include "Platform/Linux/ZavloLinuxKeychain.hpp"
-#include "Platform/Linux/ZavloLinuxOwnerAuthentication.hpp"
-#include "Platform/Linux/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
 /// The Linux platform, made of real parts. The host runs runLoop() on its main thread,

@@ -1,7 +1,7 @@
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 
-#include "Core/ZavloAuthEnvironmentSecurity.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthenticationRepository.hpp"
 
 ZavloAuthenticationWrapper::ZavloAuthenticationWrapper(ZavloAuthenticationBridge::Services services,

@@ -12,7 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Cellular/ZavloConnectionResult.hpp"
-#include "Core/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Platform/ZavloConnection.hpp"
 #include "Platform/ZavloPlatform.hpp"
 

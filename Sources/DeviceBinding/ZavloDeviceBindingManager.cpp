@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "Core/ZavloAuthEventLog.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloAuthStatus.hpp"
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloAuthVersion.hpp"

@@ -5,8 +5,8 @@
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Cellular/ZavloCellularSnaClient.hpp"
-#include "Core/ZavloAuthEventLog.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloAuthVersion.hpp"
 #include "Core/ZavloUrl.hpp"

@@ -1,8 +1,8 @@
 #include "Native/ZavloAuthenticationGraph.hpp"
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Core/ZavloAuthHTTPManager.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthHTTPManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "DeviceBinding/ZavloDeviceBindingManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Platform/ZavloPlatform.hpp"

@@ -1,7 +1,7 @@
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 
-#include "Core/ZavloAuthEnvironmentSecurity.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloAuthResponseUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"
 #include "DeviceBinding/ZavloDeviceBindingManager.hpp"

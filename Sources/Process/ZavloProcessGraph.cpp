@@ -1,9 +1,9 @@
 // The process-wide accessors, all in one place so that code which never asks for them
 // links without a default platform.
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Core/ZavloAuthEventLog.hpp"
-#include "Core/ZavloAuthHTTPManager.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthHTTPManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/ZavloPlatform.hpp"

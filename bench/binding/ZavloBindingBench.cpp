@@ -25,11 +25,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
-#include "Platform/Linux/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Platform/Linux/ZavloLinuxTokenKeyStore.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloSoftHsm.hpp"
 

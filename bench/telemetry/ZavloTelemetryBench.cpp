@@ -24,7 +24,7 @@
 #include <thread>
 #include <unordered_set>
 
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"

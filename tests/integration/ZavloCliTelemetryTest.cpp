@@ -2,7 +2,7 @@
 #ifdef ZAVLO_AUTH_BINARY
 #include <gtest/gtest.h>
 
-#include "Core/ZavloAuthEnvironmentSecurity.hpp"
+#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"

@@ -16,7 +16,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloNetworkNamespace.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"

@@ -14,7 +14,7 @@
 #include <memory>
 #include <string>
 
-#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloDelayRelay.hpp"
 

@@ -24,7 +24,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"

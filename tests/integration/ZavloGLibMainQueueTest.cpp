@@ -13,7 +13,7 @@
 
 #include "Cellular/ZavloCellularSnaClient.hpp"
 #include "Core/ZavloUrl.hpp"
-#include "Platform/Linux/ZavloGLibMainQueue.hpp"
+#include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "ZavloGLibIteration.hpp"

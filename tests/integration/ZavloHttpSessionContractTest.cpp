@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Linux/ZavloLinuxHttpSession.hpp"
+#include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 

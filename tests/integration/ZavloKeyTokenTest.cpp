@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "Core/ZavloBase64.hpp"
-#include "Platform/Linux/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreItems.hpp"

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "Platform/Linux/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Testing/Network/ZavloNetworkNamespace.hpp"
 
 namespace {

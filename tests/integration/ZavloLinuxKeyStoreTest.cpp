@@ -20,8 +20,8 @@
 #include <random>
 #include <thread>
 
-#include "Platform/Linux/ZavloLinuxKeychain.hpp"
-#include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxSecureKeys.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
 #include "ZavloKeyStoreItems.hpp"

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/ZavloLinuxNetlinkState.hpp"
+#include "Platform/Linux/Network/ZavloLinuxNetlinkState.hpp"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include <mutex>
 #include <thread>
 
-#include "Platform/Linux/ZavloLinuxOwnerAuthentication.hpp"
+#include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloPrivateBus.hpp"
 

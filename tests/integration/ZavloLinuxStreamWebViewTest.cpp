@@ -8,8 +8,8 @@
 #include <array>
 #include <thread>
 
-#include "Platform/Linux/ZavloLinuxRunLoop.hpp"
-#include "Platform/Linux/ZavloLinuxStreamWebView.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/Web/ZavloLinuxStreamWebView.hpp"
 
 using namespace std::chrono_literals;
 

@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
-#include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
-#include "Platform/Linux/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/Network/ZavloLinuxPathMonitor.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxSerialQueue.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
 #include "Testing/Network/ZavloNetworkNamespace.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 

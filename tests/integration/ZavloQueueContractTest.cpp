@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Linux/ZavloGLibMainQueue.hpp"
+#include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Platform/Linux/ZavloLinuxSerialQueue.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxSerialQueue.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 #include "ZavloGLibIteration.hpp"
 

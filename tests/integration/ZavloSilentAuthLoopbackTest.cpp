@@ -16,8 +16,8 @@
 #include <nlohmann/json.hpp>
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Core/ZavloAuthHTTPManager.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthHTTPManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"

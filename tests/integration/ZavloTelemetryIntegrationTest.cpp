@@ -10,8 +10,8 @@
 #include <mutex>
 #include <thread>
 
-#include "Core/ZavloAuthLogManager.hpp"
-#include "Platform/Linux/ZavloLinuxHttpSession.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
+#include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"

@@ -20,7 +20,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "Platform/Linux/ZavloLinuxOwnerAuthentication.hpp"
+#include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/ZavloLinuxKeychain.hpp"
-#include "Platform/Linux/ZavloLinuxSecureKeys.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxSecureKeys.hpp"
 #include "Testing/Network/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"

@@ -4,9 +4,9 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/ZavloLinuxKeychain.hpp"
-#include "Platform/Linux/ZavloLinuxPkcs11Token.hpp"
-#include "Platform/Linux/ZavloLinuxTokenKeyStore.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxPkcs11Token.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
 #include "Testing/Network/ZavloSoftHsm.hpp"

@@ -3,7 +3,7 @@
 #include <regex>
 #include <set>
 
-#include "Core/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 using nlohmann::json;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Core/ZavloAuthHTTPManager.hpp"
+#include "Telemetry/ZavloAuthHTTPManager.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 using namespace std::chrono_literals;

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "Core/ZavloAuthEnvironmentSecurity.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 using namespace std::chrono_literals;

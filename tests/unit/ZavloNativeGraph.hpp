@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Testing/ZavloTestPlatform.hpp"

@@ -10,11 +10,11 @@
 #include <nlohmann/json.hpp>
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloAuthResponseUtils.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
-#include "Platform/Linux/WebKitGtk/ZavloWebKitWebView.hpp"
-#include "Platform/Linux/ZavloGLibMainQueue.hpp"
+#include "Platform/Linux/Web/WebKitGtk/ZavloWebKitWebView.hpp"
+#include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "ZavloGLibIteration.hpp"

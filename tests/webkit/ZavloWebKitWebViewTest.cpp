@@ -10,7 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Linux/WebKitGtk/ZavloWebKitWebView.hpp"
+#include "Platform/Linux/Web/WebKitGtk/ZavloWebKitWebView.hpp"
 #include "ZavloGLibIteration.hpp"
 #include "ZavloGtkDisplay.hpp"
 #include "ZavloWebKitTestWindow.hpp"

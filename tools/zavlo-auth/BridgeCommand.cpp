@@ -8,7 +8,7 @@
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Core/ZavloAuthEnvironment.hpp"
-#include "Platform/Linux/ZavloLinuxStreamWebView.hpp"
+#include "Platform/Linux/Web/ZavloLinuxStreamWebView.hpp"
 #include "ZavloCli.hpp"
 
 using namespace std::chrono_literals;

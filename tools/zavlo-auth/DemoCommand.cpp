@@ -25,11 +25,11 @@
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Core/ZavloAuthEnvironment.hpp"
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloBase64.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
-#include "Platform/Linux/ZavloLinuxStreamWebView.hpp"
+#include "Platform/Linux/Web/ZavloLinuxStreamWebView.hpp"
 #include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloTemporaryDirectory.hpp"

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Platform/Linux/ZavloLinuxPathMonitor.hpp"
+#include "Platform/Linux/Network/ZavloLinuxPathMonitor.hpp"
 #include "ZavloCli.hpp"
 
 using namespace std::chrono_literals;

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Core/ZavloAuthResponseUtils.hpp"
-#include "Platform/Linux/ZavloLinuxPkcs11Token.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxPkcs11Token.hpp"
 #include "ZavloCliKeychainTrace.hpp"
 #include "ZavloCliTelemetry.hpp"
 

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "Core/ZavloAuthLogManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 
 struct ZavloCliOptions;
 

@@ -1,0 +1,877 @@
+#include "Platform/Linux/Network/ZavloLinuxConnection.hpp"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <asio.hpp>
+#include <asio/ssl.hpp>
+#include <cctype>
+#include <cerrno>
+#include <list>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "Platform/Linux/Network/ZavloLinuxTlsContext.hpp"
+#include "Platform/ZavloInterfaceRules.hpp"
+
+using Tcp = asio::ip::tcp;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Interfaces rarely change between the hops of one chain; listing them costs a netlink
+// dump and several sysfs reads, so a list this young is reused.
+constexpr auto kInterfaceListLifetime = 1s;
+// A hop's answer is usually a few hundred bytes: a receive starts with this much room and
+// grows it while more is waiting, so that a thousand open connections do not hold a
+// maximum-sized buffer each.
+constexpr std::size_t kFirstReadSize = 4096;
+constexpr std::size_t kReadGrowth = 4;
+// One change of the network comes as several messages (link, addresses, routes); waiting
+// connections try again once they have stopped coming for this long.
+constexpr auto kPathSettleTime = 50ms;
+
+// The one place where system, resolver and TLS errors become connection errors. ssl, when
+// given, tells why a certificate was refused.
+ZavloConnectionError connectionError(const std::error_code& error, const SSL* ssl = nullptr) {
+  if (error.category() == asio::error::get_ssl_category() ||
+      error.category() == asio::ssl::error::get_stream_category()) {
+    const long verifyResult = ssl != nullptr ? SSL_get_verify_result(ssl) : X509_V_OK;
+    if (verifyResult != X509_V_OK) {
+      return {EPROTO, std::string("The server's certificate could not be verified: ") +
+                          X509_verify_cert_error_string(verifyResult)};
+    }
+    if (error == asio::ssl::error::stream_truncated) {
+      return {ECONNRESET, "The server closed the connection during the TLS exchange"};
+    }
+    return {EPROTO, "TLS failed: " + error.message()};
+  }
+  if (error.category() == asio::error::get_netdb_category() ||
+      error.category() == asio::error::get_addrinfo_category()) {
+    return {EHOSTUNREACH, "The host name could not be resolved: " + error.message()};
+  }
+  if (error == asio::error::eof) return {ECONNRESET, "The server closed the connection"};
+  if (error.category() == asio::error::get_misc_category()) return {EIO, error.message()};
+  return {error.value(), error.message()};  // errno values, with strerror's text
+}
+
+std::error_code systemError(int value) { return {value, asio::error::get_system_category()}; }
+
+// What another path may cure: a platform connection waits for the network to change
+// instead of failing. Everything else (time-outs, TLS, names that do not exist, no
+// address of the IP version asked for) fails at once, so that a caller can fall back.
+bool curableByAnotherPath(const std::error_code& error) {
+  return error == asio::error::connection_refused || error == asio::error::network_unreachable ||
+         error == asio::error::host_unreachable || error == asio::error::network_down ||
+         error == asio::error::host_not_found_try_again;
+}
+
+// An io_context whose services its owner can shut down: handlers still queued when the
+// I/O thread stops are then destroyed at once, releasing the connections they hold,
+// instead of living as long as the last connection keeps the context.
+class ZavloIoContext final : public asio::io_context {
+ public:
+  ZavloIoContext() : asio::io_context(1) {}
+  using asio::io_context::shutdown;
+};
+
+}  // namespace
+
+ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host) {
+  if (host.ends_with('.')) host.remove_suffix(1);
+  const auto isUnder = [host](std::string_view domain) {
+    if (host.size() < domain.size()) return false;
+    const auto tail = host.substr(host.size() - domain.size());
+    const bool same = std::equal(tail.begin(), tail.end(), domain.begin(), domain.end(),
+                                 [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
+    return same && (host.size() == domain.size() || host[host.size() - domain.size() - 1] == '.');
+  };
+  if (isUnder("localhost")) return ZavloLinuxSpecialName::localhost;
+  if (isUnder("invalid")) return ZavloLinuxSpecialName::invalid;
+  return ZavloLinuxSpecialName::none;
+}
+
+ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
+                                     const ZavloConnectionParameters& parameters, bool ipv6) {
+  if (!zavloRestrictsInterfaces(parameters)) return {ZavloLinuxBinding::Kind::unbound, {}};
+  for (const auto& interface : interfaces) {
+    if (!interface.up || !(ipv6 ? interface.hasUsableIPv6 : interface.hasUsableIPv4)) continue;
+    if (!zavloInterfaceAllowed(interface.type, parameters)) continue;
+    return {ZavloLinuxBinding::Kind::bound, interface.name};
+  }
+  return {ZavloLinuxBinding::Kind::none, {}};
+}
+
+/// What the connections of one service share: the I/O thread (a thread of the service's
+/// own, or the thread of the run loop it runs on) and the interface list.
+struct ZavloLinuxNetworkCore {
+  // On an I/O thread of its own, started on first use.
+  explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
+      : ownIo(std::make_shared<ZavloIoContext>()), io(ownIo), classifier(std::move(interfaceClassifier)) {}
+  // On a run loop: its thread is the I/O thread.
+  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxRunLoop& runLoop)
+      : io(runLoop.ioContext()), loop(&runLoop), classifier(std::move(interfaceClassifier)) {}
+
+  // Runs work on the I/O thread, starting it on first use; false once stopped.
+  template <class Work>
+  bool post(Work&& work) {
+    if (loop != nullptr) {
+      if (stopped) return false;
+      asio::post(*io, std::forward<Work>(work));
+      return true;
+    }
+    std::lock_guard lock(mutex);
+    if (stopped) return false;
+    if (!thread.joinable()) {
+      guard.emplace(asio::make_work_guard(*io));
+      thread = std::thread([this] { io->run(); });
+    }
+    asio::post(*io, std::forward<Work>(work));
+    return true;
+  }
+
+  void stop() {
+    {
+      std::lock_guard lock(mutex);
+      stopped = true;
+    }
+    if (loop != nullptr) {
+      // The loop is not running now (see the service's contract), so this thread may touch
+      // what its handlers touch. Closing the sockets ends their pending operations; the
+      // loop's own shut-down drops those handlers, and the connections they hold.
+      for (const auto& connection : std::exchange(keptAlive, {})) closeTransport(*connection);
+      pathWaiters.clear();
+      pathWatch.reset();
+      pathSettle.cancel();
+      return;
+    }
+    guard.reset();
+    io->stop();
+    if (!thread.joinable()) return;
+    if (thread.get_id() == std::this_thread::get_id()) {
+      thread.detach();  // cannot join itself; the context outlives it through the handlers
+      return;
+    }
+    thread.join();
+    ownIo->shutdown();
+    keptAlive.clear();  // the thread is gone: nothing else touches it now
+    pathWaiters.clear();
+  }
+
+  // I/O thread only: only it lists interfaces, so that the list comes from its namespace.
+  const std::vector<ZavloLinuxInterface>& interfaces() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!listedAt || now - *listedAt > kInterfaceListLifetime) {
+      auto listed = classifier.listInterfaces();
+      std::lock_guard lock(interfaceMutex);
+      interfaceList = std::move(listed);
+      listedAt = now;
+    }
+    return interfaceList;
+  }
+
+  // Any thread: whether the list interfaces() would hand out now has an interface for one of
+  // the allowed families; nothing when that list is too old and must be made again first.
+  std::optional<bool> recentListHasBinding(const ZavloConnectionParameters& parameters, bool useV4, bool useV6) {
+    std::lock_guard lock(interfaceMutex);
+    if (!listedAt || std::chrono::steady_clock::now() - *listedAt > kInterfaceListLifetime) return std::nullopt;
+    const auto usable = [&](bool ipv6) {
+      return zavloChooseBinding(interfaceList, parameters, ipv6).kind != ZavloLinuxBinding::Kind::none;
+    };
+    return (useV4 && usable(false)) || (useV6 && usable(true));
+  }
+
+  // I/O thread only. retry runs once, on the next change of the network; a key waits for
+  // one change at a time.
+  void waitForPathChange(const void* key, std::function<void()> retry) {
+    pathWaiters[key] = std::move(retry);
+    watchPaths();
+  }
+  void stopWaitingForPathChange(const void* key) { pathWaiters.erase(key); }
+
+  const std::shared_ptr<ZavloIoContext> ownIo;  // without a run loop
+  const std::shared_ptr<asio::io_context> io;
+  ZavloLinuxRunLoop* const loop = nullptr;
+  const ZavloLinuxInterfaceClassifier classifier;
+
+  std::mutex mutex;
+  std::atomic<bool> stopped{false};  // written under mutex; read anywhere
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
+  std::thread thread;
+
+  // Written by the I/O thread under interfaceMutex; read without it there, with it elsewhere.
+  std::mutex interfaceMutex;
+  std::vector<ZavloLinuxInterface> interfaceList;
+  std::optional<std::chrono::steady_clock::time_point> listedAt;
+  // Connections started and neither failed nor cancelled keep themselves alive here.
+  std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
+  // Closes a kept connection's socket (defined with the connection).
+  static void closeTransport(ZavloConnection& connection);
+
+ private:
+  // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
+  // namespace. Without it waiting connections wait until cancelled.
+  void watchPaths() {
+    if (pathWatch || pathWatchUnavailable) return;
+    const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+    if (socket < 0 || ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      if (socket >= 0) ::close(socket);
+      pathWatchUnavailable = true;
+      return;
+    }
+    pathWatch.emplace(*io, socket);
+    readPathChanges();
+  }
+
+  void readPathChanges() {
+    pathWatch->async_wait(asio::posix::descriptor_base::wait_read, [this](const std::error_code& error) {
+      if (error) return;
+      // The content does not matter, only that something changed (an overflow included).
+      std::array<char, 8192> buffer{};
+      for (;;) {
+        const auto received = ::recv(pathWatch->native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (received > 0 || (received < 0 && (errno == ENOBUFS || errno == EINTR))) continue;
+        break;
+      }
+      if (!pathSettling) {
+        pathSettling = true;
+        pathSettle.expires_after(kPathSettleTime);
+        pathSettle.async_wait([this](const std::error_code& waitError) {
+          pathSettling = false;
+          if (!waitError) pathChanged();
+        });
+      }
+      readPathChanges();
+    });
+  }
+
+  void pathChanged() {
+    {
+      std::lock_guard lock(interfaceMutex);
+      listedAt.reset();
+    }
+    for (auto& [key, retry] : std::exchange(pathWaiters, {})) retry();
+  }
+
+  // I/O thread only; destroyed before io.
+  std::unordered_map<const void*, std::function<void()>> pathWaiters;
+  std::optional<asio::posix::stream_descriptor> pathWatch;
+  bool pathWatchUnavailable = false;
+  asio::steady_timer pathSettle{*io};
+  bool pathSettling = false;
+};
+
+namespace {
+
+class ZavloLinuxConnection final : public ZavloConnection, public std::enable_shared_from_this<ZavloLinuxConnection> {
+ public:
+  ZavloLinuxConnection(std::shared_ptr<ZavloLinuxNetworkCore> core, std::string host, std::uint16_t port,
+                       ZavloConnectionParameters parameters)
+      : core_(std::move(core)),
+        host_(std::move(host)),
+        port_(port),
+        parameters_(std::move(parameters)),
+        timer_(*core_->io) {
+    if (host_.size() > 2 && host_.front() == '[' && host_.back() == ']') host_ = host_.substr(1, host_.size() - 2);
+  }
+
+  void setStateUpdateHandler(StateHandler handler) override {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
+  }
+
+  void start(ZavloQueue& queue) override {
+    {
+      std::lock_guard lock(mutex_);
+      if (started_) return;
+      started_ = true;
+      queue_ = &queue;
+    }
+    if (cancelled_) {
+      deliverCancelled();
+      return;
+    }
+    deliverState(State::preparing, std::nullopt, false);
+    if (auto error = failureKnownAtStart()) {
+      // What prepare() would report, without a round trip through the I/O thread: the caller
+      // learns it sooner, and a fallback to another address family starts at once.
+      deliverState(State::failed, *error, false);
+      core_->post(
+          [self = shared_from_this(), error = std::move(*error)]() mutable { self->failedAtStart(std::move(error)); });
+      return;
+    }
+    core_->post([self = shared_from_this()] { self->prepare(); });  // a stopped service reports nothing
+  }
+
+  void send(std::vector<std::uint8_t> content, SendCompletion completion) override {
+    if (cancelled_) return;
+    core_->post(
+        [self = shared_from_this(), content = std::move(content), completion = std::move(completion)]() mutable {
+          self->sends_.push_back({std::move(content), std::move(completion)});
+          self->pumpSends();
+        });
+  }
+
+  void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength, ReceiveCompletion completion) override {
+    if (cancelled_) return;
+    core_->post([self = shared_from_this(), minimumIncompleteLength, maximumLength,
+                 completion = std::move(completion)]() mutable {
+      self->receives_.push_back({minimumIncompleteLength, maximumLength, std::move(completion)});
+      self->pumpReceives();
+    });
+  }
+
+  // I/O thread: the service stops; the socket closes and the connection reports no more.
+  void abandon() { closeTransport(); }
+
+  void cancel() override {
+    {
+      std::lock_guard lock(mutex_);
+      if (cancelled_) return;
+      cancelled_ = true;
+      if (!started_) return;  // start() reports it
+    }
+    deliverCancelled();
+    core_->post([self = shared_from_this()] { self->close(); });
+  }
+
+ private:
+  enum class Phase { idle, preparing, waiting, ready, failed, closed };
+  struct PendingSend {
+    std::vector<std::uint8_t> content;
+    SendCompletion completion;
+  };
+  struct PendingReceive {
+    std::size_t minimum;
+    std::size_t maximum;
+    ReceiveCompletion completion;
+  };
+
+  // --- Delivery to the queue given to start(); callable from any thread once started.
+
+  // Runs work on the queue unless the connection is cancelled by then: nothing reaches
+  // the caller after `cancelled`. From an I/O handler on a run loop that is also the
+  // queue, the work runs at once (it is not inside the caller's call, and the queue has no
+  // other thread to reach), unless an earlier report of this connection still waits in the
+  // queue: reports keep their order.
+  template <class Work>
+  void deliver(Work&& work, bool fromIo = true) {
+    if (cancelled_ || core_->stopped) return;
+    if (fromIo && queue_ == core_->loop && queuedReports_ == 0) {
+      work();
+      return;
+    }
+    ++queuedReports_;
+    queue_->post([self = shared_from_this(), work = std::forward<Work>(work)]() mutable {
+      --self->queuedReports_;
+      if (!self->cancelled_) work();
+    });
+  }
+
+  void deliverState(State state, std::optional<ZavloConnectionError> error = std::nullopt, bool fromIo = true) {
+    deliver(
+        [this, state, error = std::move(error)] {
+          StateHandler handler;
+          {
+            std::lock_guard lock(mutex_);
+            handler = handler_;
+          }
+          if (handler) handler(state, error);
+        },
+        fromIo);
+  }
+
+  void deliverCancelled() {
+    if (core_->stopped) return;  // the platform, and maybe the queue, is gone
+    queue_->post([self = shared_from_this()] {
+      StateHandler handler;
+      {
+        std::lock_guard lock(self->mutex_);
+        handler = std::move(self->handler_);  // the last call: let go of the caller's captures
+        self->handler_ = nullptr;
+      }
+      if (handler) handler(State::cancelled, std::nullopt);
+    });
+  }
+
+  // An address literal of a family these parameters exclude fails before any I/O. That is
+  // decided here only when everything prepare() checks before it is known to pass: a TLS
+  // context already made for these anchors, and a recent interface list with an interface
+  // for an allowed family. Otherwise prepare() decides, as for any other connection.
+  std::optional<ZavloConnectionError> failureKnownAtStart() const {
+    std::error_code notLiteral;
+    const auto address = asio::ip::make_address(host_, notLiteral);
+    if (notLiteral) return std::nullopt;
+    const bool useV4 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v6;
+    const bool useV6 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v4;
+    if ((address.is_v4() && useV4) || (address.is_v6() && useV6)) return std::nullopt;
+    if (parameters_.tls && !ZavloLinuxTlsContext::madeForAnchors(parameters_.tls->additionalTrustAnchorsPem)) {
+      return std::nullopt;
+    }
+    if (core_->recentListHasBinding(parameters_, useV4, useV6) != true) return std::nullopt;
+    return connectionError(systemError(EAFNOSUPPORT));
+  }
+
+  // --- I/O thread.
+
+  Tcp::socket& socket() { return secure_ ? secure_->next_layer() : *plain_; }
+
+  // fail() for a failure start() has reported already.
+  void failedAtStart(ZavloConnectionError error) {
+    if (cancelled_) return;  // as prepare(): close() lets go of what is pending
+    phase_ = Phase::failed;
+    failure_ = std::move(error);
+    pumpSends();
+    pumpReceives();
+  }
+
+  void prepare() {
+    if (cancelled_) return;
+    core_->keptAlive.insert(shared_from_this());
+    phase_ = Phase::preparing;
+    if (parameters_.tls) {
+      std::string problem;
+      tls_ = ZavloLinuxTlsContext::forAnchors(parameters_.tls->additionalTrustAnchorsPem, problem);
+      if (!tls_) return fail({EINVAL, problem});
+    }
+    choosePath();
+  }
+
+  // Binds to the interfaces present now, then resolves and connects: at start, and again
+  // each time the network changes while the connection waits.
+  void choosePath() {
+    const auto& interfaces = core_->interfaces();
+    const bool useV4 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v6;
+    const bool useV6 = parameters_.ipVersion != ZavloConnectionParameters::IpVersion::v4;
+    const auto v4 = zavloChooseBinding(interfaces, parameters_, false);
+    const auto v6 = zavloChooseBinding(interfaces, parameters_, true);
+    bindingV4_ = useV4 ? v4 : ZavloLinuxBinding{};
+    bindingV6_ = useV6 ? v6 : ZavloLinuxBinding{};
+    endpoints_.clear();
+    lastError_.reset();
+    waitable_ = true;
+    if (bindingV4_.kind == ZavloLinuxBinding::Kind::none && bindingV6_.kind == ZavloLinuxBinding::Kind::none) {
+      // An allowed interface of the other family: this IP version cannot be used here, and
+      // a caller may try another.
+      if (v4.kind != ZavloLinuxBinding::Kind::none || v6.kind != ZavloLinuxBinding::Kind::none) {
+        return fail(noInterfaceOfFamily(useV6));
+      }
+      return wait(noUsableInterface());
+    }
+
+    std::error_code literal;
+    const auto address = asio::ip::make_address(host_, literal);
+    if (!literal) {  // an address: no resolver round trip
+      if ((address.is_v4() && !useV4) || (address.is_v6() && !useV6)) {
+        return fail(connectionError(systemError(EAFNOSUPPORT)));
+      }
+      endpoints_.emplace_back(address, port_);
+      return connectTo(0);
+    }
+    switch (zavloSpecialUseName(host_)) {
+      case ZavloLinuxSpecialName::localhost:
+        // Without this, an IPv6-only try of "localhost" would ask the name server
+        // whenever the hosts file names no IPv6 loopback.
+        if (useV6) endpoints_.emplace_back(asio::ip::address_v6::loopback(), port_);
+        if (useV4) endpoints_.emplace_back(asio::ip::address_v4::loopback(), port_);
+        return connectTo(0);
+      case ZavloLinuxSpecialName::invalid:
+        return fail(connectionError(asio::error::host_not_found));
+      case ZavloLinuxSpecialName::none:
+        break;
+    }
+    resolver_.emplace(*core_->io);
+    const auto flags = Tcp::resolver::numeric_service;  // and no AI_ADDRCONFIG: ::1 counts
+    auto onResolved = [self = shared_from_this()](const std::error_code& error,
+                                                  const Tcp::resolver::results_type& results) {
+      self->resolved(error, results);
+    };
+    const auto service = std::to_string(port_);
+    if (!useV6) {
+      resolver_->async_resolve(Tcp::v4(), host_, service, flags, std::move(onResolved));
+    } else if (!useV4) {
+      resolver_->async_resolve(Tcp::v6(), host_, service, flags, std::move(onResolved));
+    } else {
+      resolver_->async_resolve(host_, service, flags, std::move(onResolved));
+    }
+  }
+
+  void resolved(const std::error_code& error, const Tcp::resolver::results_type& results) {
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (error) return curableByAnotherPath(error) ? wait(connectionError(error)) : fail(connectionError(error));
+    for (const auto& entry : results) {
+      const auto endpoint = entry.endpoint();
+      if (std::find(endpoints_.begin(), endpoints_.end(), endpoint) == endpoints_.end()) {
+        endpoints_.push_back(endpoint);
+      }
+    }
+    connectTo(0);
+  }
+
+  ZavloConnectionError noUsableInterface() const { return zavloNoUsableInterfaceError(parameters_); }
+  ZavloConnectionError noInterfaceOfFamily(bool ipv6) const {
+    return {EADDRNOTAVAIL,
+            noUsableInterface().localizedDescription + " has an " + (ipv6 ? "IPv6" : "IPv4") + " address"};
+  }
+
+  // Tries the endpoints in order from index, skipping families without a usable interface.
+  // Once none is left it waits if every try met what another path may cure, else it fails.
+  void connectTo(std::size_t index) {
+    const auto bindingFor = [this](const Tcp::endpoint& endpoint) -> const ZavloLinuxBinding& {
+      return endpoint.address().is_v6() ? bindingV6_ : bindingV4_;
+    };
+    std::optional<bool> skippedIpv6;
+    while (index < endpoints_.size() && bindingFor(endpoints_[index]).kind == ZavloLinuxBinding::Kind::none) {
+      skippedIpv6 = skippedIpv6.value_or(endpoints_[index].address().is_v6());
+      ++index;
+    }
+    if (index >= endpoints_.size()) {
+      if (!lastError_) return fail(noInterfaceOfFamily(skippedIpv6.value_or(false)));
+      return waitable_ ? wait(*lastError_) : fail(*lastError_);
+    }
+
+    const auto& endpoint = endpoints_[index];
+    const auto& binding = bindingFor(endpoint);
+    ++attempt_;
+    timedOut_ = false;
+    plain_.reset();
+    secure_.reset();
+    if (tls_) {
+      SSL_CTX_up_ref(tls_->nativeHandle());
+      asio::ssl::context context(tls_->nativeHandle());  // owns that extra reference
+      secure_.emplace(*core_->io, context);
+    } else {
+      plain_.emplace(*core_->io);
+    }
+    auto& tcp = socket();
+    std::error_code error;
+    tcp.open(endpoint.protocol(), error);
+    if (!error && binding.kind == ZavloLinuxBinding::Kind::bound &&
+        ::setsockopt(tcp.native_handle(), SOL_SOCKET, SO_BINDTODEVICE, binding.interfaceName.c_str(),
+                     static_cast<socklen_t>(binding.interfaceName.size() + 1)) != 0) {
+      error = systemError(errno);
+    }
+    if (error) return attemptFailed(index, error);
+    // Each option costs a system call per hop, so only what differs from the defaults.
+    if (parameters_.tcp.enableKeepalive) tcp.set_option(asio::socket_base::keep_alive(true), error);
+    if (tls_) {
+      // The request follows the client's Finished at once; it must not wait for an ACK.
+      tcp.set_option(Tcp::no_delay(true), error);
+      if (parameters_.tcp.enableFastOpen) {
+        const int enable = 1;  // kernels without it simply connect the usual way
+        ::setsockopt(tcp.native_handle(), IPPROTO_TCP, TCP_FASTOPEN_CONNECT, &enable, sizeof enable);
+      }
+    }
+    // With Fast Open the handshake travels with the first bytes, so the time-out covers
+    // the TLS handshake too.
+    if (parameters_.tcp.connectionTimeout.count() > 0) {
+      timer_.expires_after(parameters_.tcp.connectionTimeout);
+      timer_.async_wait([self = shared_from_this(), attempt = attempt_](const std::error_code& waitError) {
+        if (waitError || attempt != self->attempt_ || self->phase_ != Phase::preparing) return;
+        self->timedOut_ = true;
+        std::error_code ignored;
+        self->socket().close(ignored);
+      });
+    }
+    tcp.async_connect(endpoint,
+                      [self = shared_from_this(), index, attempt = attempt_](const std::error_code& connectError) {
+                        if (attempt == self->attempt_) self->connected(index, connectError);
+                      });
+  }
+
+  void connected(std::size_t index, const std::error_code& error) {
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (error) return attemptFailed(index, error);
+    if (!secure_) return becomeReady();
+    if (!tls_->prepare(secure_->native_handle(), host_, port_)) {
+      return fail({EINVAL, "The host name cannot be checked against a certificate"});
+    }
+    secure_->async_handshake(asio::ssl::stream_base::client, [self = shared_from_this(), index, attempt = attempt_](
+                                                                 const std::error_code& handshakeError) {
+      if (attempt == self->attempt_) self->handshaken(index, handshakeError);
+    });
+  }
+
+  void handshaken(std::size_t index, const std::error_code& error) {
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (!error) return becomeReady();
+    // Transport failures may be specific to this address; TLS refusals are not.
+    if (error.category() == asio::error::get_system_category()) return attemptFailed(index, error);
+    fail(connectionError(error, secure_->native_handle()));
+  }
+
+  void attemptFailed(std::size_t index, const std::error_code& error) {
+    const auto cause = timedOut_ ? systemError(ETIMEDOUT) : error;
+    if (!curableByAnotherPath(cause)) waitable_ = false;
+    lastError_ = connectionError(cause);
+    timer_.cancel();
+    std::error_code ignored;
+    socket().close(ignored);
+    connectTo(index + 1);
+  }
+
+  void becomeReady() {
+    timer_.cancel();
+    phase_ = Phase::ready;
+    deliverState(State::ready);
+    pumpSends();
+    pumpReceives();
+  }
+
+  // Reports waiting and tries again, from the interfaces on, when the network changes;
+  // sends and receives stay pending. Only the caller's time-out or cancel ends it.
+  void wait(ZavloConnectionError error) {
+    phase_ = Phase::waiting;
+    closeTransport();
+    deliverState(State::waiting, std::move(error));
+    core_->waitForPathChange(this, [weak = weak_from_this()] {
+      if (const auto self = weak.lock(); self && !self->cancelled_ && self->phase_ == Phase::waiting) {
+        self->phase_ = Phase::preparing;
+        self->deliverState(State::preparing);
+        self->choosePath();
+      }
+    });
+  }
+
+  void fail(ZavloConnectionError error) {
+    if (phase_ == Phase::failed || phase_ == Phase::closed) return;
+    core_->stopWaitingForPathChange(this);
+    phase_ = Phase::failed;
+    failure_ = error;
+    deliverState(State::failed, std::move(error));
+    closeTransport();
+    pumpSends();
+    pumpReceives();
+    core_->keptAlive.erase(shared_from_this());  // callers hold their own reference
+  }
+
+  void close() {
+    phase_ = Phase::closed;
+    core_->stopWaitingForPathChange(this);
+    closeTransport();
+    if ((!sends_.empty() || !receives_.empty()) && !core_->stopped) {
+      // The caller's completions are let go of on the caller's queue, not here.
+      queue_->post([sends = std::move(sends_), receives = std::move(receives_)] {});
+      sends_.clear();
+      receives_.clear();
+    }
+    core_->keptAlive.erase(shared_from_this());
+  }
+
+  void closeTransport() {
+    timer_.cancel();
+    if (resolver_) resolver_->cancel();
+    std::error_code ignored;
+    if (plain_ || secure_) socket().close(ignored);
+  }
+
+  void pumpSends() {
+    if (phase_ == Phase::failed) {
+      for (auto& pending : std::exchange(sends_, {})) {
+        if (pending.completion)
+          deliver([completion = std::move(pending.completion), error = failure_] { completion(error); });
+      }
+      return;
+    }
+    if (phase_ != Phase::ready || sending_ || sends_.empty()) return;
+    sending_ = true;
+    auto onWritten = [self = shared_from_this()](const std::error_code& error, std::size_t) { self->sent(error); };
+    const auto buffer = asio::buffer(sends_.front().content);
+    if (secure_) {
+      asio::async_write(*secure_, buffer, std::move(onWritten));
+    } else {
+      asio::async_write(*plain_, buffer, std::move(onWritten));
+    }
+  }
+
+  void sent(const std::error_code& error) {
+    sending_ = false;
+    if (phase_ == Phase::closed || sends_.empty()) return;
+    auto pending = std::move(sends_.front());
+    sends_.pop_front();
+    if (pending.completion) {
+      std::optional<ZavloConnectionError> result;
+      if (error) result = connectionError(error);
+      deliver([completion = std::move(pending.completion), result = std::move(result)] { completion(result); });
+    }
+    pumpSends();
+  }
+
+  void pumpReceives() {
+    if (phase_ == Phase::failed) {
+      for (auto& pending : std::exchange(receives_, {})) {
+        if (pending.completion) {
+          deliver([completion = std::move(pending.completion), error = failure_] { completion({}, false, error); });
+        }
+      }
+      return;
+    }
+    while (phase_ == Phase::ready && !receiving_ && !receives_.empty()) {
+      auto& front = receives_.front();
+      if (deferredFailure_) {
+        finishReceive({}, false, std::exchange(deferredFailure_, std::nullopt));
+        continue;
+      }
+      if (peerFinished_ || front.maximum == 0) {
+        std::optional<ZavloConnectionError> error;
+        if (!peerFinished_) error = connectionError(systemError(EINVAL));
+        finishReceive({}, peerFinished_, std::move(error));
+        continue;
+      }
+      receiving_ = true;
+      const auto minimum = std::clamp<std::size_t>(front.minimum, 1, front.maximum);
+      // Room for what usually comes; received() makes more as more arrives.
+      if (const auto wanted = std::min(front.maximum, std::max(minimum, kFirstReadSize)); readCapacity_ < wanted) {
+        readBuffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(wanted);
+        readCapacity_ = wanted;
+      }
+      auto onRead = [self = shared_from_this()](const std::error_code& error, std::size_t count) {
+        self->received(error, count);
+      };
+      const auto buffer = asio::buffer(readBuffer_.get(), std::min(readCapacity_, front.maximum));
+      if (secure_) {
+        asio::async_read(*secure_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
+      } else {
+        asio::async_read(*plain_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
+      }
+    }
+  }
+
+  void received(const std::error_code& error, std::size_t count) {
+    receiving_ = false;
+    if (phase_ == Phase::closed || receives_.empty()) return;
+    const auto room = std::min(readCapacity_, receives_.front().maximum) - filled_;
+    filled_ += count;
+    // A read returns what one system call, or one TLS record, brought; a receive returns
+    // everything that has arrived by now, so read on while more is waiting. A plain read
+    // that left room took all the socket held: asking the kernel again would cost a call.
+    if (!error && filled_ < receives_.front().maximum && (secure_ || count == room) && moreIsWaiting()) {
+      if (filled_ == readCapacity_) {
+        auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(
+            std::min(receives_.front().maximum, readCapacity_ * kReadGrowth));
+        std::copy(readBuffer_.get(), readBuffer_.get() + filled_, larger.get());
+        readBuffer_ = std::move(larger);
+        readCapacity_ = std::min(receives_.front().maximum, readCapacity_ * kReadGrowth);
+      }
+      receiving_ = true;
+      auto onRead = [self = shared_from_this()](const std::error_code& readError, std::size_t readCount) {
+        self->received(readError, readCount);
+      };
+      const auto rest =
+          asio::buffer(readBuffer_.get() + filled_, std::min(readCapacity_, receives_.front().maximum) - filled_);
+      if (secure_) {
+        secure_->async_read_some(rest, std::move(onRead));
+      } else {
+        plain_->async_read_some(rest, std::move(onRead));
+      }
+      return;
+    }
+    std::vector<std::uint8_t> data(readBuffer_.get(), readBuffer_.get() + std::exchange(filled_, 0));
+    std::optional<ZavloConnectionError> failure;
+    // A peer that closes without a TLS close_notify has still finished its answer.
+    if (error == asio::error::eof || error == asio::ssl::error::stream_truncated) {
+      peerFinished_ = true;
+    } else if (error && data.empty()) {
+      failure = connectionError(error);
+    } else if (error) {
+      deferredFailure_ = connectionError(error);  // the bytes before it go out first
+    }
+    finishReceive(std::move(data), peerFinished_, std::move(failure));
+    pumpReceives();
+  }
+
+  // Whether a read would find bytes without waiting for the peer: decrypted or still
+  // encrypted in the TLS engine, or in the socket.
+  bool moreIsWaiting() {
+    if (secure_) {
+      SSL* ssl = secure_->native_handle();
+      if (SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1 || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0) return true;
+    }
+    std::error_code error;
+    return socket().available(error) > 0 && !error;
+  }
+
+  void finishReceive(std::vector<std::uint8_t> data, bool isComplete, std::optional<ZavloConnectionError> error) {
+    auto pending = std::move(receives_.front());
+    receives_.pop_front();
+    if (!pending.completion) return;
+    deliver([completion = std::move(pending.completion), data = std::move(data), isComplete,
+             error = std::move(error)]() mutable { completion(std::move(data), isComplete, error); });
+  }
+
+  // Immutable after construction.
+  const std::shared_ptr<ZavloLinuxNetworkCore> core_;
+  std::string host_;
+  const std::uint16_t port_;
+  const ZavloConnectionParameters parameters_;
+
+  // Shared between the caller's threads, the queue and the I/O thread.
+  std::mutex mutex_;
+  StateHandler handler_;
+  bool started_ = false;
+  std::atomic<bool> cancelled_{false};
+  ZavloQueue* queue_ = nullptr;             // set once by start(), before any I/O work is posted
+  std::atomic<unsigned> queuedReports_{0};  // reports posted to the queue and not yet run
+
+  // I/O thread only.
+  Phase phase_ = Phase::idle;
+  std::shared_ptr<ZavloLinuxTlsContext> tls_;
+  ZavloLinuxBinding bindingV4_;
+  ZavloLinuxBinding bindingV6_;
+  std::optional<Tcp::resolver> resolver_;
+  std::vector<Tcp::endpoint> endpoints_;
+  std::optional<ZavloConnectionError> lastError_;
+  bool waitable_ = true;  // every try so far met what another path may cure
+  std::optional<Tcp::socket> plain_;
+  std::optional<asio::ssl::stream<Tcp::socket>> secure_;
+  asio::steady_timer timer_;
+  std::uint64_t attempt_ = 0;
+  bool timedOut_ = false;
+  std::optional<ZavloConnectionError> failure_;
+  // Lists, not deques: a deque allocates even when empty or moved from, and a connection
+  // usually holds one send and one receive.
+  std::list<PendingSend> sends_;
+  bool sending_ = false;
+  std::list<PendingReceive> receives_;
+  bool receiving_ = false;
+  std::size_t filled_ = 0;  // bytes of readBuffer_ the current receive has already taken
+  bool peerFinished_ = false;
+  std::optional<ZavloConnectionError> deferredFailure_;  // for the receive after the data
+  std::unique_ptr<std::uint8_t[]> readBuffer_;
+  std::size_t readCapacity_ = 0;
+};
+
+}  // namespace
+
+void ZavloLinuxNetworkCore::closeTransport(ZavloConnection& connection) {
+  static_cast<ZavloLinuxConnection&>(connection).abandon();
+}
+
+ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier)
+    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier))) {}
+
+ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier,
+                                                         ZavloLinuxRunLoop& runLoop)
+    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier), runLoop)) {}
+
+ZavloLinuxConnectionService::~ZavloLinuxConnectionService() { core_->stop(); }
+
+std::shared_ptr<ZavloConnection> ZavloLinuxConnectionService::makeConnection(const std::string& host,
+                                                                             std::uint16_t port,
+                                                                             ZavloConnectionParameters parameters) {
+  return std::make_shared<ZavloLinuxConnection>(core_, host, port, std::move(parameters));
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
+#include "Platform/ZavloConnection.hpp"
+
+/// Where a socket of one address family may go.
+struct ZavloLinuxBinding {
+  enum class Kind {
+    unbound,  ///< nothing required or prohibited: the routing table decides
+    bound,    ///< pinned to interfaceName with SO_BINDTODEVICE
+    none,     ///< no interface qualifies: the family cannot be used
+  };
+  Kind kind = Kind::none;
+  std::string interfaceName;
+};
+
+/// The interface a connection with these parameters may use for IPv4 or IPv6: the first
+/// one (in the given order) that is up, has an address of that family, is of the
+/// required type if one is required, and is never of a prohibited type.
+ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
+                                     const ZavloConnectionParameters& parameters, bool ipv6);
+
+/// Special-use names (RFC 6761) that connections answer themselves, never asking the
+/// system resolver, so that they cost no query to a name server off the machine:
+/// "localhost" and names under it are the loopback addresses; "invalid" and names under
+/// it never exist. Compared without regard to ASCII case; a final dot is allowed.
+enum class ZavloLinuxSpecialName { none, localhost, invalid };
+ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host);
+
+struct ZavloLinuxNetworkCore;
+
+/// Makes the Linux connections of one platform: TCP and TLS over standalone Asio and
+/// OpenSSL, with sockets pinned to an interface of the required type.
+///
+/// Threading contract: makeConnection may be called from any thread. All socket work runs
+/// on one I/O thread per service: the thread that runs the given run loop (then a
+/// connection started on that loop has no thread to cross), or else a thread of the
+/// service's own, started on first use, which inherits the network namespace of the
+/// thread that starts the first connection. The destructor stops the I/O (and joins the
+/// service's own thread; a run loop must then not be running on another thread);
+/// connections still held elsewhere then report nothing more and stay safe to use and
+/// destroy. While a connection waits, the I/O thread listens to the kernel's link,
+/// address and route changes (rtnetlink) to know when to try it again.
+class ZavloLinuxConnectionService {
+ public:
+  explicit ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier);
+  /// The I/O runs on runLoop, which must outlive the service.
+  ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier, ZavloLinuxRunLoop& runLoop);
+  ZavloLinuxConnectionService(const ZavloLinuxConnectionService&) = delete;
+  ZavloLinuxConnectionService& operator=(const ZavloLinuxConnectionService&) = delete;
+  ~ZavloLinuxConnectionService();
+
+  /// host: a name, an IPv4 literal or an IPv6 literal (brackets allowed).
+  std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
+                                                  ZavloConnectionParameters parameters);
+
+ private:
+  std::shared_ptr<ZavloLinuxNetworkCore> core_;
+};
