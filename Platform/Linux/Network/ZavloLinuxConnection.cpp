@@ -1,7 +1,5 @@
 #include "Platform/Linux/Network/ZavloLinuxConnection.hpp"
 
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
@@ -10,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <asio.hpp>
 #include <asio/ssl.hpp>
 #include <cctype>
@@ -18,29 +15,20 @@
 #include <list>
 #include <mutex>
 #include <optional>
-#include <thread>
-#include <unordered_map>
-#include <unordered_set>
 
+#include "Platform/Linux/Network/ZavloLinuxNetworkCore.hpp"
 #include "Platform/Linux/Network/ZavloLinuxTlsContext.hpp"
 #include "Platform/ZavloInterfaceRules.hpp"
 
 using Tcp = asio::ip::tcp;
-using namespace std::chrono_literals;
 
 namespace {
 
-// Interfaces rarely change between the hops of one chain; listing them costs a netlink
-// dump and several sysfs reads, so a list this young is reused.
-constexpr auto kInterfaceListLifetime = 1s;
 // A hop's answer is usually a few hundred bytes: a receive starts with this much room and
 // grows it while more is waiting, so that a thousand open connections do not hold a
 // maximum-sized buffer each.
 constexpr std::size_t kFirstReadSize = 4096;
 constexpr std::size_t kReadGrowth = 4;
-// One change of the network comes as several messages (link, addresses, routes); waiting
-// connections try again once they have stopped coming for this long.
-constexpr auto kPathSettleTime = 50ms;
 
 // The one place where system, resolver and TLS errors become connection errors. ssl, when
 // given, tells why a certificate was refused.
@@ -77,15 +65,6 @@ bool curableByAnotherPath(const std::error_code& error) {
          error == asio::error::host_not_found_try_again;
 }
 
-// An io_context whose services its owner can shut down: handlers still queued when the
-// I/O thread stops are then destroyed at once, releasing the connections they hold,
-// instead of living as long as the last connection keeps the context.
-class ZavloIoContext final : public asio::io_context {
- public:
-  ZavloIoContext() : asio::io_context(1) {}
-  using asio::io_context::shutdown;
-};
-
 }  // namespace
 
 ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host) {
@@ -101,179 +80,6 @@ ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host) {
   if (isUnder("invalid")) return ZavloLinuxSpecialName::invalid;
   return ZavloLinuxSpecialName::none;
 }
-
-ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& interfaces,
-                                     const ZavloConnectionParameters& parameters, bool ipv6) {
-  if (!zavloRestrictsInterfaces(parameters)) return {ZavloLinuxBinding::Kind::unbound, {}};
-  for (const auto& interface : interfaces) {
-    if (!interface.up || !(ipv6 ? interface.hasUsableIPv6 : interface.hasUsableIPv4)) continue;
-    if (!zavloInterfaceAllowed(interface.type, parameters)) continue;
-    return {ZavloLinuxBinding::Kind::bound, interface.name};
-  }
-  return {ZavloLinuxBinding::Kind::none, {}};
-}
-
-/// What the connections of one service share: the I/O thread (a thread of the service's
-/// own, or the thread of the run loop it runs on) and the interface list.
-struct ZavloLinuxNetworkCore {
-  // On an I/O thread of its own, started on first use.
-  explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
-      : ownIo(std::make_shared<ZavloIoContext>()), io(ownIo), classifier(std::move(interfaceClassifier)) {}
-  // On a run loop: its thread is the I/O thread.
-  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxRunLoop& runLoop)
-      : io(runLoop.ioContext()), loop(&runLoop), classifier(std::move(interfaceClassifier)) {}
-
-  // Runs work on the I/O thread, starting it on first use; false once stopped.
-  template <class Work>
-  bool post(Work&& work) {
-    if (loop != nullptr) {
-      if (stopped) return false;
-      asio::post(*io, std::forward<Work>(work));
-      return true;
-    }
-    std::lock_guard lock(mutex);
-    if (stopped) return false;
-    if (!thread.joinable()) {
-      guard.emplace(asio::make_work_guard(*io));
-      thread = std::thread([this] { io->run(); });
-    }
-    asio::post(*io, std::forward<Work>(work));
-    return true;
-  }
-
-  void stop() {
-    {
-      std::lock_guard lock(mutex);
-      stopped = true;
-    }
-    if (loop != nullptr) {
-      // The loop is not running now (see the service's contract), so this thread may touch
-      // what its handlers touch. Closing the sockets ends their pending operations; the
-      // loop's own shut-down drops those handlers, and the connections they hold.
-      for (const auto& connection : std::exchange(keptAlive, {})) closeTransport(*connection);
-      pathWaiters.clear();
-      pathWatch.reset();
-      pathSettle.cancel();
-      return;
-    }
-    guard.reset();
-    io->stop();
-    if (!thread.joinable()) return;
-    if (thread.get_id() == std::this_thread::get_id()) {
-      thread.detach();  // cannot join itself; the context outlives it through the handlers
-      return;
-    }
-    thread.join();
-    ownIo->shutdown();
-    keptAlive.clear();  // the thread is gone: nothing else touches it now
-    pathWaiters.clear();
-  }
-
-  // I/O thread only: only it lists interfaces, so that the list comes from its namespace.
-  const std::vector<ZavloLinuxInterface>& interfaces() {
-    const auto now = std::chrono::steady_clock::now();
-    if (!listedAt || now - *listedAt > kInterfaceListLifetime) {
-      auto listed = classifier.listInterfaces();
-      std::lock_guard lock(interfaceMutex);
-      interfaceList = std::move(listed);
-      listedAt = now;
-    }
-    return interfaceList;
-  }
-
-  // Any thread: whether the list interfaces() would hand out now has an interface for one of
-  // the allowed families; nothing when that list is too old and must be made again first.
-  std::optional<bool> recentListHasBinding(const ZavloConnectionParameters& parameters, bool useV4, bool useV6) {
-    std::lock_guard lock(interfaceMutex);
-    if (!listedAt || std::chrono::steady_clock::now() - *listedAt > kInterfaceListLifetime) return std::nullopt;
-    const auto usable = [&](bool ipv6) {
-      return zavloChooseBinding(interfaceList, parameters, ipv6).kind != ZavloLinuxBinding::Kind::none;
-    };
-    return (useV4 && usable(false)) || (useV6 && usable(true));
-  }
-
-  // I/O thread only. retry runs once, on the next change of the network; a key waits for
-  // one change at a time.
-  void waitForPathChange(const void* key, std::function<void()> retry) {
-    pathWaiters[key] = std::move(retry);
-    watchPaths();
-  }
-  void stopWaitingForPathChange(const void* key) { pathWaiters.erase(key); }
-
-  const std::shared_ptr<ZavloIoContext> ownIo;  // without a run loop
-  const std::shared_ptr<asio::io_context> io;
-  ZavloLinuxRunLoop* const loop = nullptr;
-  const ZavloLinuxInterfaceClassifier classifier;
-
-  std::mutex mutex;
-  std::atomic<bool> stopped{false};  // written under mutex; read anywhere
-  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
-  std::thread thread;
-
-  // Written by the I/O thread under interfaceMutex; read without it there, with it elsewhere.
-  std::mutex interfaceMutex;
-  std::vector<ZavloLinuxInterface> interfaceList;
-  std::optional<std::chrono::steady_clock::time_point> listedAt;
-  // Connections started and neither failed nor cancelled keep themselves alive here.
-  std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
-  // Closes a kept connection's socket (defined with the connection).
-  static void closeTransport(ZavloConnection& connection);
-
- private:
-  // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
-  // namespace. Without it waiting connections wait until cancelled.
-  void watchPaths() {
-    if (pathWatch || pathWatchUnavailable) return;
-    const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
-    sockaddr_nl address{};
-    address.nl_family = AF_NETLINK;
-    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-    if (socket < 0 || ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-      if (socket >= 0) ::close(socket);
-      pathWatchUnavailable = true;
-      return;
-    }
-    pathWatch.emplace(*io, socket);
-    readPathChanges();
-  }
-
-  void readPathChanges() {
-    pathWatch->async_wait(asio::posix::descriptor_base::wait_read, [this](const std::error_code& error) {
-      if (error) return;
-      // The content does not matter, only that something changed (an overflow included).
-      std::array<char, 8192> buffer{};
-      for (;;) {
-        const auto received = ::recv(pathWatch->native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (received > 0 || (received < 0 && (errno == ENOBUFS || errno == EINTR))) continue;
-        break;
-      }
-      if (!pathSettling) {
-        pathSettling = true;
-        pathSettle.expires_after(kPathSettleTime);
-        pathSettle.async_wait([this](const std::error_code& waitError) {
-          pathSettling = false;
-          if (!waitError) pathChanged();
-        });
-      }
-      readPathChanges();
-    });
-  }
-
-  void pathChanged() {
-    {
-      std::lock_guard lock(interfaceMutex);
-      listedAt.reset();
-    }
-    for (auto& [key, retry] : std::exchange(pathWaiters, {})) retry();
-  }
-
-  // I/O thread only; destroyed before io.
-  std::unordered_map<const void*, std::function<void()>> pathWaiters;
-  std::optional<asio::posix::stream_descriptor> pathWatch;
-  bool pathWatchUnavailable = false;
-  asio::steady_timer pathSettle{*io};
-  bool pathSettling = false;
-};
 
 namespace {
 
@@ -860,15 +666,6 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 void ZavloLinuxNetworkCore::closeTransport(ZavloConnection& connection) {
   static_cast<ZavloLinuxConnection&>(connection).abandon();
 }
-
-ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier)
-    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier))) {}
-
-ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier,
-                                                         ZavloLinuxRunLoop& runLoop)
-    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier), runLoop)) {}
-
-ZavloLinuxConnectionService::~ZavloLinuxConnectionService() { core_->stop(); }
 
 std::shared_ptr<ZavloConnection> ZavloLinuxConnectionService::makeConnection(const std::string& host,
                                                                              std::uint16_t port,

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <asio.hpp>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/ZavloConnection.hpp"
+
+// The network core under the Linux connections: the I/O thread, the interface list they
+// share and the watch on the kernel's network changes. Only the connections include this
+// (it brings Asio); hosts reach it through ZavloLinuxConnectionService.
+
+/// An io_context whose services its owner can shut down: handlers still queued when the
+/// I/O thread stops are then destroyed at once, releasing the connections they hold,
+/// instead of living as long as the last connection keeps the context.
+class ZavloIoContext final : public asio::io_context {
+ public:
+  ZavloIoContext() : asio::io_context(1) {}
+  using asio::io_context::shutdown;
+};
+
+/// What the connections of one service share: the I/O thread (a thread of the service's
+/// own, or the thread of the run loop it runs on) and the interface list.
+struct ZavloLinuxNetworkCore {
+  // On an I/O thread of its own, started on first use.
+  explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
+      : ownIo(std::make_shared<ZavloIoContext>()), io(ownIo), classifier(std::move(interfaceClassifier)) {}
+  // On a run loop: its thread is the I/O thread.
+  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxRunLoop& runLoop)
+      : io(runLoop.ioContext()), loop(&runLoop), classifier(std::move(interfaceClassifier)) {}
+
+  // Runs work on the I/O thread, starting it on first use; false once stopped.
+  template <class Work>
+  bool post(Work&& work) {
+    if (loop != nullptr) {
+      if (stopped) return false;
+      asio::post(*io, std::forward<Work>(work));
+      return true;
+    }
+    std::lock_guard lock(mutex);
+    if (stopped) return false;
+    if (!thread.joinable()) {
+      guard.emplace(asio::make_work_guard(*io));
+      thread = std::thread([this] { io->run(); });
+    }
+    asio::post(*io, std::forward<Work>(work));
+    return true;
+  }
+
+  void stop();
+
+  // I/O thread only: only it lists interfaces, so that the list comes from its namespace.
+  const std::vector<ZavloLinuxInterface>& interfaces();
+
+  // Any thread: whether the list interfaces() would hand out now has an interface for one of
+  // the allowed families; nothing when that list is too old and must be made again first.
+  std::optional<bool> recentListHasBinding(const ZavloConnectionParameters& parameters, bool useV4, bool useV6);
+
+  // I/O thread only. retry runs once, on the next change of the network; a key waits for
+  // one change at a time.
+  void waitForPathChange(const void* key, std::function<void()> retry) {
+    pathWaiters[key] = std::move(retry);
+    watchPaths();
+  }
+  void stopWaitingForPathChange(const void* key) { pathWaiters.erase(key); }
+
+  const std::shared_ptr<ZavloIoContext> ownIo;  // without a run loop
+  const std::shared_ptr<asio::io_context> io;
+  ZavloLinuxRunLoop* const loop = nullptr;
+  const ZavloLinuxInterfaceClassifier classifier;
+
+  std::mutex mutex;
+  std::atomic<bool> stopped{false};  // written under mutex; read anywhere
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
+  std::thread thread;
+
+  // Written by the I/O thread under interfaceMutex; read without it there, with it elsewhere.
+  std::mutex interfaceMutex;
+  std::vector<ZavloLinuxInterface> interfaceList;
+  std::optional<std::chrono::steady_clock::time_point> listedAt;
+  // Connections started and neither failed nor cancelled keep themselves alive here.
+  std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
+  // Closes a kept connection's socket (defined with the connection).
+  static void closeTransport(ZavloConnection& connection);
+
+ private:
+  // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
+  // namespace. Without it waiting connections wait until cancelled.
+  void watchPaths();
+  void readPathChanges();
+  void pathChanged();
+
+  // I/O thread only; destroyed before io.
+  std::unordered_map<const void*, std::function<void()>> pathWaiters;
+  std::optional<asio::posix::stream_descriptor> pathWatch;
+  bool pathWatchUnavailable = false;
+  asio::steady_timer pathSettle{*io};
+  bool pathSettling = false;
+};
