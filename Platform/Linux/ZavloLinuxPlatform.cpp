@@ -3,26 +3,36 @@
 
 #include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/Network/ZavloLinuxPathMonitor.hpp"
-#include "Platform/Linux/Keys/ZavloLinuxSecureKeys.hpp"
-#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 
 #include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
+
+// The key and owner targets define these when linked (each with --undefined, so that a
+// static link keeps them); otherwise they stay null and the services are unavailable.
+#pragma weak zavloLinuxKeyStoreFactory
+#pragma weak zavloLinuxOwnerAuthenticationFactory
+
+namespace {
+
+ZavloLinuxOwnerAuthenticationService makeOwnerAuthentication(ZavloLinuxOwnerAuthentication::Options options) {
+  if (&zavloLinuxOwnerAuthenticationFactory == nullptr) return {};
+  return zavloLinuxOwnerAuthenticationFactory(std::move(options));
+}
+
+}  // namespace
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : mainQueue_(std::move(options.mainQueue)),
       deviceInfo_(std::move(options.hostApplicationVersion)),
       classifier_(std::move(options.cellularInterfaces)),
       trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
-      keychainPath_(options.keychainPath.value_or(defaultKeychainPath())),
-      keychainOptions_(std::move(options.keychain)),
-      defaultKeychain_(!options.keychainPath),
-      keyToken_(std::move(options.keyToken)),
-      ownerAuthentication_(std::move(options.ownerAuthentication)),
+      keyStoreSettings_{.path = options.keychainPath.value_or(defaultKeychainPath()),
+                        .defaultPath = !options.keychainPath,
+                        .keychain = std::move(options.keychain),
+                        .keyToken = std::move(options.keyToken)},
+      ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication))),
       connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_)
                               : ZavloLinuxConnectionService(classifier_, runLoop_)) {}
 
@@ -64,42 +74,28 @@ std::string ZavloLinuxPlatform::defaultKeychainPath() {
   return folder + "/zavlo-auth/keychain.db";
 }
 
-ZavloLinuxKeychain& ZavloLinuxPlatform::linuxKeychain() {
+void ZavloLinuxPlatform::openKeyStore() {
   std::call_once(keyStoreOpened_, [this] {
-    auto options = keychainOptions_;
-    if (defaultKeychain_) {
-      // The user's data directory may not exist yet on a fresh account: its missing
-      // levels are made private (0700), as XDG asks; the keychain makes its own folder.
-      std::filesystem::path level;
-      for (const auto& part : std::filesystem::path(keychainPath_).parent_path().parent_path()) {
-        level /= part;
-        (void)mkdir(level.c_str(), 0700);  // an existing level stays as it is
-      }
-      options.createDirectory = true;
-    }
-    auto trace = options.trace;
-    keychain_ = std::make_shared<ZavloLinuxKeychain>(keychainPath_, std::move(options));
-    if (!keyToken_) {
-      secureKeys_ = std::make_unique<ZavloLinuxSecureKeys>(keychain_);
+    if (&zavloLinuxKeyStoreFactory != nullptr) {
+      keyStore_ = zavloLinuxKeyStoreFactory(keyStoreSettings_);
       return;
     }
-    auto token = std::make_shared<ZavloLinuxPkcs11Token>(*keyToken_, ZavloLinuxPkcs11Token::Options{std::move(trace)});
-    tokenKeychain_ = std::make_unique<ZavloLinuxTokenKeychain>(token, keychain_);
-    secureKeys_ = std::make_unique<ZavloLinuxTokenSecureKeys>(std::move(token));
+    keyStore_ = {std::make_shared<ZavloLinuxUnavailableKeychain>(),
+                 std::make_shared<ZavloLinuxUnavailableSecureKeys>()};
   });
-  return *keychain_;
 }
 
 ZavloKeychain& ZavloLinuxPlatform::keychain() {
-  auto& file = linuxKeychain();
-  return tokenKeychain_ ? *tokenKeychain_ : static_cast<ZavloKeychain&>(file);
+  openKeyStore();
+  return *keyStore_.keychain;
 }
 
 ZavloSecureKeys& ZavloLinuxPlatform::secureKeys() {
-  linuxKeychain();
-  return *secureKeys_;
+  openKeyStore();
+  return *keyStore_.secureKeys;
 }
 
 std::shared_ptr<ZavloOwnerAuthenticationContext> ZavloLinuxPlatform::makeOwnerAuthenticationContext() {
+  if (!ownerAuthentication_.makeContext) return std::make_shared<ZavloLinuxUnavailableOwnerAuthenticationContext>();
   return ownerAuthentication_.makeContext();
 }

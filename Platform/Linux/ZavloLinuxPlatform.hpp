@@ -6,17 +6,21 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/Network/ZavloLinuxConnection.hpp"
-#include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
-#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
-#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
-#include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/Network/ZavloLinuxConnection.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
+#include "Platform/Linux/ZavloLinuxPlatformServices.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
 /// The Linux platform, made of real parts. The host runs runLoop() on its main thread,
 /// unless it gives a main queue of its own (Options::mainQueue), such as a
 /// ZavloGLibMainQueue on the context its GTK main loop runs.
+///
+/// The key store and owner authentication come from the targets that make them
+/// (ZavloAuthenticationSDK::LinuxKeys, ::LinuxOwner; ::Linux links both). Without the first,
+/// every keychain and key operation fails with notAvailable; without the second, no policy
+/// can be evaluated and every prompt fails with biometryNotAvailable.
 class ZavloLinuxPlatform final : public ZavloPlatform {
  public:
   struct Options {
@@ -57,14 +61,13 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                   ZavloConnectionParameters parameters) override;
   /// The key store opens its file on first use; a file that cannot be used makes every
-  /// operation fail with a status (the keychain's lastFailure() says why).
+  /// operation fail with a status (Options::keychain.trace says why).
   ZavloKeychain& keychain() override;
   ZavloSecureKeys& secureKeys() override;
   std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override;
 
-  /// The keychain file (with a key token: the items other than keys).
-  ZavloLinuxKeychain& linuxKeychain();
-  ZavloLinuxOwnerAuthentication& ownerAuthentication() { return ownerAuthentication_; }
+  /// Null when the host links no owner authentication.
+  ZavloLinuxOwnerAuthentication* ownerAuthentication() { return ownerAuthentication_.authentication.get(); }
   /// The default key store path for this user (see Options::keychainPath).
   static std::string defaultKeychainPath();
 
@@ -74,19 +77,16 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   const ZavloLinuxInterfaceClassifier& interfaceClassifier() const { return classifier_; }
 
  private:
+  void openKeyStore();
+
   ZavloLinuxRunLoop runLoop_;
   std::shared_ptr<ZavloQueue> mainQueue_;
   ZavloLinuxDeviceInfo deviceInfo_;
   ZavloLinuxInterfaceClassifier classifier_;
   std::vector<std::string> trustAnchors_;
-  std::string keychainPath_;
-  ZavloLinuxKeychain::Options keychainOptions_;
-  bool defaultKeychain_;
+  ZavloLinuxKeyStoreSettings keyStoreSettings_;
   std::once_flag keyStoreOpened_;
-  std::optional<std::string> keyToken_;
-  std::shared_ptr<ZavloLinuxKeychain> keychain_;
-  std::unique_ptr<ZavloKeychain> tokenKeychain_;  // only with a key token
-  std::unique_ptr<ZavloSecureKeys> secureKeys_;
-  ZavloLinuxOwnerAuthentication ownerAuthentication_;
+  ZavloLinuxKeyStore keyStore_;
+  ZavloLinuxOwnerAuthenticationService ownerAuthentication_;
   ZavloLinuxConnectionService connections_;  // last: its I/O stops first
 };

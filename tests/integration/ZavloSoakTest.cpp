@@ -205,7 +205,7 @@ TEST_F(ZavloSoakTest, AThousandEnrolAndSignPairsEachCompleteOnceWithAVerifiableS
   }
   EXPECT_TRUE(runUntil([&] { return finished == count; }, 300s));
   runUntil([] { return false; }, 50ms);  // a late second completion would show now
-  platform.ownerAuthentication().waitForEvaluations();
+  platform.ownerAuthentication()->waitForEvaluations();
 
   std::set<std::string> keyIds;
   std::size_t verified = 0;
