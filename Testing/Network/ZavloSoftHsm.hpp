@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Testing/Network/ZavloProcess.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 /// A SoftHSM2 token of a test's own: its configuration and token folder in a private
 /// temporary directory, initialised with softhsm2-util (tests and benchmarks). SOFTHSM2_CONF is set

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 
 /// How a test server treats one accepted connection.
 struct ZavloTestServerReply {

@@ -30,7 +30,7 @@
 #include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloSoftHsm.hpp"
 
 namespace {

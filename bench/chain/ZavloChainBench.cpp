@@ -25,11 +25,11 @@
 #include <optional>
 #include <string>
 
-#include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloDelayRelay.hpp"
 #include "ZavloChainFloor.hpp"
 #include "ZavloLibcurlChain.hpp"
 #include "ZavloLibraryChain.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 namespace {
 

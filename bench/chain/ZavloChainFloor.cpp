@@ -1,5 +1,5 @@
 #include "ZavloChainFloor.hpp"
-#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 
 #include <arpa/inet.h>
 #include <netdb.h>

@@ -21,8 +21,8 @@
 #include <string>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloTestCertificates.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 
 using namespace std::chrono_literals;
 

@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
-#include "Testing/Network/ZavloConcurrentChains.hpp"
+#include "bench/support/ZavloConcurrentChains.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Testing/Network/ZavloConcurrentChains.hpp"
+#include "bench/support/ZavloConcurrentChains.hpp"
 
 #include <dirent.h>
 #include <sys/resource.h>

@@ -27,7 +27,7 @@
 #include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 
 namespace {
 

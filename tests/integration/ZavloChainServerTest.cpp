@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "Testing/Network/ZavloChainServer.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 namespace {
 

@@ -12,11 +12,11 @@
 #include <future>
 
 #include "Core/ZavloBase64.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <sstream>
 
 #include "Core/ZavloAuthResponseUtils.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 using nlohmann::json;
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Testing/Network/ZavloProcess.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloCli.hpp"
 #include "ZavloCliTelemetry.hpp"

@@ -5,9 +5,9 @@
 
 #include <sstream>
 
-#include "Testing/Network/ZavloChainServer.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 
 namespace {
 ZavloProcessResult zavloAuth(std::vector<std::string> arguments) {

@@ -15,8 +15,8 @@
 #include <string>
 
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloDelayRelay.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 namespace {
 

@@ -28,11 +28,11 @@
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
-#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 
 using nlohmann::json;

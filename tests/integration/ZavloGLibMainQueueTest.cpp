@@ -15,8 +15,8 @@
 #include "Core/ZavloUrl.hpp"
 #include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
 #include "ZavloGLibIteration.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 using namespace std::chrono_literals;
 

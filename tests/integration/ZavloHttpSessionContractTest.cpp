@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 
 using namespace std::chrono_literals;
 using Code = ZavloHttpTransportError::Code;

@@ -16,7 +16,7 @@
 
 #include "Bridge/ZavloAuthJavaScriptUtils.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 using nlohmann::json;
 

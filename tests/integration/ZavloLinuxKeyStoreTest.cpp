@@ -25,7 +25,7 @@
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
 #include "ZavloKeyStoreItems.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 namespace {
 

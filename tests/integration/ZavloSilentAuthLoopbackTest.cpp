@@ -21,10 +21,10 @@
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
-#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloSnaChainRun.hpp"
 

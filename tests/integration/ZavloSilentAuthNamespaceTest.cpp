@@ -12,10 +12,10 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloDecoyNetwork.hpp"
 #include "ZavloSnaChainRun.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 using nlohmann::json;
 

@@ -25,10 +25,10 @@
 #include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
-#include "Testing/Network/ZavloConcurrentChains.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
+#include "bench/support/ZavloConcurrentChains.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 
 using nlohmann::json;

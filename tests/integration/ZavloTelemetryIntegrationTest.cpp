@@ -14,7 +14,7 @@
 #include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 
 using namespace std::chrono_literals;
 using Code = ZavloHttpTransportError::Code;

@@ -6,9 +6,9 @@
 
 #include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSecureKeys.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 /// A fresh Linux key store for one contract test: an SQLite keychain in a private
 /// temporary directory and the OpenSSL keys over it (test support). Every key-store

@@ -11,7 +11,7 @@
 
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloGtkDisplay.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 #if defined(ZAVLO_GTK_HOST_BINARY)
 

@@ -16,7 +16,7 @@
 #include "Platform/Linux/Web/WebKitGtk/ZavloWebKitWebView.hpp"
 #include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 #include "ZavloGLibIteration.hpp"
 #include "ZavloGtkDisplay.hpp"
 #include "ZavloWebKitTestWindow.hpp"

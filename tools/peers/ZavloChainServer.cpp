@@ -1,6 +1,6 @@
-#include "Testing/Network/ZavloChainServer.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
-#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,4 +1,4 @@
-#include "Testing/Network/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

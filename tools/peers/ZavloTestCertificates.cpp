@@ -1,4 +1,4 @@
-#include "Testing/Network/ZavloTestCertificates.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 
 #include <arpa/inet.h>
 #include <openssl/err.h>

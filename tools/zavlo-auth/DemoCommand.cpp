@@ -30,9 +30,9 @@
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Platform/Linux/Web/ZavloLinuxStreamWebView.hpp"
-#include "Testing/Network/ZavloChainServer.hpp"
-#include "Testing/Network/ZavloHttpTestServer.hpp"
-#include "Testing/Network/ZavloTemporaryDirectory.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 #include "ZavloCli.hpp"
 #include "ZavloDemoReport.hpp"
 
