@@ -1,5 +1,6 @@
 # Installs the build into a scratch prefix, then configures, builds and runs the example
-# consumer against it with find_package(ZavloAuthenticationSDK).
+# consumer and the silent-authentication-only host against it with
+# find_package(ZavloAuthenticationSDK).
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 function(run)
@@ -14,3 +15,32 @@ run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/consumer -B ${WORK_DIR}/consumer 
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
 run(${WORK_DIR}/consumer/zavlo-consumer)
 run(${WORK_DIR}/consumer/zavlo-consumer-tests)
+
+# A host that runs silent authentication only links the Linux core: it builds against the
+# installed package, runs a chain that fails at once (a name under .invalid, no traffic;
+# telemetry to a closed loopback port), and links no key store or owner authentication.
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/sna-only -B ${WORK_DIR}/sna-only -G ${GENERATOR}
+    -DCMAKE_PREFIX_PATH=${prefix})
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/sna-only)
+set(program ${WORK_DIR}/sna-only/zavlo-sna-only)
+execute_process(COMMAND ${program} https://sna.invalid/ --cellular lo --telemetry-endpoint http://127.0.0.1:9/events
+                RESULT_VARIABLE result OUTPUT_VARIABLE output TIMEOUT 120)
+message(STATUS "zavlo-sna-only:\n${output}")
+if(NOT result EQUAL 0 OR NOT output MATCHES "keychain: not available\nowner authentication: not available\ninitAuth: [^\n]*\nstartAuth: [^\n]*FAILURE")
+  message(FATAL_ERROR "zavlo-sna-only did not run its chain as expected (${result})")
+endif()
+execute_process(COMMAND ldd ${program} OUTPUT_VARIABLE linked COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND readelf -d ${program} OUTPUT_VARIABLE needed COMMAND_ERROR_IS_FATAL ANY)
+message(STATUS "ldd zavlo-sna-only:\n${linked}")
+# libcurl (telemetry) may bring some of these itself through its TLS stack (Debian's brings
+# libp11-kit via GnuTLS): a library is then allowed only as libcurl's, never the program's.
+string(REGEX MATCH "libcurl[^ \t\n]* => ([^ \t\n]+)" curl "${linked}")
+set(curlLinked "")
+if(curl)
+  execute_process(COMMAND ldd ${CMAKE_MATCH_1} OUTPUT_VARIABLE curlLinked COMMAND_ERROR_IS_FATAL ANY)
+endif()
+foreach(library libpam libgio libp11-kit libsqlite3)
+  if(needed MATCHES "\\[${library}[.-]" OR (linked MATCHES "${library}[.-]" AND NOT curlLinked MATCHES "${library}[.-]"))
+    message(FATAL_ERROR "zavlo-sna-only links ${library}")
+  endif()
+endforeach()
