@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tools/peers/ZavloChainServer.hpp"
+#include "ZavloTcpClient.hpp"
 
 namespace {
 
@@ -19,28 +20,6 @@ std::string libraryRequest(const std::string& target, const std::string& host) {
   return "GET " + target + " HTTP/1.1\r\nHost: " + host +
          "\r\nAccept: text/html,application/json,application/xhtml+xml,application/xml,*/*"
          "\r\nUser-Agent: ZavloAuthenticationSDK/1.0\r\nConnection: close\r\n\r\n";
-}
-
-int connectTo(const std::string& address, std::uint16_t port) {
-  sockaddr_storage storage{};
-  socklen_t length = 0;
-  auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-  auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-  if (inet_pton(AF_INET, address.c_str(), &v4->sin_addr) == 1) {
-    v4->sin_family = AF_INET;
-    v4->sin_port = htons(port);
-    length = sizeof *v4;
-  } else if (inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr) == 1) {
-    v6->sin6_family = AF_INET6;
-    v6->sin6_port = htons(port);
-    length = sizeof *v6;
-  }
-  const int fd = socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&storage), length) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
 }
 
 struct Answer {
@@ -61,7 +40,7 @@ Answer sendAndReadOnce(int fd, const std::string& request) {
 }
 
 Answer ask(const ZavloChainServer& server, const std::string& target, const std::string& address = "127.0.0.1") {
-  const int fd = connectTo(address, server.port());
+  const int fd = zavloConnectTcp(address, server.port());
   if (fd < 0) return {};
   return sendAndReadOnce(fd, libraryRequest(target, address + ":" + std::to_string(server.port())));
 }
@@ -104,22 +83,17 @@ TEST(ZavloChainServer, AnswersEveryHopOfAChainInOneReadThenCloses) {
   EXPECT_THROW((void)absolute.chainUrl(0), std::invalid_argument);
   EXPECT_NE(body(ask(absolute, "/chain/0/").firstRead).find("\"other\""), std::string::npos);
 
-  for (const auto& [target, status] : std::vector<std::pair<std::string, std::string>>{{"/", "404"},
-                                                                                       {"/chain/", "404"},
-                                                                                       {"/chain/x/sna", "404"},
-                                                                                       {"/chain/-1", "404"},
-                                                                                       {"/chain/1234567890", "404"}}) {
+  for (const auto* target : {"/", "/chain/", "/chain/x/sna", "/chain/-1", "/chain/1234567890"}) {
     const auto answer = ask(relative, target).firstRead;
-    EXPECT_EQ(answer.substr(9, 3), status) << target;
+    EXPECT_EQ(answer.substr(9, 3), "404") << target;
     EXPECT_TRUE(nlohmann::json::accept(body(answer))) << target;
   }
-  const int post = connectTo("127.0.0.1", relative.port());
-  ASSERT_GE(post, 0);
-  EXPECT_EQ(sendAndReadOnce(post, "POST /chain/0 HTTP/1.1\r\nHost: h\r\n\r\n").firstRead.substr(9, 3), "405");
-  const int garbage = connectTo("127.0.0.1", relative.port());
-  ASSERT_GE(garbage, 0);
-  EXPECT_EQ(sendAndReadOnce(garbage, "hello\r\n\r\n").firstRead.substr(9, 3), "400");
-
+  for (const auto& [request, status] :
+       {std::pair{"POST /chain/0 HTTP/1.1\r\nHost: h\r\n\r\n", "405"}, std::pair{"hello\r\n\r\n", "400"}}) {
+    const int fd = zavloConnectTcp("127.0.0.1", relative.port());
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(sendAndReadOnce(fd, request).firstRead.substr(9, 3), status) << request;
+  }
   EXPECT_EQ(relative.requestsServed(), 9U);
   const auto recorded = relative.recentRequests();
   ASSERT_EQ(recorded.size(), 9U);
@@ -133,7 +107,7 @@ TEST(ZavloChainServer, ServesManyOpenConnectionsAtOnceAndListensOnIpv6) {
   // a server serving one connection at a time would never answer the last-opened one first.
   std::vector<int> connections;
   for (int i = 0; i < 40; ++i) {
-    const int fd = connectTo("127.0.0.1", server.port());
+    const int fd = zavloConnectTcp("127.0.0.1", server.port());
     ASSERT_GE(fd, 0);
     connections.push_back(fd);
   }
@@ -163,7 +137,7 @@ TEST(ZavloChainServer, FollowsATlsChainWhoseCertificateOnlyItsOwnAnchorTrustsAnd
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
   SSL_SESSION* session = nullptr;  // the latest one, offered by hops that resume
   const auto hop = [&](const std::string& target, bool resume = false) {
-    const int fd = connectTo("127.0.0.1", server.port());
+    const int fd = zavloConnectTcp("127.0.0.1", server.port());
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, fd);
     SSL_set_tlsext_host_name(ssl, "localhost");

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
 
 #include "Core/ZavloBase64.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
@@ -111,24 +110,6 @@ TEST_F(ZavloCliBinding, PrivateKeyBytesAppearInNoOutputAndNoEvent) {
   ASSERT_FALSE(collector.requests().empty());
   for (const auto& form : zavloEncodings(secrets.front())) {
     EXPECT_EQ(everything.find(form), std::string::npos) << "the private key leaked as " << form;
-  }
-}
-
-TEST_F(ZavloCliBinding, TwoProcessesEnrollingAtOnceBothGetWorkingKeys) {
-  auto first = std::async(std::launch::async, [&] { return run({"binding", "enroll"}); });
-  auto second = std::async(std::launch::async, [&] { return run({"binding", "enroll"}); });
-  const auto a = first.get();
-  const auto b = second.get();
-  ASSERT_EQ(a.exitStatus, 0) << a.standardOutput << a.standardError;
-  ASSERT_EQ(b.exitStatus, 0) << b.standardOutput << b.standardError;
-  const auto enrolA = onlyLine(a);
-  const auto enrolB = onlyLine(b);
-  ASSERT_NE(enrolA.at("keyId"), enrolB.at("keyId"));
-  for (const auto* enrolment : {&enrolA, &enrolB}) {
-    const std::string keyId = enrolment->at("keyId");
-    const auto signedRun = run({"binding", "sign", "--config", signConfig("[\"" + keyId + "\"]", "x").dump()});
-    ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardError;
-    EXPECT_TRUE(verifies(enrolment->at("publicKey"), onlyLine(signedRun).at("signature"), "x"));
   }
 }
 

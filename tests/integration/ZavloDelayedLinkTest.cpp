@@ -17,6 +17,7 @@
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Testing/Network/ZavloDelayRelay.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
+#include "ZavloTcpClient.hpp"
 
 namespace {
 
@@ -31,27 +32,9 @@ struct Timings {
 // One request over a fresh connection, timed; runs in the calling thread's namespace.
 Timings timedHop(const std::string& address, std::uint16_t port) {
   Timings timings;
-  sockaddr_storage storage{};
-  socklen_t length = 0;
-  if (address.find(':') == std::string::npos) {
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-    v4->sin_family = AF_INET;
-    v4->sin_port = htons(port);
-    inet_pton(AF_INET, address.c_str(), &v4->sin_addr);
-    length = sizeof *v4;
-  } else {
-    auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-    v6->sin6_family = AF_INET6;
-    v6->sin6_port = htons(port);
-    inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr);
-    length = sizeof *v6;
-  }
-  const int fd = socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const auto started = Clock::now();
-  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&storage), length) != 0) {
-    if (fd >= 0) close(fd);
-    return timings;
-  }
+  const int fd = zavloConnectTcp(address, port);
+  if (fd < 0) return timings;
   const auto connected = Clock::now();
   const std::string request = "GET /chain/0/sna HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n";
   std::string buffer(65536, '\0');

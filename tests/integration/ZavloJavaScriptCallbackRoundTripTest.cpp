@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -157,29 +156,11 @@ json randomDictionary(Draws& draws, std::size_t index) {
   return dictionary;
 }
 
-// Names the rule lets through that are reserved words of JavaScript (some only in strict
-// code) or fixed global values: a page cannot rely on a global function of that name.
-const std::set<std::string>& unusableNames() {
-  static const std::set<std::string> names = {
-      "await",    "break",     "case",   "catch",   "class",      "const",     "continue", "debugger", "default",
-      "delete",   "do",        "else",   "enum",    "export",     "extends",   "false",    "finally",  "for",
-      "function", "if",        "import", "in",      "instanceof", "new",       "null",     "return",   "super",
-      "switch",   "this",      "throw",  "true",    "try",        "typeof",    "var",      "void",     "while",
-      "with",     "yield",     "let",    "static",  "implements", "interface", "package",  "private",  "protected",
-      "public",   "undefined", "NaN",    "Infinity"};
-  return names;
-}
-
-std::string randomName(Draws& draws) {
-  static const std::vector<std::string> chosen = {"$", "_", "$_", "_$0", "onResult", "$a_1"};
-  if (draws.oneIn(8)) return draws.pick(chosen);
-  static const std::string start = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_$";
-  static const std::string part = start + "0123456789";
-  for (;;) {
-    std::string name(1, start[draws.below(start.size())]);
-    for (std::size_t n = draws.below(24); n > 0; --n) name += part[draws.below(part.size())];
-    if (!unusableNames().contains(name)) return name;
-  }
+// Names the rule lets through, each kind of character in each place; JavaScript's reserved
+// words pass the rule too, but a page cannot define a global function of such a name.
+std::string nameFor(std::size_t index) {
+  static const std::vector<std::string> names = {"$", "_", "$_", "_$0", "onResult", "$a_1", "Zz9"};
+  return names[index % names.size()] + (index < names.size() ? "" : std::to_string(index));
 }
 
 std::uint64_t seedToUse() {
@@ -226,7 +207,7 @@ TEST(ZavloJavaScriptCallbackRoundTrip, NodeHandsEveryNamedCallbackTheDictionaryS
     std::ofstream file(callsPath, std::ios::binary);
     for (std::size_t index = 0; index < kDictionaries; ++index) {
       Draws draws(seed, index);
-      const auto name = randomName(draws);
+      const auto name = nameFor(index);
       sent.push_back(randomDictionary(draws, index));
       const auto call = ZavloAuthJavaScriptUtils::javaScriptCallbackWithJsonStringArgument(name, sent.back());
       ASSERT_TRUE(call.has_value()) << where(index);

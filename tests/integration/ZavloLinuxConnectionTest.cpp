@@ -1,9 +1,6 @@
 // The Linux connection over loopback, with lo declared cellular so that the pinning has
 // an interface to pin to.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,9 +8,10 @@
 #include <thread>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Network/ZavloClosedPort.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloConnectionRecorder.hpp"
-#include "tools/peers/ZavloTestCertificates.hpp"
 
 using namespace std::chrono_literals;
 using IpVersion = ZavloConnectionParameters::IpVersion;
@@ -21,6 +19,22 @@ using IpVersion = ZavloConnectionParameters::IpVersion;
 namespace {
 
 constexpr auto kRequest = "GET /auth HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+
+// The error a report carried, as one comparable text.
+std::string describe(const std::optional<ZavloConnectionError>& error) {
+  return error ? std::to_string(error->code) + " " + error->localizedDescription : "none";
+}
+
+// One hop to a server of its own: where it ends, with which error, and what it read.
+struct HopCase {
+  const char* what;
+  ZavloTestServerReply reply;
+  std::string host;
+  ZavloConnectionParameters parameters;
+  std::string ending;  ///< "ready", "waiting" or "failed"
+  std::string error;   ///< the state's or else the receive's error, as describe() writes it
+  std::string received;
+};
 
 class ZavloLinuxConnectionTest : public ::testing::Test {
  protected:
@@ -52,6 +66,27 @@ class ZavloLinuxConnectionTest : public ::testing::Test {
     EXPECT_TRUE(runUntil([&] { return recorder.has("cancelled"); }));
   }
 
+  // Runs the case against a server of its own; returns the names the server was given.
+  std::vector<std::string> checkHop(const HopCase& c, const ZavloTestServer::Options& options = {}) {
+    SCOPED_TRACE(c.what);
+    ZavloTestServer server(c.reply, options);
+    auto recorder = connect(c.host, server.port(), c.parameters);
+    EXPECT_TRUE(hop(recorder));
+    EXPECT_TRUE(recorder.has(c.ending));
+    EXPECT_EQ(describe(recorder.stateError() ? recorder.stateError() : recorder.receiveError()), c.error);
+    EXPECT_EQ(recorder.received(), c.received);
+    if (c.ending == "ready") {
+      EXPECT_TRUE(server.waitForServed(1));
+      EXPECT_EQ(server.requests().front(), kRequest);
+    } else if (c.ending == "waiting") {
+      EXPECT_EQ(server.acceptedCount(), 0U) << "never connected";
+    } else {
+      for (const auto& request : server.requests()) EXPECT_EQ(request, "") << "no request went out";
+    }
+    cancel(recorder);
+    return server.serverNames();
+  }
+
   ZavloLinuxPlatform platform;
 };
 
@@ -74,54 +109,37 @@ std::vector<std::string> withoutRetries(std::vector<std::string> events) {
   return events;
 }
 
-// A loopback port where nothing listens.
-std::uint16_t closedPort() {
-  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ADD_FAILURE() << "no loopback port";
-  socklen_t length = sizeof address;
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(probe);
-  return ntohs(address.sin_port);
-}
+TEST_F(ZavloLinuxConnectionTest, AHopEndsReadyWaitingOrFailedAsItsPeerAndParametersDecide) {
+  const std::string ok = "HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"x\"}";
+  const auto any = zavloCellularParameters(IpVersion::any);
+  auto prohibited = zavloCellularParameters();
+  prohibited.prohibitedInterfaceTypes.push_back(ZavloInterfaceType::cellular);
+  const HopCase cases[] = {
+      {"a plain answer", ZavloTestServerReply::answer(ok), "localhost", zavloCellularParameters(), "ready", "none", ok},
+      {"a split answer: what arrived first", ZavloTestServerReply::split({"HTTP/1.1 200 OK\r\n", "\r\n{}"}, 200ms),
+       "127.0.0.1", zavloCellularParameters(), "ready", "none", "HTTP/1.1 200 OK\r\n"},
+      // localhost may resolve to ::1 first, where nothing listens; 127.0.0.1 must still be reached.
+      {"any version tries the next address", ZavloTestServerReply::answer(ok), "localhost", any, "ready", "none", ok},
+      {"a reset by the peer fails the receive", ZavloTestServerReply::reset(), "127.0.0.1", zavloCellularParameters(),
+       "ready", std::to_string(ECONNRESET) + " Connection reset by peer", ""},
+      {"a prohibited type is never used, even when required", ZavloTestServerReply::answer(ok), "127.0.0.1", prohibited,
+       "waiting", std::to_string(ENETUNREACH) + " No usable cellular interface", ""},
+  };
+  for (const auto& c : cases) checkHop(c);
 
-TEST_F(ZavloLinuxConnectionTest, PlainHopSendsTheRequestAndReadsTheAnswer) {
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"x\"}"));
-  auto recorder = connect("localhost", server.port());
-  ASSERT_TRUE(hop(recorder));
-  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"x\"}");
-  ASSERT_TRUE(server.waitForServed(1));
-  EXPECT_EQ(server.requests().front(), kRequest);
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxConnectionTest, LargeAnswerIsCutAtTheReceiveMaximum) {
-  std::string answer = "HTTP/1.1 200 OK\r\n\r\n";
-  answer.resize(std::size_t{100} * 1024, 'a');
-  ZavloTestServer server(ZavloTestServerReply::answer(answer));
-  auto recorder = connect("127.0.0.1", server.port());
-  ASSERT_TRUE(hop(recorder));
-  const auto received = recorder.received();
-  EXPECT_FALSE(received.empty());
-  EXPECT_LE(received.size(), 65536U);
-  EXPECT_EQ(received, answer.substr(0, received.size()));
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxConnectionTest, SplitAnswerReturnsWhatArrivedFirst) {
-  ZavloTestServer server(ZavloTestServerReply::split({"HTTP/1.1 200 OK\r\n", "\r\n{}"}, 200ms));
-  auto recorder = connect("127.0.0.1", server.port());
-  ASSERT_TRUE(hop(recorder));
-  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n");
-  cancel(recorder);
+  auto unknown = connect("no-such-host.invalid", 80, any);
+  ASSERT_TRUE(hop(unknown));
+  ASSERT_TRUE(unknown.has("failed"));
+  EXPECT_EQ(describe(unknown.stateError()),
+            std::to_string(EHOSTUNREACH) + " The host name could not be resolved: Host not found (authoritative)");
+  cancel(unknown);
 }
 
 // Another path might lead to a peer that listens, so a refusal is waited through: only
 // the caller ends it. What was asked meanwhile waits for ready and goes with the cancel.
 TEST_F(ZavloLinuxConnectionTest, RefusedConnectionWaitsUntilCancelled) {
-  auto recorder = connect("127.0.0.1", closedPort());
+  const ZavloClosedPort closed;
+  auto recorder = connect("127.0.0.1", closed.port());
   ASSERT_TRUE(hop(recorder));
   ASSERT_TRUE(recorder.has("waiting"));
   EXPECT_EQ(recorder.stateError()->code, ECONNREFUSED);
@@ -135,26 +153,6 @@ TEST_F(ZavloLinuxConnectionTest, RefusedConnectionWaitsUntilCancelled) {
   platform.runLoop().runUntil([] { return false; }, 50ms);
   EXPECT_EQ(withoutRetries(recorder.events()), (std::vector<std::string>{"preparing", "waiting", "cancelled"}));
   EXPECT_EQ(weak.use_count(), 1) << "a cancelled waiting connection keeps nothing of itself alive";
-}
-
-TEST_F(ZavloLinuxConnectionTest, ResetByThePeerFailsTheReceive) {
-  ZavloTestServer server(ZavloTestServerReply::reset());
-  auto recorder = connect("127.0.0.1", server.port());
-  ASSERT_TRUE(hop(recorder));
-  ASSERT_TRUE(recorder.receiveError());
-  EXPECT_EQ(recorder.receiveError()->code, ECONNRESET);
-  EXPECT_EQ(recorder.received(), "");
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxConnectionTest, PeerClosingAtOnceEndsTheReceiveWithoutData) {
-  ZavloTestServer server(ZavloTestServerReply::closeAtOnce());
-  auto recorder = connect("127.0.0.1", server.port());
-  ASSERT_TRUE(hop(recorder));
-  EXPECT_EQ(recorder.received(), "");
-  // The request may reach the closed socket first, which answers with a reset.
-  EXPECT_TRUE(recorder.read([](const auto& log) { return log.receivedComplete || log.receiveError.has_value(); }));
-  cancel(recorder);
 }
 
 TEST_F(ZavloLinuxConnectionTest, SilentServerLeavesTheReceivePendingUntilCancelled) {
@@ -184,18 +182,6 @@ TEST_F(ZavloLinuxConnectionWithoutCellularTest, NoCellularInterfaceWaitsWithoutC
   EXPECT_EQ(server.acceptedCount(), 0U);
   cancel(recorder);
   EXPECT_EQ(withoutRetries(recorder.events()), (std::vector<std::string>{"preparing", "waiting", "cancelled"}));
-}
-
-TEST_F(ZavloLinuxConnectionTest, ProhibitedTypeIsNeverUsedEvenWhenRequired) {
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"));
-  auto parameters = zavloCellularParameters();
-  parameters.prohibitedInterfaceTypes.push_back(ZavloInterfaceType::cellular);
-  auto recorder = connect("127.0.0.1", server.port(), parameters);
-  ASSERT_TRUE(hop(recorder));
-  ASSERT_TRUE(recorder.has("waiting"));
-  EXPECT_EQ(recorder.stateError()->localizedDescription, "No usable cellular interface");
-  EXPECT_EQ(server.acceptedCount(), 0U);
-  cancel(recorder);
 }
 
 TEST_F(ZavloLinuxConnectionTest, IpVersionChoosesTheAddressFamily) {
@@ -254,24 +240,6 @@ TEST_F(ZavloLinuxConnectionTest, ALiteralOfAnExcludedFamilyFailsTheSameWithOrWit
   platform.runLoop().runUntil([] { return false; }, 50ms);
   EXPECT_EQ(cancelled.events(), (std::vector<std::string>{"cancelled"}));
   EXPECT_EQ(server.acceptedCount(), 1U);
-}
-
-TEST_F(ZavloLinuxConnectionTest, AnyVersionTriesTheNextAddressWhenOneIsRefused) {
-  // localhost may resolve to ::1 first, where nothing listens; 127.0.0.1 must still be reached.
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"));
-  auto recorder = connect("localhost", server.port(), zavloCellularParameters(IpVersion::any));
-  ASSERT_TRUE(hop(recorder));
-  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n");
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxConnectionTest, UnknownHostFailsWithAResolutionError) {
-  auto recorder = connect("no-such-host.invalid", 80, zavloCellularParameters(IpVersion::any));
-  ASSERT_TRUE(hop(recorder));
-  ASSERT_TRUE(recorder.has("failed"));
-  EXPECT_EQ(recorder.stateError()->code, EHOSTUNREACH);
-  EXPECT_NE(recorder.stateError()->localizedDescription.find("could not be resolved"), std::string::npos);
-  cancel(recorder);
 }
 
 TEST_F(ZavloLinuxConnectionTest, CancelAtAnyMomentNeverReportsAfterCancelled) {
@@ -358,55 +326,38 @@ class ZavloLinuxTlsConnectionTest : public ZavloLinuxConnectionTest {
   ZavloTestCertificateAuthority authority;
 };
 
-TEST_F(ZavloLinuxTlsConnectionTest, HopSucceedsWithTheTestAnchorAndSendsTheServerName) {
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{}"), serverFor({"localhost"}));
-  auto recorder = connect("localhost", server.port(), tlsParameters());
-  ASSERT_TRUE(hop(recorder));
-  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n{}");
-  ASSERT_TRUE(server.waitForServed(1));
-  EXPECT_EQ(server.requests().front(), kRequest);
-  EXPECT_EQ(server.serverNames(), std::vector<std::string>{"localhost"});
-  cancel(recorder);
-}
+TEST_F(ZavloLinuxTlsConnectionTest, TheServerIsVerifiedByNameOrAddressAgainstTheAnchorsGiven) {
+  const std::string ok = "HTTP/1.1 200 OK\r\n\r\n{}";
+  const std::string unverified = std::to_string(EPROTO) + " The server's certificate could not be verified: ";
+  const std::vector<std::string> localhost = {"localhost"};
+  const struct {
+    HopCase hop;
+    std::vector<std::string> names;  ///< the server certificate's
+  } cases[] = {
+      {{"a name with the test anchor", ZavloTestServerReply::answer(ok), "localhost", tlsParameters(), "ready", "none",
+        ok},
+       localhost},
+      {{"an address, checked against the certificate's address entries", ZavloTestServerReply::answer(ok), "127.0.0.1",
+        tlsParameters(), "ready", "none", ok},
+       {"localhost", "127.0.0.1"}},
+      {{"without the test anchor", ZavloTestServerReply::answer(ok), "localhost", tlsParameters(false), "failed",
+        unverified + "unable to get local issuer certificate", ""},
+       localhost},
+      {{"a certificate for another name", ZavloTestServerReply::answer(ok), "localhost", tlsParameters(), "failed",
+        unverified + "hostname mismatch", ""},
+       {"operator.example"}},
+  };
+  std::vector<std::vector<std::string>> serverNames;
+  for (const auto& c : cases) serverNames.push_back(checkHop(c.hop, serverFor(c.names)));
+  EXPECT_EQ(serverNames[0], localhost) << "the name goes with the handshake";
 
-TEST_F(ZavloLinuxTlsConnectionTest, AnIpAddressIsCheckedAgainstTheCertificatesIpEntries) {
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"),
-                         serverFor({"localhost", "127.0.0.1"}));
-  auto recorder = connect("127.0.0.1", server.port(), tlsParameters());
-  ASSERT_TRUE(hop(recorder));
-  EXPECT_EQ(recorder.received(), "HTTP/1.1 200 OK\r\n\r\n");
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxTlsConnectionTest, VerificationFailsWithoutTheTestAnchor) {
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"), serverFor({"localhost"}));
-  auto recorder = connect("localhost", server.port(), tlsParameters(false));
-  ASSERT_TRUE(hop(recorder));
-  ASSERT_TRUE(recorder.has("failed"));
-  EXPECT_EQ(recorder.stateError()->code, EPROTO);
-  EXPECT_EQ(recorder.stateError()->localizedDescription,
-            "The server's certificate could not be verified: unable to get local issuer certificate");
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxTlsConnectionTest, WrongHostNameFails) {
-  ZavloTestServer server(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n"), serverFor({"operator.example"}));
-  auto recorder = connect("localhost", server.port(), tlsParameters());
-  ASSERT_TRUE(hop(recorder));
-  ASSERT_TRUE(recorder.has("failed"));
-  EXPECT_EQ(recorder.stateError()->localizedDescription,
-            "The server's certificate could not be verified: hostname mismatch");
-  cancel(recorder);
-}
-
-TEST_F(ZavloLinuxTlsConnectionTest, BadAnchorFailsClearly) {
-  auto parameters = tlsParameters();
-  parameters.tls->additionalTrustAnchorsPem = {"not a certificate"};
-  auto recorder = connect("localhost", 443, parameters);
-  ASSERT_TRUE(hop(recorder));
-  ASSERT_TRUE(recorder.has("failed"));
-  EXPECT_EQ(recorder.stateError()->code, EINVAL);
-  cancel(recorder);
+  auto badAnchor = tlsParameters();
+  badAnchor.tls->additionalTrustAnchorsPem = {"not a certificate"};
+  auto refused = connect("localhost", 443, badAnchor);
+  ASSERT_TRUE(hop(refused));
+  ASSERT_TRUE(refused.has("failed"));
+  EXPECT_EQ(refused.stateError()->code, EINVAL);
+  cancel(refused);
 }
 
 TEST_F(ZavloLinuxTlsConnectionTest, OneReceiveTakesEveryRecordThatHasArrivedUpToTheMaximum) {

@@ -16,8 +16,6 @@
 #include <nlohmann/json.hpp>
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Telemetry/ZavloAuthHTTPManager.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Native/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
@@ -25,6 +23,8 @@
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 #include "tools/peers/ZavloTestCertificates.hpp"
+#include "Telemetry/ZavloAuthHTTPManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloSnaChainRun.hpp"
 
@@ -93,58 +93,105 @@ TEST_F(ZavloSilentAuthLoopbackTest, RedirectChainsWithRelativeAndAbsoluteLocatio
   }
 }
 
-TEST_F(ZavloSilentAuthLoopbackTest, SpacesInALocationAreSentAsPlusSigns) {
+TEST_F(ZavloSilentAuthLoopbackTest, ALocationIsFollowedAsWrittenOrNotAtAll) {
   ZavloChainServerOptions options;
-  options.token = "after-spaces";
+  options.token = "after-location";
   ZavloChainServer chain(options);
-  ZavloTestServer first(
-      ZavloTestServerReply::answer("HTTP/1.1 302 Found\r\nlocation: " + chain.baseUrl() + "/chain/0/a b c\r\n\r\n"));
-  EXPECT_EQ(run(url(first)).only(), (json{{"httpStatusCode", 200}, {"snaToken", "after-spaces"}}));
-  const auto requests = chain.recentRequests();
-  ASSERT_EQ(requests.size(), 1U);
-  EXPECT_EQ(requests[0].rfind("GET /chain/0/a+b+c HTTP/1.1\r\n", 0), 0U) << requests[0];
-}
-
-// "//host/path" has a host and no scheme, so it is a URL of its own that no hop can use,
-// not a reference resolved against the hop's URL.
-TEST_F(ZavloSilentAuthLoopbackTest, ALocationWithAHostButNoSchemeIsNotFollowed) {
-  ZavloChainServer chain;
-  const auto target = "//127.0.0.1:" + std::to_string(chain.port()) + "/chain/0/next";
-  ZavloTestServer first(ZavloTestServerReply::answer("HTTP/1.1 302 Found\r\nLocation: " + target + "\r\n\r\n"));
-  const auto outcome = run(url(first));
-  EXPECT_EQ(outcome.only(), failure("SNA_CELLULAR_REQUEST_FAILED", "URL has no Host or Scheme"));
-  ASSERT_EQ(outcome.hops.size(), 1U);
-  EXPECT_EQ(outcome.hopMeta(0)["responseUrl"], target);
-  EXPECT_TRUE(chain.recentRequests().empty());
+  const auto found = [](const std::string& rest) {
+    return ZavloTestServerReply::answer("HTTP/1.1 302 Found\r\n" + rest);
+  };
+  const json token = {{"httpStatusCode", 200}, {"snaToken", "after-location"}};
+  const auto hostOnly = "//127.0.0.1:" + std::to_string(chain.port()) + "/chain/0/next";
+  const struct {
+    const char* what;
+    ZavloTestServerReply reply;
+    json expected;
+    std::string requested;  ///< the start of the request the chain server got; empty: none
+    json firstHop;          ///< entries of the first hop event's metaData
+  } cases[] = {
+      {"spaces are sent as plus signs", found("location: " + chain.baseUrl() + "/chain/0/a b c\r\n\r\n"), token,
+       "GET /chain/0/a+b+c HTTP/1.1\r\n", json::object()},
+      // 0xE9 is no UTF-8, yet the hop is followed, and its event shows the character it stands for.
+      {"a redirect page in Latin-1",
+       found("Content-Type: text/html; charset=iso-8859-1\r\nLocation: " + chain.baseUrl() +
+             "/chain/0/next\r\n\r\n<p>Redirig\xE9</p>"),
+       token,
+       "GET /chain/0/next HTTP/1.1\r\n",
+       {{"responseBody", "<p>Redirig\u00e9</p>"}, {"responseUrl", chain.baseUrl() + "/chain/0/next"}}},
+      // A host and no scheme: a URL of its own that no hop can use, not a reference
+      // resolved against the hop's URL.
+      {"a host but no scheme",
+       found("Location: " + hostOnly + "\r\n\r\n"),
+       failure("SNA_CELLULAR_REQUEST_FAILED", "URL has no Host or Scheme"),
+       "",
+       {{"responseUrl", hostOnly}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto before = chain.recentRequests().size();
+    ZavloTestServer first(c.reply);
+    const auto outcome = run(url(first));
+    EXPECT_EQ(outcome.only(), c.expected);
+    for (const auto& [key, value] : c.firstHop.items()) EXPECT_EQ(outcome.hopMeta(0)[key], value) << key;
+    const auto requests = chain.recentRequests();
+    ASSERT_EQ(requests.size(), before + (c.requested.empty() ? 0 : 1));
+    if (!c.requested.empty()) {
+      EXPECT_EQ(requests.back().rfind(c.requested, 0), 0U) << requests.back();
+    }
+  }
 }
 
 TEST_F(ZavloSilentAuthLoopbackTest, FinalAnswersBecomeTheirDictionaries) {
+  using Reply = ZavloTestServerReply;
   const std::string object = R"({"snaToken":"chunked-token"})";
   char size[16];
   std::snprintf(size, sizeof size, "%zx", object.size());
   const struct {
     const char* what;
-    std::string answer;
+    ZavloTestServerReply reply;
     json expected;
+    json firstHop = json::object();  ///< entries of the hop event's metaData
   } cases[] = {
       {"a chunked 200 holding one JSON object",
-       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + std::string(size) + "\r\n" + object + "\r\n0\r\n\r\n",
+       Reply::answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + std::string(size) + "\r\n" + object +
+                     "\r\n0\r\n\r\n"),
        {{"httpStatusCode", 200}, {"snaToken", "chunked-token"}}},
       {"204, whose body is never looked at",
-       "HTTP/1.1 204 No Content\r\n\r\n{\"snaToken\":\"ignored\"}",
+       Reply::answer("HTTP/1.1 204 No Content\r\n\r\n{\"snaToken\":\"ignored\"}"),
        {{"httpStatusCode", 204}}},
       {"a 4xx with a JSON body",
-       "HTTP/1.1 401 Unauthorized\r\n\r\n{\"reason\":\"subscriber unknown\"}",
+       Reply::answer("HTTP/1.1 401 Unauthorized\r\n\r\n{\"reason\":\"subscriber unknown\"}"),
        {{"httpStatusCode", 401}, {"reason", "subscriber unknown"}}},
-      {"a 4xx without a body", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n",
+      {"a 4xx without a body", Reply::answer("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"),
        failure("SNA_CELLULAR_REQUEST_FAILED", "Unexpected HTTP Status 404")},
-      {"a redirect without a Location", "HTTP/1.1 302 Found\r\n\r\n",
+      {"a redirect without a Location", Reply::answer("HTTP/1.1 302 Found\r\n\r\n"),
        failure("SNA_INVALID_REDIRECT", "Invalid URL - unable to parse redirect")},
+      {"a token holding a byte that is no UTF-8",
+       Reply::answer("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"caf\xE9\"}"),
+       {{"httpStatusCode", 200}, {"snaToken", "caf\u00e9"}},
+       {{"responseBody", "{\"snaToken\":\"caf\u00e9\"}"}}},
+      // An answer is judged on its first segment: the status line alone has no body.
+      {"a status line, the rest later",
+       Reply::split({"HTTP/1.1 200 OK\r\n", "\r\n{\"snaToken\":\"too-late\"}"}, 300ms),
+       {{"httpStatusCode", 200}},
+       {{"responseBody", ""}}},
+      {"half a status line, the rest later", Reply::split({"HTTP/1.", "1 200 OK\r\n\r\n{\"snaToken\":\"x\"}"}, 300ms),
+       failure("SNA_CELLULAR_REQUEST_FAILED", "Unexpected HTTP Status 0")},
+      {"the end of the stream, no answer",
+       Reply::split({}, 0ms),
+       failure("SNA_CELLULAR_REQUEST_FAILED", "Response has no data or corrupt"),
+       {{"failureReason", "Response has no data or is corrupt"}}},
+      {"a reset",
+       Reply::reset(),
+       failure("SNA_CELLULAR_REQUEST_FAILED", "Connection reset by peer"),
+       {{"failureReason", "Connection reset by peer"}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    ZavloTestServer server(ZavloTestServerReply::answer(c.answer));
-    EXPECT_EQ(run(url(server)).only(), c.expected);
+    ZavloTestServer server(c.reply);
+    const auto outcome = run(url(server));
+    EXPECT_EQ(outcome.only(), c.expected);
+    for (const auto& [key, value] : c.firstHop.items()) EXPECT_EQ(outcome.hopMeta(0)[key], value) << key;
     ASSERT_TRUE(server.waitForServed(1));
     EXPECT_EQ(server.requests().at(0),
               "GET /sna HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) +
@@ -153,31 +200,34 @@ TEST_F(ZavloSilentAuthLoopbackTest, FinalAnswersBecomeTheirDictionaries) {
   }
 }
 
-TEST_F(ZavloSilentAuthLoopbackTest, ASplitAnswerIsJudgedOnItsFirstSegment) {
-  // The status line alone: a 200 without a header end has no body, so no token.
-  ZavloTestServer statusFirst(
-      ZavloTestServerReply::split({"HTTP/1.1 200 OK\r\n", "\r\n{\"snaToken\":\"too-late\"}"}, 300ms));
-  const auto outcome = run(url(statusFirst));
-  EXPECT_EQ(outcome.only(), (json{{"httpStatusCode", 200}}));
-  EXPECT_EQ(outcome.hopMeta(0)["responseBody"], "");
-
-  // Half a status line: no status at all.
-  ZavloTestServer halfStatus(ZavloTestServerReply::split({"HTTP/1.", "1 200 OK\r\n\r\n{\"snaToken\":\"x\"}"}, 300ms));
-  EXPECT_EQ(run(url(halfStatus)).only(), failure("SNA_CELLULAR_REQUEST_FAILED", "Unexpected HTTP Status 0"));
-}
-
-TEST_F(ZavloSilentAuthLoopbackTest, AnAnswerLongerThanOneReceiveIsCutThere) {
+TEST_F(ZavloSilentAuthLoopbackTest, AnAnswerLongerThanOneReceiveIsJudgedOnThatReceive) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
-  const std::string body = R"({"snaToken":"never-seen","padding":")" + std::string(std::size_t{100} * 1024, 'p') + "\"}";
-  ZavloTestServer server(ZavloTestServerReply::answer(head + body));
-  const auto outcome = run(url(server));
-  // The JSON object is cut, so it adds nothing; the token never arrives.
-  EXPECT_EQ(outcome.only(), (json{{"httpStatusCode", 200}}));
-  ASSERT_EQ(outcome.hops.size(), 1U);
-  const auto seen = outcome.hopMeta(0)["responseBody"].get<std::string>();
-  EXPECT_FALSE(seen.empty());
-  EXPECT_LE(head.size() + seen.size(), 65536U);
-  EXPECT_EQ(body.rfind(seen, 0), 0U) << "the hop saw the start of the body";
+  const std::size_t mebibyte = std::size_t{1} << 20;
+  const struct {
+    const char* what;
+    std::string body;
+    json expected;
+  } cases[] = {
+      // The object is cut where the receive ends, so it is no JSON and adds nothing.
+      {"the token, then a mebibyte of padding inside the object",
+       R"({"snaToken":"cut-off","padding":")" + std::string(mebibyte, 'p') + "\"}",
+       {{"httpStatusCode", 200}}},
+      // The object is whole within the receive; the white space after it is trimmed.
+      {"a whole object, then a mebibyte of white space",
+       R"({"snaToken":"whole"})" + std::string(mebibyte, ' '),
+       {{"httpStatusCode", 200}, {"snaToken", "whole"}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ZavloTestServer server(ZavloTestServerReply::answer(head + c.body));
+    const auto outcome = run(url(server));
+    EXPECT_EQ(outcome.only(), c.expected);
+    ASSERT_EQ(outcome.hops.size(), 1U);
+    const auto seen = outcome.hopMeta(0)["responseBody"].get<std::string>();
+    EXPECT_FALSE(seen.empty());
+    EXPECT_LE(head.size() + seen.size(), 65536U);
+    EXPECT_EQ(c.body.rfind(seen.substr(0, 64), 0), 0U) << "the hop saw the start of the body";
+  }
 }
 
 TEST_F(ZavloSilentAuthLoopbackTest, AServerThatNeverAnswersEndsAtTheHopTimeOut) {
@@ -190,20 +240,9 @@ TEST_F(ZavloSilentAuthLoopbackTest, AServerThatNeverAnswersEndsAtTheHopTimeOut) 
   EXPECT_TRUE(outcome.hops.empty()) << "a time-out is no hop";
 }
 
-TEST_F(ZavloSilentAuthLoopbackTest, AConnectionEndedWithoutAnswerOrByResetFails) {
-  // Reads the request, then closes its side: the one receive finds the end of the stream.
-  ZavloTestServer silent(ZavloTestServerReply::split({}, 0ms));
-  const auto noData = run(url(silent));
-  EXPECT_EQ(noData.only(), failure("SNA_CELLULAR_REQUEST_FAILED", "Response has no data or corrupt"));
-  EXPECT_EQ(noData.hopMeta(0)["failureReason"], "Response has no data or is corrupt");
-
-  ZavloTestServer resetting(ZavloTestServerReply::reset());
-  const auto reset = run(url(resetting));
-  EXPECT_EQ(reset.only(), failure("SNA_CELLULAR_REQUEST_FAILED", "Connection reset by peer"));
-  EXPECT_EQ(reset.hopMeta(0)["failureReason"], "Connection reset by peer");
-
-  // Closing before reading: the request may reach the closed socket first and draw a
-  // reset, so either ending is right, but exactly one.
+// Closing before reading: the request may reach the closed socket first and draw a reset,
+// so either ending is right, but exactly one.
+TEST_F(ZavloSilentAuthLoopbackTest, APeerClosingBeforeReadingFailsTheHopOnce) {
   ZavloTestServer closing(ZavloTestServerReply::closeAtOnce());
   const auto closed = run(url(closing));
   ASSERT_EQ(closed.completions.size(), 1U);
@@ -226,85 +265,6 @@ TEST_F(ZavloSilentAuthLoopbackTest, ARefusalWaitsForTheHopTimeOutWhileOtherFailu
             failure("SNA_CELLULAR_REQUEST_FAILED",
                     "Connection failed: The host name could not be resolved: Host not found (authoritative)"));
   EXPECT_LT(unknown.elapsed, 1s);
-}
-
-TEST_F(ZavloSilentAuthLoopbackTest, AnAnswerThatIsNotUtf8IsReadByteForByte) {
-  // An operator's redirect page in Latin-1: 0xE9 is no UTF-8, yet the hop is followed, and
-  // the hop event shows the page with that byte as the character it stands for.
-  ZavloChainServerOptions options;
-  options.token = "after-latin1";
-  ZavloChainServer chain(options);
-  ZavloTestServer redirecting(ZavloTestServerReply::answer(
-      "HTTP/1.1 302 Found\r\nContent-Type: text/html; charset=iso-8859-1\r\nLocation: " + chain.baseUrl() +
-      "/chain/0/next\r\n\r\n<p>Redirig\xE9</p>"));
-  const auto followed = run(url(redirecting));
-  EXPECT_EQ(followed.only(), (json{{"httpStatusCode", 200}, {"snaToken", "after-latin1"}}));
-  ASSERT_EQ(followed.hops.size(), 2U);
-  EXPECT_EQ(followed.hopMeta(0)["responseBody"], "<p>Redirig\u00e9</p>");
-  EXPECT_EQ(followed.hopMeta(0)["responseUrl"], chain.baseUrl() + "/chain/0/next");
-
-  // A final answer whose JSON holds such a byte: the token keeps the character.
-  ZavloTestServer finalHop(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"caf\xE9\"}"));
-  const auto token = run(url(finalHop));
-  EXPECT_EQ(token.only(), (json{{"httpStatusCode", 200}, {"snaToken", "caf\u00e9"}}));
-  EXPECT_EQ(token.hopMeta(0)["responseBody"], "{\"snaToken\":\"caf\u00e9\"}");
-}
-
-TEST(ZavloSilentAuthLoopbackTlsTest, AnAnswerWrittenInSeveralTlsRecordsIsJudgedWhole) {
-  ZavloTestCertificateAuthority authority;
-  ZavloLinuxPlatform trusting(loopbackCellular({authority.certificatePem()}));
-  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n";
-  const std::string padding(16, 'p');
-  const struct {
-    const char* what;
-    std::vector<std::string> writes;
-    json expected;
-  } cases[] = {
-      {"headers, then the body",
-       {head, R"({"snaToken":"two-records"})"},
-       {{"httpStatusCode", 200}, {"snaToken", "two-records"}}},
-      {"headers, then the body in three records",
-       {head, R"({"snaToken":"three-records","pad":")", padding, padding + "\"}"},
-       {{"httpStatusCode", 200}, {"snaToken", "three-records"}, {"pad", padding + padding}}},
-      {"a refusal, then its body",
-       {"HTTP/1.1 401 Unauthorized\r\n\r\n", R"({"reason":"unknown"})"},
-       {{"httpStatusCode", 401}, {"reason", "unknown"}}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    ZavloTestServer server(ZavloTestServerReply::together(c.writes),
-                           ZavloTestServer::Options{
-                               .address = "localhost", .port = 0, .tls = authority.issueServerIdentity({"localhost"})});
-    EXPECT_EQ(runChain(trusting, "https://localhost:" + std::to_string(server.port()) + "/sna").only(), c.expected);
-  }
-}
-
-TEST(ZavloSilentAuthLoopbackTlsTest, AHopOverTlsNeedsTheServersAuthorityToBeTrusted) {
-  ZavloTestCertificateAuthority authority;
-  ZavloTestServer server(
-      ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"over-tls\"}"),
-      ZavloTestServer::Options{.address = "localhost", .port = 0, .tls = authority.issueServerIdentity({"localhost"})});
-  const auto target = "https://localhost:" + std::to_string(server.port()) + "/";
-
-  ZavloLinuxPlatform trusting(loopbackCellular({authority.certificatePem()}));
-  EXPECT_EQ(runChain(trusting, target).only(), (json{{"httpStatusCode", 200}, {"snaToken", "over-tls"}}));
-  ASSERT_TRUE(server.waitForServed(1));
-  EXPECT_EQ(
-      server.requests().at(0).rfind("GET / HTTP/1.1\r\nHost: localhost:" + std::to_string(server.port()) + "\r\n", 0),
-      0U)
-      << server.requests().at(0);
-  EXPECT_EQ(server.serverNames(), std::vector<std::string>{"localhost"});
-
-  // A refused certificate fails at once, over IPv6 and again in the fallback.
-  ZavloLinuxPlatform plain(loopbackCellular());
-  EXPECT_EQ(runChain(plain, target).only(),
-            failure("SNA_CELLULAR_REQUEST_FAILED",
-                    "Connection failed: The server's certificate could not be verified: unable to get local issuer "
-                    "certificate"));
-  const auto expectedHandshakes = ZavloTestServer::ipv6LoopbackAvailable() ? 2U : 1U;
-  ASSERT_TRUE(server.waitForServed(1 + expectedHandshakes));
-  EXPECT_EQ(server.failedHandshakes(), expectedHandshakes);
-  EXPECT_EQ(server.requests().at(1), "") << "the refused handshake carried no request";
 }
 
 // ---------------------------------------------------------------------------------------
