@@ -46,7 +46,7 @@ class BindingHost {
   BindingHost(const BindingHost&) = delete;
   BindingHost& operator=(const BindingHost&) = delete;
   ~BindingHost() {
-    platform_.ownerAuthentication().waitForEvaluations();
+    platform_.ownerAuthentication()->waitForEvaluations();
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
   }
