@@ -84,27 +84,6 @@ class ZavloConnectionNamespaceTest : public ::testing::Test {
   std::unique_ptr<ZavloTestServer> decoyServer;
 };
 
-TEST_F(ZavloConnectionNamespaceTest, PinnedConnectionReachesTheOperatorNeverTheDecoy) {
-  ASSERT_EQ(network->unpinnedExchange(operatorServer->port()), kDecoyAnswer)
-      << "the default route must lead to the decoy for this test to mean anything";
-
-  const auto hop = hopFromClient();
-  EXPECT_EQ(hop.received, kOperatorAnswer);
-  EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "ready", "sent", "received", "cancelled"}));
-  EXPECT_EQ(operatorServer->acceptedCount(), 1U);
-  EXPECT_EQ(decoyServer->acceptedCount(), 1U);  // the unpinned check only
-}
-
-TEST_F(ZavloConnectionNamespaceTest, WithoutAUsableCellularLinkNothingFallsBackToTheDefaultRoute) {
-  network->client().ip({"link", "set", "cell0", "down"});
-  const auto hop = hopFromClient();
-  ASSERT_TRUE(hop.stateError);
-  EXPECT_EQ(hop.stateError->localizedDescription, "No usable cellular interface");
-  EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "waiting", "cancelled"}));
-  EXPECT_EQ(decoyServer->acceptedCount(), 0U);
-  EXPECT_EQ(operatorServer->acceptedCount(), 0U);
-}
-
 // The cellular link has IPv4 only: an IPv6-only connection cannot use it now or after any
 // wait, so it fails at once and the client's fallback to any IP version can run.
 TEST_F(ZavloConnectionNamespaceTest, AnIpVersionTheCellularLinkLacksFailsAtOnce) {

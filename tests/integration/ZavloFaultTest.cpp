@@ -18,6 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <ostream>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,30 +68,19 @@ std::string url(const ZavloTestServer& server, const std::string& path = "/sna")
 class HangWatchdog {
  public:
   HangWatchdog(std::string what, Clock::duration limit)
-      : thread_([this, what = std::move(what), limit] {
-          std::unique_lock lock(mutex_);
-          if (!finished_.wait_for(lock, limit, [this] { return done_; })) {
+      : thread_([what = std::move(what), limit](const std::stop_token& finished) {
+          std::mutex mutex;
+          std::condition_variable_any wake;
+          std::unique_lock lock(mutex);
+          if (!wake.wait_for(lock, finished, limit, [&finished] { return finished.stop_requested(); })) {
             std::fprintf(stderr, "ZavloFaultTest: %s did not finish within %lld ms\n", what.c_str(),
                          static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(limit).count()));
             std::abort();
           }
         }) {}
-  ~HangWatchdog() {
-    {
-      std::lock_guard lock(mutex_);
-      done_ = true;
-    }
-    finished_.notify_all();
-    thread_.join();
-  }
-  HangWatchdog(const HangWatchdog&) = delete;
-  HangWatchdog& operator=(const HangWatchdog&) = delete;
 
  private:
-  std::mutex mutex_;
-  std::condition_variable finished_;
-  bool done_ = false;
-  std::thread thread_;
+  std::jthread thread_;  ///< its destruction (the scope's end) asks it to stop and joins it
 };
 
 // The completions of one call of the native wrapper.

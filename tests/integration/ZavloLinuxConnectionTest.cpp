@@ -135,6 +135,16 @@ TEST_F(ZavloLinuxConnectionTest, AHopEndsReadyWaitingOrFailedAsItsPeerAndParamet
   cancel(unknown);
 }
 
+// The first receive meets the end of the stream: complete, without data or error.
+TEST_F(ZavloLinuxConnectionTest, APeerEndingTheStreamCompletesTheReceiveWithoutData) {
+  ZavloTestServer server(ZavloTestServerReply::split({}, 0ms));
+  auto recorder = connect("127.0.0.1", server.port());
+  ASSERT_TRUE(hop(recorder));
+  EXPECT_EQ(recorder.received(), "");
+  EXPECT_TRUE(recorder.read([](const auto& log) { return log.receivedComplete && !log.receiveError; }));
+  cancel(recorder);
+}
+
 // Another path might lead to a peer that listens, so a refusal is waited through: only
 // the caller ends it. What was asked meanwhile waits for ready and goes with the cancel.
 TEST_F(ZavloLinuxConnectionTest, RefusedConnectionWaitsUntilCancelled) {
