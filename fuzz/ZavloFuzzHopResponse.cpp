@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloChainDictionary.hpp"
 #include "ZavloFuzzPlatform.hpp"
 #include "ZavloFuzzSupport.hpp"
 
@@ -55,8 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     client->hopObserver = [&traces](const ZavloCellularSnaClient::HopTrace& trace) { traces.push_back(trace); };
     const auto start = ZavloUrl::parse("http://op.test/start?session=1");
     ZAVLO_FUZZ_CHECK(start.has_value(), "the start URL parses");
-    client->open(*start, std::string("fuzz-request"),
-                 [&completions](nlohmann::json dictionary) { completions.push_back(std::move(dictionary)); });
+    client->open(*start, std::string("fuzz-request"), [&completions](const ZavloChainOutcome& outcome) {
+      completions.push_back(ZavloChainDictionary::of(outcome));
+    });
   }
   // Answers arrive at once; every hop without one ends by its timer. One more hop than
   // there are answers is the most a chain can make, so this much virtual time ends it.

@@ -1,4 +1,4 @@
-// zavlo-fuzz-redirect: ZavloCellularSnaClient::parseRedirect on a fuzzed hop URL and a
+// zavlo-fuzz-redirect: ZavloHttp1Codec::parseRedirect on a fuzzed hop URL and a
 // fuzzed answer, and the request text the next hop would send.
 //
 // Input: the hop's URL, a line feed, then the answer. A first line that is no URL with a
@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloHttp1Codec.hpp"
 #include "ZavloFuzzSupport.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   ZAVLO_FUZZ_CHECK(base.has_value(), "the fixed hop URL parses");
 
-  const auto redirect = ZavloCellularSnaClient::parseRedirect(*base, response);
+  const auto redirect = ZavloHttp1Codec::parseRedirect(*base, response);
   if (response.find("ocation: ") == std::string_view::npos) {
     ZAVLO_FUZZ_CHECK(!redirect, "no target without a Location header");
   }
@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // libcurl decodes percent escapes in a host ("%A2" becomes the byte), and a resolved
   // target's text carries the base's host so decoded. The client only resolves against a
   // hop whose request it sent, and it sends only UTF-8, so that is part of the condition.
-  const auto baseRequest = ZavloCellularSnaClient::createHttpCommand(*base);
+  const auto baseRequest = ZavloHttp1Codec::createHttpCommand(*base);
   if (ZavloFuzz::isUtf8(response) && ZavloFuzz::isUtf8(base->absoluteString()) && baseRequest &&
       ZavloFuzz::isUtf8(*baseRequest)) {
     ZAVLO_FUZZ_CHECK(ZavloFuzz::isUtf8(text), "a target read from UTF-8 is UTF-8");
@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
 
-  if (const auto command = ZavloCellularSnaClient::createHttpCommand(target)) {
+  if (const auto command = ZavloHttp1Codec::createHttpCommand(target)) {
     ZAVLO_FUZZ_CHECK(ZavloFuzz::isOneRequest(*command, target.host()), "the next hop sends one request");
   }
   return 0;

@@ -1,4 +1,4 @@
-// zavlo-fuzz-response-body: ZavloCellularSnaClient::getResponseBody on arbitrary bytes.
+// zavlo-fuzz-response-body: ZavloHttp1Codec::getResponseBody on arbitrary bytes.
 //
 // Properties, each judged by this file's own reading of the rule: no body without the
 // blank line that ends the header block; with the chunked header and a last-chunk line,
@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <string>
 
-#include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloHttp1Codec.hpp"
 #include "ZavloFuzzSupport.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto response = ZavloFuzz::asText(data, size);
-  const auto body = ZavloCellularSnaClient::getResponseBody(response);
+  const auto body = ZavloHttp1Codec::getResponseBody(response);
   const auto headerEnd = response.find("\r\n\r\n");
   if (headerEnd == std::string_view::npos) {
     ZAVLO_FUZZ_CHECK(!body, "no body without the end of the header block");

@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloHttp1Codec.hpp"
 #include "ZavloFuzzSupport.hpp"
 
 namespace {
@@ -33,7 +33,7 @@ bool startsWithScheme(std::string_view text) {
 }
 
 void checkRequest(const ZavloUrl& url) {
-  const auto command = ZavloCellularSnaClient::createHttpCommand(url);
+  const auto command = ZavloHttp1Codec::createHttpCommand(url);
   if (url.scheme().empty() || url.host().empty()) ZAVLO_FUZZ_CHECK(!command, "no request without scheme and host");
   if (command) ZAVLO_FUZZ_CHECK(ZavloFuzz::isOneRequest(*command, url.host()), "a hop sends one request");
 }

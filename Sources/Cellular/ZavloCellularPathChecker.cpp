@@ -81,13 +81,5 @@ void ZavloCellularPathChecker::requireDefaultPathIsCellular(Completion completio
 }
 
 ZavloAuthException ZavloCellularPathChecker::authException(PreflightError error) {
-  switch (error) {
-    case PreflightError::notOnMobileData:
-      return ZavloAuthException::failure("SNA_DEVICE_NOT_ON_MOBILE_DATA",
-                                         "Not connected to mobile data. Please disable WiFi and use cellular network.");
-    case PreflightError::noCellularNetwork:
-      break;
-  }
-  return ZavloAuthException::failure("SNA_CELLULAR_UNAVAILABLE",
-                                     "No cellular network available. Please ensure cellular data is enabled.");
+  return ZavloPublicErrors::preflight(error);
 }

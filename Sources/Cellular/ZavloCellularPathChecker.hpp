@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "Core/ZavloAuthException.hpp"
+#include "Core/ZavloPublicErrors.hpp"
 #include "Core/ZavloResult.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
@@ -21,7 +22,7 @@
 /// platform's main queue. The platform must outlive the checker and its checks.
 class ZavloCellularPathChecker {
  public:
-  enum class PreflightError { noCellularNetwork, notOnMobileData };
+  using PreflightError = ZavloPreflightError;
   using Verdict = ZavloResult<ZavloVoid, PreflightError>;
   using Completion = std::function<void(Verdict)>;
 
@@ -41,7 +42,7 @@ class ZavloCellularPathChecker {
   /// satisfied path arrives within kTimeout. Unsatisfied paths are waited through.
   void requireDefaultPathIsCellular(Completion completion);
 
-  /// The error that the public surface reports for a failed check.
+  /// The error that the public surface reports for a failed check (ZavloPublicErrors').
   static ZavloAuthException authException(PreflightError error);
 
  private:

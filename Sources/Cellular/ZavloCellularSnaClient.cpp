@@ -1,38 +1,23 @@
 #include "Cellular/ZavloCellularSnaClient.hpp"
 
-#include <charconv>
 #include <chrono>
 
+#include "Cellular/ZavloHttp1Codec.hpp"
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloAuthVersion.hpp"
+
+namespace Http1 = ZavloHttp1Codec;
 
 namespace {
 
 constexpr std::size_t kMaximumResponseLength = 65536;
-constexpr std::string_view kHeaderEnd = "\r\n\r\n";
+constexpr const char* kUnparsableRedirect = "Invalid URL - unable to parse redirect";
 
 bool startsWith(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 
 // Runs on every hop's request and answer; the JSON library's strict serialiser accepts the
 // same texts but copies and escapes them on the way.
 bool isValidUtf8(std::string_view text) { return ZavloAuthValidationUtils::isWellFormedUtf8(text); }
-
-// The answer as text: UTF-8 when it is UTF-8, otherwise 8-bit ASCII, where each byte is
-// the character of that number (so every answer decodes); the text is held as UTF-8.
-std::string decodeResponse(const std::vector<std::uint8_t>& data) {
-  std::string text(data.begin(), data.end());
-  if (isValidUtf8(text)) return text;
-  text.clear();
-  for (const std::uint8_t byte : data) {
-    if (byte < 0x80) {
-      text += static_cast<char>(byte);
-    } else {
-      text += static_cast<char>(0xC0 | (byte >> 6));
-      text += static_cast<char>(0x80 | (byte & 0x3F));
-    }
-  }
-  return text;
-}
 
 std::string bodyText(const std::optional<std::string>& body) {
   return body && isValidUtf8(*body) ? *body : std::string();
@@ -60,7 +45,7 @@ void ZavloCellularSnaClient::setCheckResponseHandler(ResponseHandler handler) {
 void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion) {
   requestId_ = std::move(requestId);
   if (url.scheme().empty() || url.host().empty()) {
-    if (completion) completion(convertNetworkErrorToDictionary(ZavloNetworkError::other("No scheme or host found")));
+    if (completion) completion(ZavloNetworkError::other("No scheme or host found"));
     return;
   }
   setCheckResponseHandler(makeResponseHandler(std::move(completion)));
@@ -75,23 +60,23 @@ ZavloCellularSnaClient::ResponseHandler ZavloCellularSnaClient::makeResponseHand
   return [weak, completion = std::move(completion)](ZavloConnectionResult result) {
     const auto self = weak.lock();
     if (!self) {
-      if (completion) completion({{"error", "sdk_error"}, {"error_description", "Unable to carry on"}});
+      if (completion) completion(ZavloChainAbandoned{});
       return;
     }
     // A late result (a cancelled connection reporting after a time-out, say) must not
     // complete the chain a second time.
     if (self->finished_) return;
-    const auto finish = [&](nlohmann::json dictionary) {
+    const auto finish = [&](ZavloChainOutcome outcome) {
       self->finished_ = true;
       self->cleanUp();
-      if (completion) completion(std::move(dictionary));
+      if (completion) completion(std::move(outcome));
     };
-    if (const auto* error = std::get_if<ZavloNetworkError>(&result)) {
-      finish(convertNetworkErrorToDictionary(*error));
-    } else if (const auto* ok = std::get_if<ZavloDataOK>(&result)) {
-      finish(convertConnectionResponseToDictionary(ok->response));
-    } else if (const auto* err = std::get_if<ZavloDataErr>(&result)) {
-      finish(convertConnectionResponseToDictionary(err->response));
+    if (auto* error = std::get_if<ZavloNetworkError>(&result)) {
+      finish(std::move(*error));
+    } else if (auto* ok = std::get_if<ZavloDataOK>(&result)) {
+      finish(std::move(ok->response));
+    } else if (auto* err = std::get_if<ZavloDataErr>(&result)) {
+      finish(std::move(err->response));
     } else if (const auto* redirect = std::get_if<ZavloRedirectResult>(&result)) {
       if (!redirect->url) {
         self->cleanUp();  // the chain stops without a word; parseRedirect never yields this
@@ -113,13 +98,11 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
     connection_.reset();
   }
   if (url.scheme().empty() || url.host().empty()) {
-    deliver(completion, ZavloNetworkError::other("URL has no Host or Scheme"));
-    return;
+    return deliver(completion, ZavloNetworkError::other("URL has no Host or Scheme"));
   }
-  const auto command = createHttpCommand(url);
+  const auto command = Http1::createHttpCommand(url);
   if (!command || !isValidUtf8(*command)) {
-    deliver(completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
-    return;
+    return deliver(completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
   }
   std::optional<std::int64_t> port;
   if (url.port()) port = *url.port();
@@ -129,9 +112,8 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
   connectTime_.reset();
   requestSent_.reset();
   if (!createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::v6)) {
-    deliver(completion,
-            ZavloNetworkError::connectionCantBeCreated("Problem creating a connection " + url.absoluteString()));
-    return;
+    return deliver(completion,
+                   ZavloNetworkError::connectionCantBeCreated("Problem creating a connection " + url.absoluteString()));
   }
   connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), true));
   connection_->start(platform_.mainQueue());
@@ -151,9 +133,8 @@ void ZavloCellularSnaClient::fallBackFromIpv6(const std::shared_ptr<const Hop>& 
   auto retry =
       createConnection(hop->url.scheme(), hop->url.host(), hop->port, ZavloConnectionParameters::IpVersion::any);
   if (!retry) {
-    deliver(hop->completion, ZavloNetworkError::connectionCantBeCreated("Problem creating IPv4 fallback connection " +
-                                                                        hop->url.absoluteString()));
-    return;
+    return deliver(hop->completion, ZavloNetworkError::connectionCantBeCreated(
+                                        "Problem creating IPv4 fallback connection " + hop->url.absoluteString()));
   }
   retry->setStateUpdateHandler(createConnectionUpdateHandler(hop, false));
   retry->start(platform_.mainQueue());
@@ -306,179 +287,42 @@ void ZavloCellularSnaClient::processResponse(const ZavloUrl& requestUrl, const s
   if (error) {
     traceHop(requestUrl, 0, std::nullopt, error->localizedDescription);
     sendHopEvent(requestUrl, "", 0, "", error->localizedDescription);
-    deliver(completion, ZavloNetworkError::other(error->localizedDescription));
-    return;
+    return deliver(completion, ZavloNetworkError::other(error->localizedDescription));
   }
-  const std::string response = decodeResponse(data);
+  const std::string response = Http1::decodeResponse(data);
   if (response.empty()) {
     traceHop(requestUrl, 0, std::nullopt, std::string("Response has no data or corrupt"));
     sendHopEvent(requestUrl, "", 0, "", std::string("Response has no data or is corrupt"));
-    deliver(completion, ZavloNetworkError::other("Response has no data or corrupt"));
-    return;
+    return deliver(completion, ZavloNetworkError::other("Response has no data or corrupt"));
   }
 
-  const auto status = parseHttpStatusCode(response);
+  const auto status = Http1::parseHttpStatusCode(response);
   std::optional<ZavloRedirectResult> redirect;
-  if (status == 301 || status == 302 || status == 303 || status == 307 || status == 308) {
-    redirect = parseRedirect(requestUrl, response);
-  }
+  if (Http1::isRedirectStatus(status)) redirect = Http1::parseRedirect(requestUrl, response);
   traceHop(requestUrl, status,
            redirect && redirect->url ? std::optional<std::string>(redirect->url->absoluteString()) : std::nullopt,
            std::nullopt);
   const auto& requestText = requestUrl.absoluteString();
-  const auto unexpected = [&] {
-    sendHopEvent(requestUrl, requestText, status, "", std::nullopt);
-    deliver(completion, ZavloNetworkError::other("Unexpected HTTP Status " + std::to_string(status)));
-  };
-  switch (status) {
-    case 200:
-    case 201:
-    case 202: {
-      auto body = getResponseBody(response);
-      sendHopEvent(requestUrl, requestText, status, bodyText(body), std::nullopt);
-      deliver(completion, ZavloDataOK{{status, std::move(body)}});
-      return;
-    }
-    case 204:
-      sendHopEvent(requestUrl, requestText, status, "", std::nullopt);
-      deliver(completion, ZavloDataOK{{status, std::nullopt}});
-      return;
-    case 301:
-    case 302:
-    case 303:
-    case 307:
-    case 308: {
-      if (!redirect) {
-        deliver(completion, ZavloNetworkError::invalidRedirectURL("Invalid URL - unable to parse redirect"));
-        return;
-      }
-      const auto body = getResponseBody(response);
-      sendHopEvent(requestUrl, redirect->url ? redirect->url->absoluteString() : "", status, bodyText(body),
-                   std::nullopt);
-      deliver(completion, std::move(*redirect));
-      return;
-    }
-    default:
-      break;
-  }
-  if ((status >= 400 && status <= 451) || (status >= 500 && status <= 511)) {
-    auto body = getResponseBody(response);
-    if (!body) {
-      unexpected();
-      return;
-    }
+  if (status == 200 || status == 201 || status == 202) {
+    auto body = Http1::getResponseBody(response);
     sendHopEvent(requestUrl, requestText, status, bodyText(body), std::nullopt);
-    deliver(completion, ZavloDataErr{{status, std::move(body)}});
-    return;
+    return deliver(completion, ZavloDataOK{{status, std::move(body)}});
   }
-  unexpected();
-}
-
-std::optional<std::string> ZavloCellularSnaClient::createHttpCommand(const ZavloUrl& url) {
-  if (url.host().empty() || url.scheme().empty()) return std::nullopt;
-  if (!url.decodedPath()) return std::nullopt;
-  std::string path = *url.decodedPath();
-  const auto& absolute = url.absoluteString();
-  if (!absolute.empty() && absolute.back() == '/' && (path.empty() || path.back() != '/')) path += '/';
-  if (path.empty()) path = "/";
-
-  std::string command = "GET " + path;
-  if (url.query()) command += "?" + *url.query();
-  command += " HTTP/1.1\r\nHost: " + url.host();
-  const auto& scheme = url.scheme();
-  // An https URL naming port 443 fails the first test and passes the second, so it keeps
-  // ":443"; intended.
-  const auto port = url.port();
-  if (port && ((startsWith(scheme, "https") && *port != 443) || (startsWith(scheme, "http") && *port != 80))) {
-    command += ":" + std::to_string(*port);
+  if (status == 204) {  // the body is not looked at
+    sendHopEvent(requestUrl, requestText, status, "", std::nullopt);
+    return deliver(completion, ZavloDataOK{{status, std::nullopt}});
   }
-  command += "\r\nAccept: text/html,application/json,application/xhtml+xml,application/xml,*/*";
-  command += "\r\nUser-Agent: ZavloAuthenticationSDK/1.0";
-  command += "\r\nConnection: close\r\n\r\n";
-  return command;
-}
-
-std::int64_t ZavloCellularSnaClient::parseHttpStatusCode(std::string_view response) {
-  if (response.size() < 12) return 0;
-  auto digits = response.substr(9, 3);
-  // A leading sign is part of a decimal integer's text.
-  if (digits.front() == '+') digits.remove_prefix(1);
-  std::int64_t status = 0;
-  const auto* end = digits.data() + digits.size();
-  const auto [parsedTo, error] = std::from_chars(digits.data(), end, status);
-  if (error != std::errc() || parsedTo != end || digits.empty() || digits.front() == '+') return 0;
-  return status;
-}
-
-std::optional<std::string> ZavloCellularSnaClient::getResponseBody(std::string_view response) {
-  const auto headerEnd = response.find(kHeaderEnd);
-  if (headerEnd == std::string_view::npos) return std::nullopt;
-  const auto bodyStart = headerEnd + kHeaderEnd.size();
-  if (response.find("Transfer-Encoding: chunked") != std::string_view::npos) {
-    // Deliberately narrow: one chunk holding a JSON object, its size line dropped by
-    // starting at the first "{".
-    const auto terminator = response.find("\r\n0\r\n", bodyStart);
-    if (terminator != std::string_view::npos) {
-      auto chunk = response.substr(bodyStart, terminator - bodyStart);
-      if (const auto brace = chunk.find('{'); brace != std::string_view::npos) chunk.remove_prefix(brace);
-      return std::string(chunk);
-    }
+  if (Http1::isRedirectStatus(status)) {
+    if (!redirect) return deliver(completion, ZavloNetworkError::invalidRedirectURL(kUnparsableRedirect));
+    const auto body = Http1::getResponseBody(response);
+    sendHopEvent(requestUrl, redirect->url ? redirect->url->absoluteString() : "", status, bodyText(body),
+                 std::nullopt);
+    return deliver(completion, std::move(*redirect));
   }
-  const auto rest = ZavloAuthValidationUtils::trimWhitespaceAndNewlines(response.substr(bodyStart));
-  if (rest.empty()) return std::nullopt;
-  return std::string(rest);
-}
-
-std::optional<ZavloRedirectResult> ZavloCellularSnaClient::parseRedirect(const ZavloUrl& requestUrl,
-                                                                         std::string_view response) {
-  if (requestUrl.host().empty()) return std::nullopt;
-  // Without its "L" the header name matches "Location" and "location" alike. The value
-  // runs to the first line break, which must be CR LF.
-  constexpr std::string_view kName = "ocation: ";
-  std::optional<std::string> value;
-  for (auto at = response.find(kName); at != std::string_view::npos; at = response.find(kName, at + 1)) {
-    const auto start = at + kName.size();
-    const auto lineEnd = response.find_first_of("\r\n", start);
-    if (lineEnd != std::string_view::npos && response.substr(lineEnd, 2) == "\r\n") {
-      value = std::string(response.substr(start, lineEnd - start));
-      break;
-    }
-  }
-  if (!value) return std::nullopt;
-  for (auto& c : *value) {
-    if (c == ' ') c = '+';
-  }
-  auto url = ZavloUrl::parse(*value);
-  if (!url || url->host().empty()) url = ZavloUrl::resolve(requestUrl, *value);
-  if (!url) return std::nullopt;
-  return ZavloRedirectResult{std::move(url), std::nullopt};
-}
-
-nlohmann::json ZavloCellularSnaClient::convertNetworkErrorToDictionary(const ZavloNetworkError& error) {
-  const auto dictionary = [](const char* code, const std::string& description) {
-    return nlohmann::json{{"error", code}, {"error_description", description}};
-  };
-  switch (error.kind) {
-    case ZavloNetworkError::Kind::invalidRedirectURL:
-      return dictionary("SNA_INVALID_REDIRECT", error.message);
-    case ZavloNetworkError::Kind::connectionFailed:
-    case ZavloNetworkError::Kind::connectionCantBeCreated:
-      return dictionary("SNA_CONNECTION_FAILED", error.message);
-    case ZavloNetworkError::Kind::other:
-      return dictionary("SNA_CELLULAR_REQUEST_FAILED", error.message);
-    case ZavloNetworkError::Kind::tooManyRedirects:
-      return dictionary("SNA_TOO_MANY_REDIRECTS", "Too many redirects");
-  }
-  return dictionary("SNA_CELLULAR_REQUEST_FAILED", error.message);
-}
-
-nlohmann::json ZavloCellularSnaClient::convertConnectionResponseToDictionary(const ZavloConnectionResponse& response) {
-  nlohmann::json dictionary = {{"httpStatusCode", response.status}};
-  if (response.body) {
-    auto parsed = nlohmann::json::parse(*response.body, nullptr, /*allow_exceptions=*/false);
-    if (parsed.is_object()) {
-      for (auto& [key, value] : parsed.items()) dictionary[key] = std::move(value);  // the body wins a clash
-    }
-  }
-  return dictionary;
+  // An error status is a final answer only with a body; any other status is no answer.
+  const bool errorStatus = (status >= 400 && status <= 451) || (status >= 500 && status <= 511);
+  auto body = errorStatus ? Http1::getResponseBody(response) : std::nullopt;
+  sendHopEvent(requestUrl, requestText, status, bodyText(body), std::nullopt);
+  if (!body) return deliver(completion, ZavloNetworkError::other("Unexpected HTTP Status " + std::to_string(status)));
+  deliver(completion, ZavloDataErr{{status, std::move(body)}});
 }

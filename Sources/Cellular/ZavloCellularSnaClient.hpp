@@ -6,26 +6,24 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "Cellular/ZavloConnectionResult.hpp"
-#include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Platform/ZavloConnection.hpp"
 #include "Platform/ZavloPlatform.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
 
 /// One silent network authentication chain, by hand: a GET per hop over a connection
 /// that may only use the cellular interface, redirects followed with a fresh connection
-/// each time, one dictionary at the end.
+/// each time, one outcome at the end. The HTTP/1.1 of a hop is ZavloHttp1Codec's; the
+/// outcome's dictionary form is ZavloChainDictionary's.
 ///
 /// Threading: open() may be called from any thread; everything after it (connection
 /// events, timers, the response handler, the completion) runs on the main queue. The
 /// completion is called at most once, whatever arrives late.
 class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellularSnaClient> {
  public:
-  using Completion = std::function<void(nlohmann::json)>;
+  using Completion = std::function<void(ZavloChainOutcome)>;
   using ResponseHandler = std::function<void(ZavloConnectionResult)>;
   /// Where the per-hop telemetry events go (fire and forget).
   using EventSink = std::function<void(std::shared_ptr<ZavloAuthEventLog>)>;
@@ -53,18 +51,8 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   /// Told about every hop that got an answer or a receive error; set before open().
   HopObserver hopObserver;
 
-  /// Starts the chain at url; completion receives the final dictionary.
+  /// Starts the chain at url; completion receives how it ended.
   void open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion);
-  /// The request text of a hop; absent for a URL without host or scheme.
-  static std::optional<std::string> createHttpCommand(const ZavloUrl& url);
-  /// The three characters after "HTTP/1.1 " as a number; 0 when they are not one.
-  static std::int64_t parseHttpStatusCode(std::string_view response);
-  /// The body after the header block; a single chunk holding a JSON object is unwrapped.
-  static std::optional<std::string> getResponseBody(std::string_view response);
-  /// The Location target, spaces turned into "+", relative references resolved.
-  static std::optional<ZavloRedirectResult> parseRedirect(const ZavloUrl& requestUrl, std::string_view response);
-  static nlohmann::json convertNetworkErrorToDictionary(const ZavloNetworkError& error);
-  static nlohmann::json convertConnectionResponseToDictionary(const ZavloConnectionResponse& response);
 
   /// Judges the bytes of one hop's single receive and reports the hop's telemetry.
   void processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,

@@ -6,11 +6,12 @@
 #include <variant>
 #include <vector>
 
+#include "Core/ZavloPublicErrors.hpp"
 #include "Core/ZavloUrl.hpp"
 
 /// Why one hop of the cellular chain failed. The message is for people.
 struct ZavloNetworkError {
-  enum class Kind { invalidRedirectURL, connectionFailed, connectionCantBeCreated, other, tooManyRedirects };
+  using Kind = ZavloNetworkErrorKind;
 
   Kind kind = Kind::other;
   std::string message;  ///< empty for tooManyRedirects
@@ -51,3 +52,12 @@ struct ZavloDataErr {
 
 /// The outcome of one hop: err, dataOK, dataErr or follow (a redirect).
 using ZavloConnectionResult = std::variant<ZavloNetworkError, ZavloDataOK, ZavloDataErr, ZavloRedirectResult>;
+
+/// The client was gone when a hop's result reached the chain.
+struct ZavloChainAbandoned {
+  friend bool operator==(ZavloChainAbandoned, ZavloChainAbandoned) = default;
+};
+
+/// How a whole chain ended: a hop's error, an abandoned chain, or the final answer (the
+/// last hop's status and body, 2xx or 4xx/5xx alike).
+using ZavloChainOutcome = std::variant<ZavloNetworkError, ZavloChainAbandoned, ZavloConnectionResponse>;

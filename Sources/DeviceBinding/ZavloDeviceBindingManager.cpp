@@ -5,19 +5,21 @@
 #include <cstdint>
 #include <string>
 
-#include "Telemetry/ZavloAuthEventLog.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloAuthStatus.hpp"
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloAuthVersion.hpp"
 #include "Core/ZavloBase64.hpp"
 #include "Core/ZavloGraphemes.hpp"
+#include "Core/ZavloPublicErrors.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 
 namespace {
 
 namespace Key = ZavloKeychainKey;
 namespace Status = ZavloKeychainStatus;
 using Policy = ZavloOwnerAuthenticationPolicy;
+using Public = ZavloPublicError;
 using nlohmann::json;
 
 constexpr const char* kAuthProvider = "DEVICE_BINDING";
@@ -42,30 +44,7 @@ constexpr std::array<std::uint8_t, 26> kPublicKeyPrefix = {0x30, 0x59, 0x30, 0x1
                                                            0xce, 0x3d, 0x02, 0x01, 0x06, 0x08, 0x2a, 0x86, 0x48,
                                                            0xce, 0x3d, 0x03, 0x01, 0x07, 0x03, 0x42, 0x00};
 
-ZavloAuthException deviceNotSecure() {
-  return ZavloAuthException::failure(
-      "DEVICE_NOT_SECURE", "No screen lock is set on this device. Set a passcode or biometric and try again.");
-}
-ZavloAuthException unsupported() {
-  return ZavloAuthException::failure("DEVICE_BINDING_UNSUPPORTED", "This device does not support device binding.");
-}
-ZavloAuthException enrollFailed() {
-  return ZavloAuthException::failure("DEVICE_BINDING_ENROLL_FAILED", "Device binding enrollment failed.");
-}
-ZavloAuthException invalidChallenge() {
-  return ZavloAuthException::failure("INVALID_CHALLENGE", "Invalid or empty challenge provided.");
-}
-ZavloAuthException notEnrolled() {
-  return ZavloAuthException::failure("DEVICE_BINDING_NOT_ENROLLED",
-                                     "Device is not enrolled. Please enroll before signing a challenge.");
-}
-ZavloAuthException keyInvalidated() {
-  return ZavloAuthException::failure("DEVICE_BINDING_KEY_INVALIDATED",
-                                     "Device binding key is no longer valid. Please enroll again.");
-}
-ZavloAuthException signFailed() {
-  return ZavloAuthException::failure("DEVICE_BINDING_SIGN_FAILED", "Failed to sign the device binding challenge.");
-}
+ZavloAuthException exceptionFor(Public error) { return ZavloPublicErrors::exception(error); }
 
 std::string trimmed(std::string_view text) {
   return std::string(ZavloAuthValidationUtils::trimWhitespaceAndNewlines(text));
@@ -264,8 +243,8 @@ void ZavloDeviceBindingManager::enroll(const std::optional<std::string>& attesta
     sendEvent(kBiometricResult, flow->telemetry, &exception,
               merged(flow->metadata, {outcomeMetadata(reason, &exception), {{"promptShown", false}}}));
   };
-  if (!isDeviceSecure()) return refuse(deviceNotSecure(), "PASSCODE_NOT_SET");
-  if (!isDeviceSecure()) return refuse(unsupported(), "HARDWARE_UNAVAILABLE");
+  if (!isDeviceSecure()) return refuse(exceptionFor(Public::deviceNotSecure), "PASSCODE_NOT_SET");
+  if (!isDeviceSecure()) return refuse(exceptionFor(Public::bindingUnsupported), "HARDWARE_UNAVAILABLE");
 
   prompt(promptTitle, promptSubtitle,
          [flow](ZavloDeviceBindingManager& self, bool success, std::optional<ZavloOwnerAuthenticationError> error,
@@ -296,7 +275,7 @@ void ZavloDeviceBindingManager::createKeyAndRespond(EnrollFlow& flow) {
   const auto keyId = ZavloAuthEventLog::makeTransactionId();  // a random UUID, upper-case text
 
   const auto fail = [this, &flow, &metadata](const char* reason, json extra) {
-    const auto exception = enrollFailed();
+    const auto exception = exceptionFor(Public::enrollFailed);
     flow.complete(zavloFailure(exception));
     sendEvent(kKeyCreateResult, flow.telemetry, &exception,
               merged(metadata, {outcomeMetadata(reason, &exception), std::move(extra)}));
@@ -373,25 +352,30 @@ void ZavloDeviceBindingManager::signChallenge(const std::vector<std::string>& al
   flow->metadata["allowedKeyIdCount"] = allowedKeyIds.size();
   flow->metadata["challengeLength"] = ZavloGraphemes::count(challenge);
 
-  if (trimmed(challenge).empty()) return failSigning(*flow, invalidChallenge(), "INVALID_CHALLENGE", json::object());
+  if (trimmed(challenge).empty()) {
+    return failSigning(*flow, exceptionFor(Public::invalidChallenge), "INVALID_CHALLENGE", json::object());
+  }
 
   std::vector<std::string> ids;
   for (const auto& entry : allowedKeyIds) {
     if (auto id = trimmed(entry); !id.empty()) ids.push_back(std::move(id));
   }
-  if (ids.empty()) return failSigning(*flow, notEnrolled(), "NO_KEY_IDS", json::object());
+  if (ids.empty()) return failSigning(*flow, exceptionFor(Public::notEnrolled), "NO_KEY_IDS", json::object());
 
   // The first id with a key decides; later ids are not tried, even when that key is invalid.
   for (const auto& id : ids) {
     if (!privateKeyExists(id)) continue;
     if (!biometryUnchanged(id)) {
       (void)deleteKey(id);
-      return failSigning(*flow, keyInvalidated(), "KEY_INVALIDATED", {{"keyId", id}, {"keyDeleted", true}});
+      return failSigning(*flow, exceptionFor(Public::keyInvalidated), "KEY_INVALIDATED",
+                         {{"keyId", id}, {"keyDeleted", true}});
     }
     flow->keyId = id;
     break;
   }
-  if (flow->keyId.empty()) return failSigning(*flow, notEnrolled(), "KEY_NOT_FOUND", json::object());
+  if (flow->keyId.empty()) {
+    return failSigning(*flow, exceptionFor(Public::notEnrolled), "KEY_NOT_FOUND", json::object());
+  }
 
   prompt(promptTitle, promptSubtitle,
          [flow](ZavloDeviceBindingManager& self, bool success, std::optional<ZavloOwnerAuthenticationError> error,
@@ -419,13 +403,14 @@ void ZavloDeviceBindingManager::finishSigningPrompt(SignFlow& flow, bool success
   const auto key = loadPrivateKey(flow.keyId, context);
   if (!key) {
     (void)deleteKey(flow.keyId);
-    return failSigning(flow, keyInvalidated(), "KEY_INVALIDATED", {{"keyId", flow.keyId}, {"keyDeleted", true}});
+    return failSigning(flow, exceptionFor(Public::keyInvalidated), "KEY_INVALIDATED",
+                       {{"keyId", flow.keyId}, {"keyDeleted", true}});
   }
   const auto signature = platform_.secureKeys().createSignature(
       *key, ZavloSecureKeys::kSecKeyAlgorithmECDSASignatureMessageX962SHA256, zavloBytes(flow.challenge));
   if (!signature) {
     diagnose("Device binding signing failed: " + signature.error().description);
-    return failSigning(flow, signFailed(), "SIGN_ERROR", {{"osErrorCode", signature.error().code}});
+    return failSigning(flow, exceptionFor(Public::signFailed), "SIGN_ERROR", {{"osErrorCode", signature.error().code}});
   }
   flow.complete(ZavloDeviceBindingSignResponse{std::string(ZavloAuthStatus::success), flow.keyId,
                                                ZavloBase64::encode(signature.value()), std::string(kAlgorithm)});
@@ -444,25 +429,7 @@ void ZavloDeviceBindingManager::failSigning(SignFlow& flow, const ZavloAuthExcep
 // MARK: telemetry and prompt errors
 
 ZavloAuthException ZavloDeviceBindingManager::map(const std::optional<ZavloOwnerAuthenticationError>& error) {
-  if (error && error->isLocalAuthenticationError()) {
-    switch (error->code) {
-      case ZavloLAError::userCancel:
-      case ZavloLAError::userFallback:
-      case ZavloLAError::systemCancel:
-      case ZavloLAError::appCancel:
-        return ZavloAuthException::failure("DEVICE_BINDING_USER_CANCELLED", "Device authentication was cancelled.");
-      case ZavloLAError::passcodeNotSet:
-      case ZavloLAError::biometryNotAvailable:
-      case ZavloLAError::biometryNotEnrolled:
-        return unsupported();
-      case ZavloLAError::biometryLockout:
-        return ZavloAuthException::failure("DEVICE_BINDING_AUTH_FAILED",
-                                           "Too many failed attempts. Unlock the device and try again.");
-      default:
-        break;
-    }
-  }
-  return ZavloAuthException::failure("DEVICE_BINDING_AUTH_FAILED", "Device authentication failed.");
+  return ZavloPublicErrors::promptFailure(error).exception;
 }
 
 json ZavloDeviceBindingManager::baseMetadata(std::string_view operation) {
@@ -487,38 +454,11 @@ json ZavloDeviceBindingManager::outcomeMetadata(const std::optional<std::string>
 
 std::pair<std::string, json> ZavloDeviceBindingManager::promptFailureMetadata(
     const std::optional<ZavloOwnerAuthenticationError>& error) {
-  std::string reason = "OTHER";
+  auto failure = ZavloPublicErrors::promptFailure(error);
   json extra = {{"promptShown", true}};
-  if (error && error->isLocalAuthenticationError()) {
-    switch (error->code) {
-      case ZavloLAError::authenticationFailed:
-        reason = "AUTH_FAILED";
-        break;
-      case ZavloLAError::userCancel:
-      case ZavloLAError::userFallback:
-      case ZavloLAError::systemCancel:
-      case ZavloLAError::appCancel:
-        reason = "USER_CANCELLED";
-        break;
-      case ZavloLAError::passcodeNotSet:
-        reason = "PASSCODE_NOT_SET";
-        break;
-      case ZavloLAError::biometryNotAvailable:
-        reason = "HARDWARE_UNAVAILABLE";
-        break;
-      case ZavloLAError::biometryNotEnrolled:
-        reason = "NONE_ENROLLED";
-        break;
-      case ZavloLAError::biometryLockout:
-        reason = "LOCKOUT";
-        break;
-      default:
-        break;
-    }
-    extra["promptErrorCode"] = error->code;
-  }
-  extra["cancelledByUser"] = reason == "USER_CANCELLED";
-  return {reason, extra};
+  if (failure.localAuthenticationCode) extra["promptErrorCode"] = *failure.localAuthenticationCode;
+  extra["cancelledByUser"] = failure.reason == "USER_CANCELLED";
+  return {std::move(failure.reason), extra};
 }
 
 json ZavloDeviceBindingManager::merged(json base, std::initializer_list<json> dictionaries) {

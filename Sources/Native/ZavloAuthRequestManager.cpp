@@ -5,26 +5,36 @@
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Cellular/ZavloCellularSnaClient.hpp"
-#include "Telemetry/ZavloAuthEventLog.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
+#include "Cellular/ZavloChainDictionary.hpp"
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloAuthVersion.hpp"
+#include "Core/ZavloPublicErrors.hpp"
 #include "Core/ZavloUrl.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 
 namespace {
 
 constexpr const char* kProvider = "NATIVE_SNA";
 
-std::string upperCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return text;
-}
-
 std::string lowerCase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;
+}
+
+// How a finished chain reaches the caller. A final answer is read as its dictionary has
+// it: a server's "error" word fails the chain whatever the status.
+ZavloResult<ZavloSnaStartResponse> startResponse(const ZavloChainOutcome& outcome) {
+  using namespace ZavloPublicErrors;
+  if (const auto* error = std::get_if<ZavloNetworkError>(&outcome)) {
+    return zavloFailure(exception(networkFailure(error->kind, error->message)));
+  }
+  if (std::holds_alternative<ZavloChainAbandoned>(outcome)) return zavloFailure(exception(clientGone()));
+  auto answer = ZavloFinalAnswer::read(std::get<ZavloConnectionResponse>(outcome));
+  if (answer.error) return zavloFailure(exception(serverFailure(*answer.error, answer.errorDescription)));
+  const bool success = answer.httpStatusCode >= 200 && answer.httpStatusCode <= 399;
+  return ZavloSnaStartResponse{success ? "SUCCESS" : "FAILURE", answer.httpStatusCode, std::move(answer.snaToken)};
 }
 
 }  // namespace
@@ -102,7 +112,7 @@ void ZavloAuthRequestManager::performCellularPreflightCheck(const std::optional<
         if (verdict) {
           onSuccess();
         } else {
-          onFailure(ZavloCellularPathChecker::authException(verdict.error()));
+          onFailure(ZavloPublicErrors::preflight(verdict.error()));
         }
       });
 }
@@ -113,8 +123,7 @@ void ZavloAuthRequestManager::initialize(std::optional<std::string> requestId, s
                               viewController = std::move(viewController), completion = std::move(completion)] {
     if (!viewController) {
       if (completion) {
-        completion(zavloFailure(
-            ZavloAuthException::failure("NO_VIEW_CONTROLLER", "ViewController is required but not provided")));
+        completion(zavloFailure(ZavloPublicErrors::exception(ZavloPublicError::noViewController)));
       }
       return;
     }
@@ -143,8 +152,7 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
   const auto session = sessionSnapshot();
   if (!session.isSessionInitialized) {
     if (completion) {
-      completion(zavloFailure(ZavloAuthException::failure("SESSION_NOT_INITIALIZED",
-                                                          "Session not initialized. Please call initAuth first.")));
+      completion(zavloFailure(ZavloPublicErrors::exception(ZavloPublicError::sessionNotInitialized)));
     }
     return;
   }
@@ -155,7 +163,7 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
   const auto scheme = url ? lowerCase(url->scheme()) : std::string();
   if (!url || (scheme != "http" && scheme != "https")) {
     if (completion) {
-      completion(zavloFailure(ZavloAuthException::failure("INVALID_SNA_URI", "Invalid SNA URI provided")));
+      completion(zavloFailure(ZavloPublicErrors::exception(ZavloPublicError::invalidSnaUri)));
     }
     return;
   }
@@ -177,30 +185,20 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
       std::lock_guard lock(self->observerMutex_);
       client->hopObserver = self->hopObserver_;
     }
-    client->open(url, requestId, [self, requestId, completion](nlohmann::json dictionary) {
-      const auto error = dictionary.find("error");
-      if (error != dictionary.end() && error->is_string()) {
-        const auto description = dictionary.find("error_description");
-        const std::string message = (description != dictionary.end() && description->is_string())
-                                        ? description->get<std::string>()
-                                        : std::string("Unknown error");
-        auto exception = ZavloAuthException::failure(upperCase(error->get<std::string>()), message);
-        self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, "FAILURE", message, failureMetaData(exception));
-        if (completion) completion(zavloFailure(std::move(exception)));
-        return;
+    client->open(url, requestId, [self, requestId, completion](const ZavloChainOutcome& outcome) {
+      auto result = startResponse(outcome);
+      if (!result) {
+        const auto& exception = result.error();
+        self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, "FAILURE", exception.errorMessage(),
+                               failureMetaData(exception));
+      } else {
+        const auto& response = result.value();
+        nlohmann::json metaData = {{"httpStatusCode", response.httpStatusCode}, {"sdkVersion", ZavloAuthSDKVersion}};
+        if (response.snaToken) metaData["snaToken"] = *response.snaToken;
+        self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, response.status.c_str(), std::nullopt,
+                               std::move(metaData));
       }
-      const auto code = dictionary.find("httpStatusCode");
-      const std::int64_t httpStatusCode =
-          (code != dictionary.end() && code->is_number_integer()) ? code->get<std::int64_t>() : 0;
-      std::optional<std::string> snaToken;
-      if (const auto token = dictionary.find("snaToken"); token != dictionary.end() && token->is_string()) {
-        snaToken = token->get<std::string>();
-      }
-      const char* status = (httpStatusCode >= 200 && httpStatusCode <= 399) ? "SUCCESS" : "FAILURE";
-      nlohmann::json metaData = {{"httpStatusCode", httpStatusCode}, {"sdkVersion", ZavloAuthSDKVersion}};
-      if (snaToken) metaData["snaToken"] = *snaToken;
-      self->sendOutcomeEvent("START_AUTH_RESPONSE", requestId, true, status, std::nullopt, std::move(metaData));
-      if (completion) completion(ZavloSnaStartResponse{status, httpStatusCode, snaToken});
+      if (completion) completion(std::move(result));
     });
   };
   performCellularPreflightCheck(requestId, "START_AUTH", std::move(onSuccess), std::move(onFailure));

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloChainDictionary.hpp"
 #include "Core/ZavloUrl.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 
@@ -39,7 +40,7 @@ ZavloLibraryChainRunner zavloMakeLibraryChainRunner(const ZavloLibraryChainConte
     // Shared: a chain given up on at the bound may still answer during a later run.
     auto answer = std::make_shared<std::optional<nlohmann::json>>();
     client->open(*url, std::string("bench-chain"),
-                 [answer](nlohmann::json dictionary) { *answer = std::move(dictionary); });
+                 [answer](const ZavloChainOutcome& outcome) { *answer = ZavloChainDictionary::of(outcome); });
     client.reset();  // the chain keeps itself alive, as in the library's flow
     if (!platform->runLoop().runUntil([&answer] { return answer->has_value(); }, kChainBound)) return false;
     const auto& dictionary = **answer;

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloChainDictionary.hpp"
 #include "Core/ZavloUrl.hpp"
 
 using Clock = std::chrono::steady_clock;
@@ -53,7 +54,7 @@ ZavloConcurrentChainsOutcome zavloRunConcurrentChains(ZavloPlatform& platform,
     auto client = ZavloCellularSnaClient::create(
         platform, [tally](const std::shared_ptr<ZavloAuthEventLog>&) { ++tally->outcome.hopEvents; });
     client->CONNECTION_TIME_OUT = run.hopTimeOut;
-    client->open(*url, "soak-" + std::to_string(chain), [tally, chain](nlohmann::json dictionary) {
+    client->open(*url, "soak-" + std::to_string(chain), [tally, chain](const ZavloChainOutcome& ending) {
       auto& outcome = tally->outcome;
       if (tally->completions[chain]++ > 0) {
         ++outcome.extraCompletions;
@@ -61,6 +62,7 @@ ZavloConcurrentChainsOutcome zavloRunConcurrentChains(ZavloPlatform& platform,
       }
       ++tally->firstCompletions;
       tally->lastFirstCompletion = Clock::now();
+      auto dictionary = ZavloChainDictionary::of(ending);
       const auto token = dictionary.find("snaToken");
       if (dictionary.value("httpStatusCode", 0) == 200 && token != dictionary.end() && *token == tally->expectedToken) {
         ++outcome.succeeded;

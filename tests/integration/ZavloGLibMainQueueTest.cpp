@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloChainDictionary.hpp"
 #include "Core/ZavloUrl.hpp"
 #include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
@@ -157,9 +158,9 @@ TEST(ZavloGLibMainQueue, TheLinuxPlatformDeliversASilentAuthenticationOnTheConte
   std::vector<nlohmann::json> completions;
   bool onQueue = false;
   auto client = ZavloCellularSnaClient::create(platform, [](std::shared_ptr<ZavloAuthEventLog>) {});
-  client->open(*ZavloUrl::parse(chain.chainUrl(3)), "req-glib", [&](nlohmann::json dictionary) {
+  client->open(*ZavloUrl::parse(chain.chainUrl(3)), "req-glib", [&](const ZavloChainOutcome& outcome) {
     onQueue = queue->isCurrent();
-    completions.push_back(std::move(dictionary));
+    completions.push_back(ZavloChainDictionary::of(outcome));
   });
   client.reset();
   ASSERT_TRUE(zavloIterateUntil(

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Cellular/ZavloCellularSnaClient.hpp"
+#include "Cellular/ZavloChainDictionary.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 
 /// What one silent authentication chain did (test support).
@@ -51,9 +52,9 @@ inline ZavloSnaChainOutcome zavloRunSnaChain(ZavloLinuxPlatform& platform, const
       platform, [outcome](std::shared_ptr<ZavloAuthEventLog> event) { outcome->hops.push_back(std::move(event)); });
   client->CONNECTION_TIME_OUT = timeOut;
   const auto started = Clock::now();
-  client->open(*parsed, "req-chain", [outcome, &platform, started](nlohmann::json dictionary) {
+  client->open(*parsed, "req-chain", [outcome, &platform, started](const ZavloChainOutcome& ending) {
     if (outcome->completions.empty()) outcome->elapsed = Clock::now() - started;
-    outcome->completions.push_back(std::move(dictionary));
+    outcome->completions.push_back(ZavloChainDictionary::of(ending));
     outcome->onMainQueue.push_back(platform.mainQueue().isCurrent());
   });
   client.reset();  // from here the chain keeps itself alive
