@@ -34,9 +34,6 @@ class ZavloCellularPathChecker {
   ZavloCellularPathChecker(const ZavloCellularPathChecker&) = delete;
   ZavloCellularPathChecker& operator=(const ZavloCellularPathChecker&) = delete;
 
-  /// The process-wide checker: the process-wide graph's (ZavloAuthenticationGraph).
-  static ZavloCellularPathChecker& shared();
-
   /// Success as soon as a satisfied path lists a cellular interface among its available
   /// interfaces; noCellularNetwork as soon as a satisfied path lists none, or when no
   /// satisfied path arrives within kTimeout. Unsatisfied paths are waited through.

@@ -1,6 +1,5 @@
 // The process-wide accessors, all in one place so that code which never asks for them
 // links without a default platform.
-#include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Telemetry/ZavloAuthHTTPManager.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
@@ -21,7 +20,6 @@ std::shared_ptr<ZavloAuthLogManager> ZavloAuthLogManager::shared() {
   return ZavloAuthenticationGraph::shared().logManager;
 }
 
-ZavloCellularPathChecker& ZavloCellularPathChecker::shared() { return *ZavloAuthenticationGraph::shared().pathChecker; }
 
 std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::shared() {
   return ZavloAuthenticationGraph::shared().requestManager;

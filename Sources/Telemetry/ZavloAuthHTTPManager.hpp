@@ -40,9 +40,6 @@ class ZavloAuthHTTPManager : public std::enable_shared_from_this<ZavloAuthHTTPMa
   using Completion = std::function<void(ZavloResult<Bytes, ZavloAuthHttpError>)>;
 
   static constexpr const char* kStateQueueLabel = "zavlo.http.manager.state";
-  /// Kept for parity with the manager's documented fields; requests carry their own
-  /// interval and the session its own limits, so nothing reads it.
-  static constexpr std::chrono::duration<double> defaultTimeout{30.0};
   /// The idle time-out every post carries.
   static constexpr std::chrono::seconds kRequestTimeoutInterval{60};
   /// The configuration of every session the manager creates: 30 s idle, 60 s whole
