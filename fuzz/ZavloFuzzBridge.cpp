@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "Bridge/ZavloAuthenticationBridge.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Testing/ZavloTestWebView.hpp"
 #include "ZavloFuzzPlatform.hpp"
 #include "ZavloFuzzSupport.hpp"

@@ -4,8 +4,7 @@
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloAuthResponseUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"
-#include "Native/ZavloAuthenticationNativeWrapper.hpp"
-#include "Native/ZavloAuthenticationRepository.hpp"
+#include "Operations/ZavloAuthenticationOperations.hpp"
 #include "Platform/ZavloQueue.hpp"
 
 namespace {
@@ -17,22 +16,16 @@ nlohmann::json dictionaryOf(const ZavloAuthException& exception) {
   return ZavloAuthResponseUtils::jsonObject(exception).value_or(nlohmann::json::object());
 }
 
-template <class Record>
-nlohmann::json dictionaryOf(const ZavloResult<Record>& result) {
-  if (!result) return dictionaryOf(result.error());
-  return ZavloAuthResponseUtils::jsonObject(result.value()).value_or(nlohmann::json::object());
-}
-
-// The native entry points already hand records over as dictionaries.
+// The operations hand records over as dictionaries already.
 nlohmann::json dictionaryOf(const ZavloResult<nlohmann::json>& result) {
   return result ? result.value() : dictionaryOf(result.error());
 }
 
 // A completion that answers the callback through the bridge, if the bridge still exists.
-template <class Result>
-std::function<void(Result)> answering(const std::shared_ptr<ZavloAuthenticationBridge>& bridge,
-                                      std::string callbackName) {
-  return [weakBridge = std::weak_ptr(bridge), callbackName = std::move(callbackName)](Result result) {
+ZavloAuthenticationOperations::Completion answering(const std::shared_ptr<ZavloAuthenticationBridge>& bridge,
+                                                    std::string callbackName) {
+  return [weakBridge = std::weak_ptr(bridge),
+          callbackName = std::move(callbackName)](const ZavloResult<nlohmann::json>& result) {
     if (auto bridge = weakBridge.lock()) bridge->invokeJsonStringCallback(callbackName, dictionaryOf(result));
   };
 }
@@ -72,7 +65,7 @@ void ZavloAuthenticationBridge::didReceiveScriptMessage(const nlohmann::json& bo
   } else if (*method == "signDeviceBindingChallenge") {
     handleSignDeviceBindingChallenge(body, *callback);
   } else if (*method == "getCapabilities") {
-    invokeJsonStringCallback(*callback, ZavloAuthResponseUtils::capabilitiesDictionary());
+    invokeJsonStringCallback(*callback, ZavloAuthenticationOperations::capabilities());
   } else {
     answerFailure(*callback, "UNSUPPORTED_METHOD", "Unsupported method: " + *method);
   }
@@ -113,12 +106,11 @@ void ZavloAuthenticationBridge::handleInitAuth(const nlohmann::json& body, const
     answerFailure(callbackName, "NO_VIEW_CONTROLLER", "ViewController is required but not provided");
     return;
   }
-  services_.mainQueue.post(
-      [requestManager = services_.repository->requestManager, requestId = config->requestId(),
-       viewController = std::move(viewController),
-       completion = answering<ZavloResult<ZavloAuthInitSuccessResponse>>(shared_from_this(), callbackName)]() mutable {
-        requestManager->initialize(std::move(requestId), std::move(viewController), std::move(completion));
-      });
+  services_.mainQueue.post([operations = services_.operations, requestId = config->requestId(),
+                            viewController = std::move(viewController),
+                            completion = answering(shared_from_this(), callbackName)]() mutable {
+    operations->initAuth(std::move(requestId), std::move(viewController), std::move(completion));
+  });
 }
 
 void ZavloAuthenticationBridge::handleStartAuth(const nlohmann::json& body, const std::string& callbackName) {
@@ -130,30 +122,26 @@ void ZavloAuthenticationBridge::handleStartAuth(const nlohmann::json& body, cons
     answerFailure(callbackName, "INVALID_SNA_URI", "Invalid SNA URI provided");
     return;
   }
-  services_.repository->requestManager->startSilentNetworkAuth(
-      *url, answering<ZavloResult<ZavloSnaStartResponse>>(shared_from_this(), callbackName));
+  services_.operations->startAuth(*url, answering(shared_from_this(), callbackName));
 }
 
 void ZavloAuthenticationBridge::handleGetDeviceBindingState(const nlohmann::json& body,
                                                             const std::string& callbackName) {
   if (auto config = deviceBindingConfig(body, callbackName)) {
-    services_.nativeWrapper.getDeviceBindingState(
-        *config, answering<ZavloResult<nlohmann::json>>(shared_from_this(), callbackName));
+    services_.operations->getDeviceBindingState(*config, answering(shared_from_this(), callbackName));
   }
 }
 
 void ZavloAuthenticationBridge::handleEnrollDeviceBinding(const nlohmann::json& body, const std::string& callbackName) {
   if (auto config = deviceBindingConfig(body, callbackName)) {
-    services_.nativeWrapper.enrollDeviceBinding(
-        *config, answering<ZavloResult<nlohmann::json>>(shared_from_this(), callbackName));
+    services_.operations->enrollDeviceBinding(*config, answering(shared_from_this(), callbackName));
   }
 }
 
 void ZavloAuthenticationBridge::handleSignDeviceBindingChallenge(const nlohmann::json& body,
                                                                  const std::string& callbackName) {
   if (auto config = deviceBindingConfig(body, callbackName)) {
-    services_.nativeWrapper.signDeviceBindingChallenge(
-        *config, answering<ZavloResult<nlohmann::json>>(shared_from_this(), callbackName));
+    services_.operations->signDeviceBindingChallenge(*config, answering(shared_from_this(), callbackName));
   }
 }
 

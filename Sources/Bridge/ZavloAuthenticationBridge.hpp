@@ -11,8 +11,7 @@
 #include "Native/ZavloAuthInitConfig.hpp"
 #include "Platform/ZavloWebView.hpp"
 
-class ZavloAuthenticationNativeWrapper;
-class ZavloAuthenticationRepository;
+class ZavloAuthenticationOperations;
 class ZavloQueue;
 
 /// The script-message handler a page talks to: decodes each posted message, runs the
@@ -27,11 +26,11 @@ class ZavloAuthenticationBridge final : public ZavloScriptMessageHandler,
   /// The handler name the page posts to.
   static constexpr std::string_view kHandlerName = "zavlo_authentication_bridge";
 
-  /// What the bridge runs operations with: members of one graph, which outlives the bridge.
+  /// What the bridge runs operations with: members of one graph, whose main queue
+  /// outlives the bridge.
   struct Services {
     ZavloQueue& mainQueue;
-    std::shared_ptr<ZavloAuthenticationRepository> repository;
-    ZavloAuthenticationNativeWrapper& nativeWrapper;
+    std::shared_ptr<ZavloAuthenticationOperations> operations;
   };
 
   /// Holds the web view and the host's screen weakly; install it with

@@ -1,12 +1,9 @@
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 
-#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthenticationRepository.hpp"
+#include "Operations/ZavloAuthenticationOperations.hpp"
 
-ZavloAuthenticationWrapper::ZavloAuthenticationWrapper(ZavloAuthenticationBridge::Services services,
-                                                       std::shared_ptr<ZavloAuthLogManager> logManager)
-    : services_(std::move(services)), logManager_(std::move(logManager)) {}
+ZavloAuthenticationWrapper::ZavloAuthenticationWrapper(ZavloAuthenticationBridge::Services services)
+    : services_(std::move(services)) {}
 
 void ZavloAuthenticationWrapper::setupWebView(const std::shared_ptr<ZavloWebView>& webView,
                                               std::weak_ptr<void> viewController, ZavloAuthEnvironment environment) {
@@ -14,10 +11,7 @@ void ZavloAuthenticationWrapper::setupWebView(const std::shared_ptr<ZavloWebView
     bridge_->cleanup();
     bridge_.reset();
   }
-  const auto endpoint = ZavloAuthEnvironmentSecurity::trackingEndpoint(environment);
-  if (ZavloAuthEnvironmentSecurity::isValidLoggingURL(endpoint, environment)) {
-    logManager_->configure(environment, endpoint);
-  }
+  services_.operations->configureTelemetry(environment);
   auto bridge = ZavloAuthenticationBridge::create(webView, std::move(viewController), services_);
   if (webView) webView->addScriptMessageHandler(bridge, std::string(ZavloAuthenticationBridge::kHandlerName));
   bridge_ = std::move(bridge);
@@ -30,9 +24,5 @@ void ZavloAuthenticationWrapper::cleanup() {
 
 void ZavloAuthenticationWrapper::cleanupAll() {
   cleanup();
-  services_.repository->requestManager->clearSession();
-  (void)ZavloAuthenticationManger::shared();
-  logManager_->cleanup();
-  // The repository's manager is the process's session manager; clearing twice is harmless.
-  services_.repository->requestManager->clearSession();
+  services_.operations->cleanupAll();
 }

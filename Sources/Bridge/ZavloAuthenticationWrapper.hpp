@@ -6,16 +6,13 @@
 #include "Core/ZavloAuthEnvironment.hpp"
 #include "Platform/ZavloWebView.hpp"
 
-class ZavloAuthLogManager;
-
 /// The entry class for web hosts: installs the bridge in the host's web view, so that the
 /// page reaches every operation by posting to "zavlo_authentication_bridge".
 ///
 /// Threading: call every method on the main queue (the web view's thread).
 class ZavloAuthenticationWrapper {
  public:
-  ZavloAuthenticationWrapper(ZavloAuthenticationBridge::Services services,
-                             std::shared_ptr<ZavloAuthLogManager> logManager);
+  explicit ZavloAuthenticationWrapper(ZavloAuthenticationBridge::Services services);
   ZavloAuthenticationWrapper(const ZavloAuthenticationWrapper&) = delete;
   ZavloAuthenticationWrapper& operator=(const ZavloAuthenticationWrapper&) = delete;
 
@@ -36,6 +33,5 @@ class ZavloAuthenticationWrapper {
 
  private:
   ZavloAuthenticationBridge::Services services_;
-  std::shared_ptr<ZavloAuthLogManager> logManager_;
   std::shared_ptr<ZavloAuthenticationBridge> bridge_;
 };

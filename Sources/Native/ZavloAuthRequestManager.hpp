@@ -50,8 +50,9 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   /// Runs one silent network authentication chain against snaURLString.
   void startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion);
 
-  /// Told about every hop of every chain this manager starts (diagnostics); callable
-  /// from any thread, takes effect for chains started afterwards.
+  /// Told about every hop of every chain this manager starts (a host's diagnostics, set
+  /// through ZavloAuthenticationOperations); callable from any thread, takes effect for
+  /// chains started afterwards.
   void setHopObserver(ZavloCellularSnaClient::HopObserver observer);
 
   /// Per-hop time-out of the chains this manager starts.

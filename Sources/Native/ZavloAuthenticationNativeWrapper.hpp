@@ -11,10 +11,7 @@
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloResult.hpp"
 #include "Native/ZavloAuthInitConfig.hpp"
-#include "Native/ZavloAuthenticationRepository.hpp"
-
-class ZavloAuthLogManager;
-class ZavloDeviceBindingManager;
+#include "Operations/ZavloAuthenticationOperations.hpp"
 
 /// The entry class for native hosts: setup, then initAuth, then the operations, then
 /// cleanupAll. Every result leaves as a dictionary, every failure as a ZavloAuthException.
@@ -26,11 +23,9 @@ class ZavloDeviceBindingManager;
 /// failures before the owner prompt on the caller's thread, the rest on the main queue.
 class ZavloAuthenticationNativeWrapper {
  public:
-  using Completion = std::function<void(ZavloResult<nlohmann::json>)>;
+  using Completion = ZavloAuthenticationOperations::Completion;
 
-  ZavloAuthenticationNativeWrapper(std::shared_ptr<ZavloAuthenticationRepository> repository,
-                                   std::shared_ptr<ZavloAuthLogManager> logManager,
-                                   std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager);
+  explicit ZavloAuthenticationNativeWrapper(std::shared_ptr<ZavloAuthenticationOperations> operations);
   ZavloAuthenticationNativeWrapper(const ZavloAuthenticationNativeWrapper&) = delete;
   ZavloAuthenticationNativeWrapper& operator=(const ZavloAuthenticationNativeWrapper&) = delete;
 
@@ -46,13 +41,9 @@ class ZavloAuthenticationNativeWrapper {
   void startSNA(const std::string& snaUrl, Completion completion) { startAuth(snaUrl, std::move(completion)); }
   [[nodiscard]] nlohmann::json getCapabilities() const;
 
-  /// Reads "keyId" (text, empty when missing) and answers the binding state.
+  /// The device binding operations read their configuration as ZavloAuthenticationOperations says.
   void getDeviceBindingState(const nlohmann::json& config, Completion completion);
-  /// Reads "attestationChallenge", "promptTitle", "promptSubtitle", "requestId" and
-  /// "entityId" (each as trimmed text; empty ones absent or defaulted) and enrols.
   void enrollDeviceBinding(const nlohmann::json& config, Completion completion);
-  /// Reads "challenge", "allowedKeyIds" (a list of texts, or one string as one id) and the
-  /// prompt and telemetry keys of enrollDeviceBinding, and signs the challenge.
   void signDeviceBindingChallenge(const nlohmann::json& config, Completion completion);
   /// Clears the session and the configuration and shuts telemetry down, synchronously.
   void cleanupAll();
@@ -61,12 +52,8 @@ class ZavloAuthenticationNativeWrapper {
   [[nodiscard]] std::optional<ZavloAuthEnvironment> environment() const { return environment_; }
 
  private:
-  void cleanup();
-
   std::shared_ptr<ZavloAuthInitConfig> initConfig_;
-  const std::shared_ptr<ZavloAuthenticationRepository> repository;
-  const std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager;
-  std::shared_ptr<ZavloAuthLogManager> logManager_;
+  const std::shared_ptr<ZavloAuthenticationOperations> operations_;
   std::weak_ptr<void> viewController_;
   std::optional<ZavloAuthEnvironment> environment_;
 };

@@ -4,7 +4,8 @@
 
 #include "Native/ZavloAuthRequestManager.hpp"
 
-/// Gives the entry points their session manager; clears the session when it goes.
+/// The operations' door to the session manager; clears the session when it goes.
+/// It stays because hosts may reach it, shared() being one of the named process-wide instances.
 class ZavloAuthenticationRepository {
  public:
   explicit ZavloAuthenticationRepository(std::shared_ptr<ZavloAuthRequestManager> requestManager)
@@ -15,21 +16,20 @@ class ZavloAuthenticationRepository {
     if (requestManager) requestManager->clearSession();
   }
 
-  /// The process-wide repository, a member of the process-wide graph.
+  /// The process-wide repository: the process-wide graph's (ZavloAuthenticationGraph).
   static std::shared_ptr<ZavloAuthenticationRepository> shared();
 
   const std::shared_ptr<ZavloAuthRequestManager> requestManager;
 };
 
-/// A process-wide object with no fields and no operations; clean-up touches it. The
-/// spelling of its name is the library's own.
+/// An object with no fields and no operations, built with the graph; the spelling is the library's own.
+/// It stays because hosts may reach it, shared() being one of the named process-wide instances.
 class ZavloAuthenticationManger {
  public:
-  static ZavloAuthenticationManger& shared() {
-    static ZavloAuthenticationManger instance;
-    return instance;
-  }
+  /// The process-wide graph's (ZavloAuthenticationGraph).
+  static ZavloAuthenticationManger& shared();
 
  private:
+  friend class ZavloAuthenticationGraph;
   ZavloAuthenticationManger() = default;
 };

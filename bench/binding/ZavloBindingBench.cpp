@@ -26,7 +26,7 @@
 #include <string>
 
 #include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <memory>
 
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 int main() {

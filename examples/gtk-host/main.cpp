@@ -19,7 +19,7 @@
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/Web/WebKitGtk/ZavloWebKitWebView.hpp"
 #include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"

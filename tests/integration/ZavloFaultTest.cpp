@@ -26,7 +26,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Native/ZavloAuthRequestManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"

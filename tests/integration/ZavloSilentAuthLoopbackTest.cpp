@@ -17,7 +17,7 @@
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"

@@ -23,7 +23,7 @@
 
 #include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
 #include "bench/support/ZavloConcurrentChains.hpp"

@@ -9,7 +9,7 @@
 
 #include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 
 struct ZavloNativeGraph {

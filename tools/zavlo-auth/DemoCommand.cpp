@@ -27,7 +27,7 @@
 #include "Core/ZavloAuthEnvironment.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloBase64.hpp"
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Platform/Linux/Web/ZavloLinuxStreamWebView.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
@@ -228,11 +228,11 @@ class Demo {
     std::cout << '\n' << std::flush;
 
     auto& platform = zavloCliPlatform(context_.options);
-    ZavloAuthRequestManager::shared()->setHopObserver(
-        [this](const ZavloCellularSnaClient::HopTrace& hop) { hops_.push_back(hop); });
+    auto& operations = *ZavloAuthenticationGraph::shared().operations;
+    operations.setHopObserver([this](const ZavloCellularSnaClient::HopTrace& hop) { hops_.push_back(hop); });
     runNative(platform, operatorServer.chainUrl(kChainHops, "demo"));
     runBridge(platform, operatorServer.chainUrl(kChainHops, "demo"));
-    ZavloAuthRequestManager::shared()->setHopObserver({});
+    operations.setHopObserver({});
 
     collectTelemetry(collector);
     if (!htmlPath_.empty()) writeHtml();

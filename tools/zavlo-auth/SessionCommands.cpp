@@ -7,6 +7,7 @@
 
 #include "Core/ZavloAuthEnvironment.hpp"
 #include "Core/ZavloAuthResponseUtils.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "ZavloCli.hpp"
 
@@ -63,7 +64,8 @@ void runSna(ZavloCliContext& context, const nlohmann::json& config, const std::s
   if (!runInit(context, config)) return;
   auto& platform = zavloCliPlatform(context.options);
   if (context.options.verbose) {
-    ZavloAuthRequestManager::shared()->setHopObserver([&context](const auto& hop) { context.trace(hopLine(hop)); });
+    ZavloAuthenticationGraph::shared().operations->setHopObserver(
+        [&context](const auto& hop) { context.trace(hopLine(hop)); });
   }
   const auto result = zavloCliAwait(platform, kChainLimit, [&](auto completion) {
     ZavloAuthenticationNativeWrapper::shared().startAuth(url, std::move(completion));

@@ -1,11 +1,12 @@
-// The process-wide accessors, all in one place so that code which never asks for them
-// links without a default platform.
+// The process-wide graph and the accessors of the library's named process-wide instances,
+// each a member of it. Built into the process library, beside the platform registry, so
+// that code which never asks for them links without a default platform.
+#include "Graph/ZavloAuthenticationGraph.hpp"
+#include "Native/ZavloAuthRequestManager.hpp"
+#include "Platform/ZavloPlatform.hpp"
 #include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Telemetry/ZavloAuthHTTPManager.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthRequestManager.hpp"
-#include "Native/ZavloAuthenticationGraph.hpp"
-#include "Platform/ZavloPlatform.hpp"
 
 ZavloAuthenticationGraph& ZavloAuthenticationGraph::shared() {
   static auto* const graph = new ZavloAuthenticationGraph(ZavloPlatform::current());
@@ -20,7 +21,6 @@ std::shared_ptr<ZavloAuthLogManager> ZavloAuthLogManager::shared() {
   return ZavloAuthenticationGraph::shared().logManager;
 }
 
-
 std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::shared() {
   return ZavloAuthenticationGraph::shared().requestManager;
 }
@@ -29,11 +29,15 @@ std::shared_ptr<ZavloAuthenticationRepository> ZavloAuthenticationRepository::sh
   return ZavloAuthenticationGraph::shared().repository;
 }
 
+ZavloAuthenticationManger& ZavloAuthenticationManger::shared() { return ZavloAuthenticationGraph::shared().manger; }
+
 ZavloAuthenticationNativeWrapper& ZavloAuthenticationNativeWrapper::shared() {
   return ZavloAuthenticationGraph::shared().nativeWrapper;
 }
 
-ZavloAuthenticationWrapper& ZavloAuthenticationWrapper::shared() { return ZavloAuthenticationGraph::shared().webWrapper; }
+ZavloAuthenticationWrapper& ZavloAuthenticationWrapper::shared() {
+  return ZavloAuthenticationGraph::shared().webWrapper;
+}
 
 nlohmann::json ZavloAuthEventLog::createDeviceMetadata() {
   return createDeviceMetadata(ZavloAuthenticationGraph::shared().platform().deviceInfo());

@@ -1,11 +1,11 @@
-#include "Native/ZavloAuthenticationGraph.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Telemetry/ZavloAuthHTTPManager.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "DeviceBinding/ZavloDeviceBindingManager.hpp"
 #include "Native/ZavloAuthRequestManager.hpp"
 #include "Platform/ZavloPlatform.hpp"
+#include "Telemetry/ZavloAuthHTTPManager.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 
 ZavloAuthenticationGraph::ZavloAuthenticationGraph(ZavloPlatform& platform)
     : platform_(platform),
@@ -15,7 +15,8 @@ ZavloAuthenticationGraph::ZavloAuthenticationGraph(ZavloPlatform& platform)
       requestManager(ZavloAuthRequestManager::create(platform, logManager, pathChecker)),
       repository(std::make_shared<ZavloAuthenticationRepository>(requestManager)),
       deviceBindingManager(ZavloDeviceBindingManager::create(platform, logManager)),
-      nativeWrapper(repository, logManager, deviceBindingManager),
-      webWrapper({platform.mainQueue(), repository, nativeWrapper}, logManager) {}
+      operations(std::make_shared<ZavloAuthenticationOperations>(repository, logManager, deviceBindingManager)),
+      nativeWrapper(operations),
+      webWrapper({platform.mainQueue(), operations}) {}
 
 ZavloAuthenticationGraph::~ZavloAuthenticationGraph() = default;

@@ -5,6 +5,7 @@
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Native/ZavloAuthenticationRepository.hpp"
+#include "Operations/ZavloAuthenticationOperations.hpp"
 
 class ZavloAuthHTTPManager;
 class ZavloAuthLogManager;
@@ -14,9 +15,13 @@ class ZavloAuthRequestManager;
 class ZavloPlatform;
 
 /// The library's whole object graph on one platform, built once in dependency order: the
-/// one place that wires managers together. The process-wide shared() accessors of the
-/// managers return members of shared(); tests, benchmarks and hosts that want a private
-/// graph build their own on any platform, which must outlive the graph.
+/// one place that wires managers together and the owner of every process-wide instance.
+/// The shared() accessors of the library's classes return members of shared(); tests,
+/// benchmarks and hosts that want a private graph build their own on any platform, which
+/// must outlive the graph.
+///
+/// Both entry classes run every operation through the one operations facade, so the
+/// native host and the page share the session and the configuration reading.
 ///
 /// Lifetime: a private graph is destroyed like any object (members in reverse order). The
 /// process-wide graph is built on first use on ZavloPlatform::current() and never
@@ -43,7 +48,11 @@ class ZavloAuthenticationGraph {
   const std::shared_ptr<ZavloCellularPathChecker> pathChecker;
   const std::shared_ptr<ZavloAuthRequestManager> requestManager;
   const std::shared_ptr<ZavloAuthenticationRepository> repository;
+  ZavloAuthenticationManger manger;
   const std::shared_ptr<ZavloDeviceBindingManager> deviceBindingManager;
+  /// What both entry classes below run operations through; a host's diagnostics (the hop
+  /// observer) are set here too.
+  const std::shared_ptr<ZavloAuthenticationOperations> operations;
   ZavloAuthenticationNativeWrapper nativeWrapper;
   ZavloAuthenticationWrapper webWrapper;
 };
