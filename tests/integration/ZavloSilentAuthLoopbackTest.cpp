@@ -16,14 +16,12 @@
 #include <nlohmann/json.hpp>
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
-#include "Native/ZavloAuthRequestManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 #include "tools/peers/ZavloTestCertificates.hpp"
-#include "Telemetry/ZavloAuthHTTPManager.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 #include "ZavloSnaChainRun.hpp"

@@ -143,6 +143,8 @@ TEST_F(ZavloAuthenticationBridgeTest, StartAuthTakesTheFirstUrlKeyHoldingAString
 
   cellularOperator("tok-1");
   ASSERT_EQ(answer({{"method", "initAuth"}, {"callback", "cb"}, {"initConfig", "{}"}}).at("status"), "SUCCESS");
+  std::vector<std::string> hops;
+  graph.graph.operations->setHopObserver([&hops](const auto& hop) { hops.push_back(hop.url); });
   const auto answers = post({{{"method", "startSNA"},
                               {"callback", "first"},
                               {"snaUri", 1},
@@ -154,7 +156,7 @@ TEST_F(ZavloAuthenticationBridgeTest, StartAuthTakesTheFirstUrlKeyHoldingAString
   EXPECT_EQ(answers[1].callback, "first");
   EXPECT_EQ(answers[1].result, (json{{"status", "SUCCESS"}, {"httpStatusCode", 200}, {"snaToken", "tok-1"}}));
   ASSERT_EQ(graph.platform.connections().all().size(), 1U);
-  EXPECT_EQ(graph.platform.connections().all()[0]->host(), "op.test");
+  EXPECT_EQ(hops, std::vector<std::string>{"http://op.test/a"}) << "the host's diagnostics see the page's chain";
 
   wrapper.cleanupAll();
   wrapper.setupWebView(page, graph.screen, ZavloAuthEnvironment::development);
