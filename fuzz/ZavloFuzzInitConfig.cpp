@@ -12,7 +12,7 @@
 
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"
-#include "Native/ZavloAuthInitConfig.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 #include "ZavloFuzzSupport.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Native/ZavloAuthInitConfig.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 #include "Platform/ZavloWebView.hpp"
 
 class ZavloAuthenticationOperations;

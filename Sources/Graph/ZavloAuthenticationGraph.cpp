@@ -2,7 +2,7 @@
 
 #include "Cellular/ZavloCellularPathChecker.hpp"
 #include "DeviceBinding/ZavloDeviceBindingManager.hpp"
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Session/ZavloAuthRequestManager.hpp"
 #include "Platform/ZavloPlatform.hpp"
 #include "Telemetry/ZavloAuthHTTPManager.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"

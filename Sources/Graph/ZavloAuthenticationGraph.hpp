@@ -4,7 +4,7 @@
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
-#include "Native/ZavloAuthenticationRepository.hpp"
+#include "Session/ZavloAuthenticationRepository.hpp"
 #include "Operations/ZavloAuthenticationOperations.hpp"
 
 class ZavloAuthHTTPManager;

@@ -2,7 +2,7 @@
 // each a member of it. Built into the process library, beside the platform registry, so
 // that code which never asks for them links without a default platform.
 #include "Graph/ZavloAuthenticationGraph.hpp"
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Session/ZavloAuthRequestManager.hpp"
 #include "Platform/ZavloPlatform.hpp"
 #include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Telemetry/ZavloAuthHTTPManager.hpp"

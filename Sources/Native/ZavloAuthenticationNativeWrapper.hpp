@@ -10,7 +10,7 @@
 #include "Core/ZavloAuthEnvironment.hpp"
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloResult.hpp"
-#include "Native/ZavloAuthInitConfig.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 #include "Operations/ZavloAuthenticationOperations.hpp"
 
 /// The entry class for native hosts: setup, then initAuth, then the operations, then

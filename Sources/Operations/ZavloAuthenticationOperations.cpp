@@ -3,7 +3,7 @@
 #include "Core/ZavloAuthResponseUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"
 #include "DeviceBinding/ZavloDeviceBindingManager.hpp"
-#include "Native/ZavloAuthenticationRepository.hpp"
+#include "Session/ZavloAuthenticationRepository.hpp"
 #include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
 

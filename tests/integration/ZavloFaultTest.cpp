@@ -25,7 +25,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Session/ZavloAuthRequestManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "tools/peers/ZavloChainServer.hpp"

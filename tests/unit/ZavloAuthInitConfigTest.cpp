@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Native/ZavloAuthInitConfig.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 
 using nlohmann::json;
 

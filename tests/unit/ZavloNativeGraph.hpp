@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Session/ZavloAuthRequestManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
 

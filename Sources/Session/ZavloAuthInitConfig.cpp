@@ -1,4 +1,4 @@
-#include "Native/ZavloAuthInitConfig.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Session/ZavloAuthRequestManager.hpp"
 
 /// The operations' door to the session manager; clears the session when it goes.
 /// It stays because hosts may reach it, shared() being one of the named process-wide instances.

@@ -1,4 +1,4 @@
-#include "Native/ZavloAuthRequestManager.hpp"
+#include "Session/ZavloAuthRequestManager.hpp"
 
 #include <algorithm>
 #include <cctype>
