@@ -4,13 +4,11 @@
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloAuthResponseUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"
+#include "Core/ZavloPublicErrors.hpp"
 #include "Operations/ZavloAuthenticationOperations.hpp"
 #include "Platform/ZavloQueue.hpp"
 
 namespace {
-
-constexpr const char* kInvalidConfigurationCode = "INVALID_JSON_CONFIGURATION";
-constexpr const char* kInvalidConfigurationMessage = "Invalid JSON configuration for Zavlo Authentication SDK.";
 
 nlohmann::json dictionaryOf(const ZavloAuthException& exception) {
   return ZavloAuthResponseUtils::jsonObject(exception).value_or(nlohmann::json::object());
@@ -67,7 +65,7 @@ void ZavloAuthenticationBridge::didReceiveScriptMessage(const nlohmann::json& bo
   } else if (*method == "getCapabilities") {
     invokeJsonStringCallback(*callback, ZavloAuthenticationOperations::capabilities());
   } else {
-    answerFailure(*callback, "UNSUPPORTED_METHOD", "Unsupported method: " + *method);
+    answerFailure(*callback, ZavloPublicErrors::unsupportedMethod(*method));
   }
 }
 
@@ -96,14 +94,14 @@ void ZavloAuthenticationBridge::handleInitAuth(const nlohmann::json& body, const
   const auto* text = stringAt(body, "initConfig");
   auto config = text ? ZavloAuthInitConfig::fromJsonString(*text) : nullptr;
   if (!config) {
-    answerFailure(callbackName, kInvalidConfigurationCode, kInvalidConfigurationMessage);
+    answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::invalidJsonConfiguration));
     return;
   }
   // Kept even when the start below cannot run.
   initConfig_ = config;
   auto viewController = viewController_.lock();
   if (!viewController) {
-    answerFailure(callbackName, "NO_VIEW_CONTROLLER", "ViewController is required but not provided");
+    answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::noViewController));
     return;
   }
   services_.mainQueue.post([operations = services_.operations, requestId = config->requestId(),
@@ -119,7 +117,7 @@ void ZavloAuthenticationBridge::handleStartAuth(const nlohmann::json& body, cons
     if ((url = stringAt(body, key))) break;
   }
   if (!url) {
-    answerFailure(callbackName, "INVALID_SNA_URI", "Invalid SNA URI provided");
+    answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::invalidSnaUri));
     return;
   }
   services_.operations->startAuth(*url, answering(shared_from_this(), callbackName));
@@ -154,7 +152,7 @@ std::optional<nlohmann::json> ZavloAuthenticationBridge::deviceBindingConfig(con
       if (auto parsed = ZavloConfigValues::parseObject(found->get_ref<const std::string&>())) return parsed;
     }
   }
-  answerFailure(callbackName, kInvalidConfigurationCode, kInvalidConfigurationMessage);
+  answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::invalidJsonConfiguration));
   return std::nullopt;
 }
 
@@ -163,8 +161,6 @@ std::vector<std::string> ZavloAuthenticationBridge::stringListValue(const nlohma
   return ZavloConfigValues::stringListValue(dictionary, key);
 }
 
-void ZavloAuthenticationBridge::answerFailure(const std::string& callbackName, std::string errorCode,
-                                              std::string errorMessage) {
-  invokeJsonStringCallback(callbackName,
-                           dictionaryOf(ZavloAuthException::failure(std::move(errorCode), std::move(errorMessage))));
+void ZavloAuthenticationBridge::answerFailure(const std::string& callbackName, const ZavloAuthException& exception) {
+  invokeJsonStringCallback(callbackName, dictionaryOf(exception));
 }

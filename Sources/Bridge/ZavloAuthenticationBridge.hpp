@@ -8,8 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Session/ZavloAuthInitConfig.hpp"
+#include "Core/ZavloAuthException.hpp"
 #include "Platform/ZavloWebView.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 
 class ZavloAuthenticationOperations;
 class ZavloQueue;
@@ -73,7 +74,7 @@ class ZavloAuthenticationBridge final : public ZavloScriptMessageHandler,
  private:
   ZavloAuthenticationBridge(std::weak_ptr<ZavloWebView> webView, std::weak_ptr<void> viewController, Services services);
 
-  void answerFailure(const std::string& callbackName, std::string errorCode, std::string errorMessage);
+  void answerFailure(const std::string& callbackName, const ZavloAuthException& exception);
 
   std::weak_ptr<ZavloWebView> webView_;
   std::weak_ptr<void> viewController_;

@@ -37,6 +37,8 @@ constexpr std::array kRows = {
     Row{ZavloPublicError::promptLockedOut, "DEVICE_BINDING_AUTH_FAILED",
         "Too many failed attempts. Unlock the device and try again."},
     Row{ZavloPublicError::promptFailed, "DEVICE_BINDING_AUTH_FAILED", "Device authentication failed."},
+    Row{ZavloPublicError::invalidJsonConfiguration, "INVALID_JSON_CONFIGURATION",
+        "Invalid JSON configuration for Zavlo Authentication SDK."},
 };
 
 struct PreflightRow {
@@ -102,7 +104,7 @@ constexpr bool complete(const Rows& rows, Key Rows::value_type::*key, Key last) 
   }
   return rows.size() == static_cast<std::size_t>(last) + 1;
 }
-static_assert(complete(kRows, &Row::error, ZavloPublicError::promptFailed));
+static_assert(complete(kRows, &Row::error, ZavloPublicError::invalidJsonConfiguration));
 static_assert(complete(kPreflightRows, &PreflightRow::error, ZavloPreflightError::notOnMobileData));
 static_assert(complete(kChainRows, &ChainRow::kind, ZavloNetworkErrorKind::tooManyRedirects));
 
@@ -120,6 +122,10 @@ ZavloPublicErrors::ChainFailure chainFailure(const ChainWords& words, std::strin
 ZavloAuthException ZavloPublicErrors::exception(ZavloPublicError error) {
   const auto& row = rowOf(kRows, error);
   return ZavloAuthException::failure(std::string(row.code), std::string(row.message));
+}
+
+ZavloAuthException ZavloPublicErrors::unsupportedMethod(const std::string& method) {
+  return ZavloAuthException::failure("UNSUPPORTED_METHOD", "Unsupported method: " + method);
 }
 
 ZavloAuthException ZavloPublicErrors::preflight(ZavloPreflightError error) {

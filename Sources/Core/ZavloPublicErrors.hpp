@@ -36,6 +36,7 @@ enum class ZavloPublicError {
   promptCancelled,
   promptLockedOut,
   promptFailed,
+  invalidJsonConfiguration,
 };
 
 /// Every code and message that leaves the library, and which internal failure becomes
@@ -44,6 +45,8 @@ namespace ZavloPublicErrors {
 
 ZavloAuthException exception(ZavloPublicError error);
 ZavloAuthException preflight(ZavloPreflightError error);
+/// A page named a method the bridge does not offer.
+ZavloAuthException unsupportedMethod(const std::string& method);
 
 /// A failed chain as its dictionary states it: the word under "error" and the text under
 /// "error_description". A server's JSON answer may bring its own word.

@@ -1,5 +1,7 @@
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 
+#include "Core/ZavloPublicErrors.hpp"
+
 ZavloAuthenticationNativeWrapper::ZavloAuthenticationNativeWrapper(
     std::shared_ptr<ZavloAuthenticationOperations> operations)
     : operations_(std::move(operations)) {}
@@ -14,8 +16,7 @@ void ZavloAuthenticationNativeWrapper::initAuth(const nlohmann::json& config, Co
   auto viewController = viewController_.lock();
   if (!viewController) {
     if (completion) {
-      completion(zavloFailure(
-          ZavloAuthException::failure("NO_VIEW_CONTROLLER", "ViewController is required but not provided")));
+      completion(zavloFailure(ZavloPublicErrors::exception(ZavloPublicError::noViewController)));
     }
     return;
   }
