@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Contracts/ZavloConnectionRecorder.hpp"
 #include "Testing/Network/ZavloTestCertificates.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
-#include "ZavloConnectionRecorder.hpp"
 
 using namespace std::chrono_literals;
 using IpVersion = ZavloConnectionParameters::IpVersion;
