@@ -57,8 +57,9 @@ struct LinuxDriver {
   }
 };
 
-INSTANTIATE_TYPED_TEST_SUITE_P(TestPlatform, ZavloConnectionContract, TestDoubleDriver);
-INSTANTIATE_TYPED_TEST_SUITE_P(Linux, ZavloConnectionContract, LinuxDriver);
+// The prefix names the contract in ctest's names, which keep only the prefix and the type.
+using Drivers = ::testing::Types<TestDoubleDriver, LinuxDriver>;
+INSTANTIATE_TYPED_TEST_SUITE_P(ConnectionContract, ZavloConnectionContract, Drivers);
 
 // --- Interface rules: each network's links all lead to the same server address ----------
 
@@ -248,7 +249,8 @@ class LinuxNamespaceNetwork {
 };
 
 // "Namespace" in the name: ctest runs the tests that make namespaces one at a time.
-INSTANTIATE_TYPED_TEST_SUITE_P(TestPlatform, ZavloConnectionInterfaceRulesContract, TestDoubleNetwork);
-INSTANTIATE_TYPED_TEST_SUITE_P(LinuxNamespace, ZavloConnectionInterfaceRulesContract, LinuxNamespaceNetwork);
+INSTANTIATE_TYPED_TEST_SUITE_P(InterfaceRulesContract, ZavloConnectionInterfaceRulesContract, TestDoubleNetwork);
+INSTANTIATE_TYPED_TEST_SUITE_P(InterfaceRulesContractNamespace, ZavloConnectionInterfaceRulesContract,
+                               LinuxNamespaceNetwork);
 
 }  // namespace

@@ -47,7 +47,8 @@ struct LinuxSessionDriver {
   }
 };
 
-INSTANTIATE_TYPED_TEST_SUITE_P(TestPlatform, ZavloHttpSessionContract, TestSessionDriver);
-INSTANTIATE_TYPED_TEST_SUITE_P(Linux, ZavloHttpSessionContract, LinuxSessionDriver);
+// The prefix names the contract in ctest's names, which keep only the prefix and the type.
+using Drivers = ::testing::Types<TestSessionDriver, LinuxSessionDriver>;
+INSTANTIATE_TYPED_TEST_SUITE_P(HttpSessionContract, ZavloHttpSessionContract, Drivers);
 
 }  // namespace

@@ -5,5 +5,6 @@
 #include "Testing/Contracts/ZavloKeyStoreContracts.hpp"
 #include "ZavloKeyStoreFactories.hpp"
 
-INSTANTIATE_TYPED_TEST_SUITE_P(KeyStores, ZavloKeychainContract, ZavloKeyStoreFactories);
-INSTANTIATE_TYPED_TEST_SUITE_P(KeyStores, ZavloSecureKeysContract, ZavloKeyStoreFactories);
+// The prefix names the contract in ctest's names, which keep only the prefix and the type.
+INSTANTIATE_TYPED_TEST_SUITE_P(KeychainContract, ZavloKeychainContract, ZavloKeyStoreFactories);
+INSTANTIATE_TYPED_TEST_SUITE_P(SecureKeysContract, ZavloSecureKeysContract, ZavloKeyStoreFactories);

@@ -67,8 +67,9 @@ struct LinuxNamespaceDriver {
   static void settle() { std::this_thread::sleep_for(150ms); }
 };
 
-INSTANTIATE_TYPED_TEST_SUITE_P(TestPlatform, ZavloPathMonitorContract, TestPlatformDriver);
+// The prefix names the contract in ctest's names, which keep only the prefix and the type.
+INSTANTIATE_TYPED_TEST_SUITE_P(PathMonitorContract, ZavloPathMonitorContract, TestPlatformDriver);
 // "Namespace" in the name: ctest runs the tests that make namespaces one at a time.
-INSTANTIATE_TYPED_TEST_SUITE_P(LinuxNamespace, ZavloPathMonitorContract, LinuxNamespaceDriver);
+INSTANTIATE_TYPED_TEST_SUITE_P(PathMonitorContractNamespace, ZavloPathMonitorContract, LinuxNamespaceDriver);
 
 }  // namespace

@@ -59,9 +59,9 @@ struct GLibMainQueueDriver {
   }
 };
 
-INSTANTIATE_TYPED_TEST_SUITE_P(TestPlatform, ZavloQueueContract, TestDriver);
-using LinuxDrivers = ::testing::Types<LinuxRunLoopDriver, LinuxSerialQueueDriver, GLibMainQueueDriver>;
-INSTANTIATE_TYPED_TEST_SUITE_P(Linux, ZavloQueueContract, LinuxDrivers);
+// The prefix names the contract in ctest's names, which keep only the prefix and the type.
+using Drivers = ::testing::Types<TestDriver, LinuxRunLoopDriver, LinuxSerialQueueDriver, GLibMainQueueDriver>;
+INSTANTIATE_TYPED_TEST_SUITE_P(QueueContract, ZavloQueueContract, Drivers);
 
 }  // namespace
 
