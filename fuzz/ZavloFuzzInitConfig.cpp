@@ -2,16 +2,18 @@
 // reads that follow it (the request id, the entity id, every key as configuration text).
 //
 // Properties: a configuration comes back exactly for JSON text whose top level is an
-// object and that nests no deeper than the library's limit (judged here by bracket depth,
-// with one level of slack around the limit, where the exact count is the parser's); its
-// data is that object; the request id is the sanitised "requestId" when that is a string
-// and absent otherwise; the entity id is trimmed and never blank; reading any key as text
-// or as a list never throws, and the data serialises strictly.
+// object and that nests no deeper than the library's limit (judged here by how many arrays
+// and objects are open at once, with one level of slack around the limit, where the exact
+// count is the parser's); its data is that object; the request id is the sanitised
+// "requestId" when that is a string and absent otherwise; the entity id is trimmed and
+// never blank; reading any key as text or as a list never throws, and the data serialises
+// strictly.
 #include <cstdint>
 #include <string>
 
 #include "Core/ZavloAuthValidationUtils.hpp"
 #include "Core/ZavloConfigValues.hpp"
+#include "Core/ZavloJsonDepth.hpp"
 #include "Session/ZavloAuthInitConfig.hpp"
 #include "ZavloFuzzSupport.hpp"
 
@@ -22,13 +24,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // The reference: nlohmann's own verdict on the text, with the depth counted here.
   const auto plain = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   const bool isObject = !plain.is_discarded() && plain.is_object();
-  const int depth = isObject ? ZavloFuzz::bracketDepth(text) : 0;
   if (!isObject) {
     ZAVLO_FUZZ_CHECK(!config, "only an object's text is a configuration");
     return 0;
   }
-  if (depth <= ZavloConfigValues::kMaxDepth) ZAVLO_FUZZ_CHECK(config != nullptr, "an object within the limit is taken");
-  if (depth > ZavloConfigValues::kMaxDepth + 1) ZAVLO_FUZZ_CHECK(!config, "an object past the limit is refused");
+  const auto parsed = ZavloFuzz::parsedPart(text);
+  constexpr auto kLimit = static_cast<std::size_t>(ZavloConfigValues::kMaxDepth);
+  if (!ZavloJsonDepth::exceeds(parsed, kLimit))
+    ZAVLO_FUZZ_CHECK(config != nullptr, "an object within the limit is taken");
+  if (ZavloJsonDepth::exceeds(parsed, kLimit + 1)) ZAVLO_FUZZ_CHECK(!config, "an object past the limit is refused");
   if (!config) return 0;
 
   const auto& dictionary = config->configData();

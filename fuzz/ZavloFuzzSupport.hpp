@@ -14,6 +14,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Core/ZavloJsonDepth.hpp"
+
 /// A property that must hold: on failure the message goes to standard error and the
 /// process traps, so that libFuzzer keeps the input as a crash.
 #define ZAVLO_FUZZ_CHECK(condition, message)                                                         \
@@ -110,47 +112,19 @@ inline std::string_view trimWhiteSpace(std::string_view text) {
 /// text), and configuration texts get the same one; deeper values are refused here too.
 inline constexpr int kMaxJsonDepth = 256;
 
-/// JSON text parsed as a page's message would be: absent when it is not JSON or nests
-/// deeper than kMaxJsonDepth.
-inline std::optional<nlohmann::json> parseBounded(std::string_view text) {
-  bool tooDeep = false;
-  auto parsed = nlohmann::json::parse(
-      text,
-      [&tooDeep](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
-        if (depth > kMaxJsonDepth) tooDeep = true;
-        return !tooDeep;
-      },
-      /*allow_exceptions=*/false);
-  if (tooDeep || parsed.is_discarded()) return std::nullopt;
-  return parsed;
-}
+/// The part of text nlohmann's reader takes: it ends the text at a NUL byte outside a
+/// string (and refuses one inside), so for text that parses this is what was parsed.
+inline std::string_view parsedPart(std::string_view text) { return text.substr(0, text.find('\0')); }
 
-/// The deepest bracket nesting of JSON text, strings skipped ("{}" is 1, "[{}]" 2), up to
-/// a NUL byte outside a string, where nlohmann's reader ends the text. Meaningful only for
-/// text that parses.
-inline int bracketDepth(std::string_view text) {
-  int depth = 0;
-  int deepest = 0;
-  bool inString = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (inString) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '\0') {
-      break;
-    } else if (c == '[' || c == '{') {
-      deepest = std::max(deepest, ++depth);
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
+/// JSON text parsed as a page's message would be: absent when it is not JSON or nests
+/// deeper than kMaxJsonDepth, counted as the parser counts (one below the values).
+inline std::optional<nlohmann::json> parseBounded(std::string_view text) {
+  if (ZavloJsonDepth::exceeds(parsedPart(text), std::size_t{kMaxJsonDepth} + 1, ZavloJsonDepth::Levels::values)) {
+    return std::nullopt;
   }
-  return deepest;
+  auto parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (parsed.is_discarded()) return std::nullopt;
+  return parsed;
 }
 
 /// Whether the strict serialiser takes value, judged here without calling it: finite

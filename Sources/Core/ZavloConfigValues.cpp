@@ -1,6 +1,7 @@
 #include "Core/ZavloConfigValues.hpp"
 
 #include "Core/ZavloAuthValidationUtils.hpp"
+#include "Core/ZavloJsonDepth.hpp"
 
 namespace {
 
@@ -49,16 +50,14 @@ std::vector<std::string> ZavloConfigValues::stringListValue(const nlohmann::json
 }
 
 std::optional<nlohmann::json> ZavloConfigValues::parseObject(std::string_view text) {
-  bool tooDeep = false;
-  // The parser itself keeps its own stack; only later readers recurse. Values past the
-  // limit are dropped as they are parsed, so a hostile text costs no more than its size.
-  auto parsed = nlohmann::json::parse(
-      text,
-      [&tooDeep](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
-        if (depth > kMaxDepth) tooDeep = true;
-        return !tooDeep;
-      },
-      /*allow_exceptions=*/false);
-  if (tooDeep || !parsed.is_object()) return std::nullopt;
+  // Deep text is refused before anything is built, so a hostile text costs no more than
+  // its size. The parser ends the text at a NUL byte (and refuses one inside a string), so
+  // only what it reads is measured; kMaxDepth is its own count, one below the values.
+  const auto read = text.substr(0, text.find('\0'));
+  if (ZavloJsonDepth::exceeds(read, static_cast<std::size_t>(kMaxDepth) + 1, ZavloJsonDepth::Levels::values)) {
+    return std::nullopt;
+  }
+  auto parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!parsed.is_object()) return std::nullopt;
   return parsed;
 }

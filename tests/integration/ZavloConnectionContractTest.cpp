@@ -1,7 +1,6 @@
-// The connection contract, run on the scripted test connection and on the Linux
-// connection, so that the double cannot drift from the real thing: the exchange over
-// loopback (with lo declared cellular), and the interface rules on links of our own in
-// network namespaces.
+// The connection contracts on the scripted test connection and on the Linux connection,
+// so that the double cannot drift from the real thing: the exchange over loopback (with lo
+// declared cellular), and the interface rules on links of our own in network namespaces.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -18,28 +17,18 @@
 
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Contracts/ZavloConnectionContract.hpp"
 #include "Testing/Network/ZavloNetworkNamespace.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
 #include "Testing/ZavloTestPlatform.hpp"
-#include "ZavloConnectionRecorder.hpp"
 
 using namespace std::chrono_literals;
-using State = ZavloConnection::State;
-
-// Readable failures; internal to this file, found by argument-dependent lookup.
-static void PrintTo(ZavloInterfaceType type, std::ostream* out) { *out << toString(type); }
-static void PrintTo(const ZavloConnectionError& error, std::ostream* out) {
-  *out << error.code << " \"" << error.localizedDescription << '"';
-}
 
 namespace {
-
-constexpr auto kAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 
 struct TestDoubleDriver {
   ZavloTestPlatform platform;
   ZavloQueue& queue() { return platform.mainQueue(); }
-  // A peer that answers the request with answer, or never answers when it is empty.
   std::shared_ptr<ZavloConnection> connect(const std::string& answer) {
     platform.connections().script(
         "operator.test", 80,
@@ -63,151 +52,22 @@ struct LinuxDriver {
     return platform.makeConnection("127.0.0.1", server->port(), zavloCellularParameters());
   }
   bool runUntil(const std::function<bool()>& done) { return platform.runLoop().runUntil(done, 10s); }
-  // Gives late reports, which must not come, the time to arrive.
   void settle() {
     platform.runLoop().runUntil([] { return false; }, 100ms);
   }
 };
 
-template <class Driver>
-class ZavloConnectionContract : public ::testing::Test {
- protected:
-  Driver driver;
-};
-
+// The prefix names the contract in ctest's names, which keep only the prefix and the type.
 using Drivers = ::testing::Types<TestDoubleDriver, LinuxDriver>;
-TYPED_TEST_SUITE(ZavloConnectionContract, Drivers);
+INSTANTIATE_TYPED_TEST_SUITE_P(ConnectionContract, ZavloConnectionContract, Drivers);
 
-TYPED_TEST(ZavloConnectionContract, ReadyThenSendThenReceiveGivesThePeersBytesOnTheQueue) {
-  ZavloConnectionRecorder recorder(this->driver.connect(kAnswer), this->driver.queue());
-  recorder.start();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("ready"); }))
-      << ::testing::PrintToString(recorder.events());
-  recorder.send("GET / HTTP/1.1\r\nHost: operator.test\r\n\r\n");
-  recorder.receive(1, 65536);
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("received") && recorder.has("sent"); }));
-  EXPECT_EQ(recorder.received(), kAnswer);
-  EXPECT_FALSE(recorder.receiveError());
-  const auto events = recorder.events();
-  ASSERT_GE(events.size(), 2U);
-  EXPECT_EQ(events[0], "preparing");
-  EXPECT_EQ(events[1], "ready");
-  EXPECT_FALSE(recorder.offQueue());
-
-  recorder.connection().cancel();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("cancelled"); }));
-  EXPECT_EQ(recorder.events().back(), "cancelled");
-}
-
-TYPED_TEST(ZavloConnectionContract, CancelWhileReceivingReportsCancelledOnceAndDropsTheReceive) {
-  ZavloConnectionRecorder recorder(this->driver.connect(""), this->driver.queue());
-  recorder.start();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("ready"); }));
-  recorder.send("GET / HTTP/1.1\r\n\r\n");
-  recorder.receive(1, 65536);
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("sent"); }));
-  this->driver.settle();
-  EXPECT_EQ(recorder.receiveCalls(), 0U);  // the peer never answers
-
-  recorder.connection().cancel();
-  recorder.connection().cancel();  // a second cancel changes nothing
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("cancelled"); }));
-  this->driver.settle();
-  EXPECT_EQ(recorder.events(), (std::vector<std::string>{"preparing", "ready", "sent", "cancelled"}));
-  EXPECT_FALSE(recorder.offQueue());
-}
-
-TYPED_TEST(ZavloConnectionContract, CancelRightAfterStartReportsOnlyCancelled) {
-  ZavloConnectionRecorder recorder(this->driver.connect(kAnswer), this->driver.queue());
-  recorder.start();
-  recorder.send("GET / HTTP/1.1\r\n\r\n");
-  recorder.receive(1, 65536);
-  recorder.connection().cancel();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("cancelled"); }));
-  this->driver.settle();
-  EXPECT_EQ(recorder.events(), (std::vector<std::string>{"cancelled"}));
-}
-
-TYPED_TEST(ZavloConnectionContract, CancelBeforeStartIsReportedOnceStarted) {
-  ZavloConnectionRecorder recorder(this->driver.connect(kAnswer), this->driver.queue());
-  recorder.connection().cancel();
-  recorder.start();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("cancelled"); }));
-  this->driver.settle();
-  EXPECT_EQ(recorder.events(), (std::vector<std::string>{"cancelled"}));
-}
-
-TYPED_TEST(ZavloConnectionContract, ReceiveAfterThePeerFinishedReportsCompleteWithoutData) {
-  ZavloConnectionRecorder recorder(this->driver.connect(kAnswer), this->driver.queue());
-  recorder.start();
-  recorder.send("GET / HTTP/1.1\r\n\r\n");
-  // Reads until the peer's end, however the bytes were cut.
-  for (int round = 0; round < 10 && !recorder.read([](const auto& log) { return log.receivedComplete; }); ++round) {
-    const auto before = recorder.receiveCalls();
-    recorder.receive(1, 65536);
-    ASSERT_TRUE(this->driver.runUntil([&] { return recorder.receiveCalls() > before; }));
-  }
-  EXPECT_EQ(recorder.received(), kAnswer);
-  EXPECT_TRUE(recorder.read([](const auto& log) { return log.receivedComplete; }));
-  recorder.receive(1, 65536);
-  const auto calls = recorder.receiveCalls();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.receiveCalls() > calls; }));
-  EXPECT_EQ(recorder.received(), kAnswer);  // nothing more
-  EXPECT_TRUE(recorder.read([](const auto& log) { return log.receivedComplete && !log.receiveError; }));
-  recorder.connection().cancel();
-  ASSERT_TRUE(this->driver.runUntil([&] { return recorder.has("cancelled"); }));
-}
-
-// --- Interface rules -------------------------------------------------------------------
-//
-// Each driver builds a network where the given interface types are present, every one of
-// them a way to the same server address, with the routes preferring any link over the
-// cellular one; a hop then tells which types it went through.
+// --- Interface rules: each network's links all lead to the same server address ----------
 
 using Type = ZavloInterfaceType;
 
+constexpr auto kRulesAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 constexpr auto kRulesServer = "198.18.0.1";
 constexpr std::uint16_t kRulesPort = 80;  // the double's; the Linux servers share one free port
-
-struct HopOutcome {
-  std::vector<std::string> events;
-  std::optional<ZavloConnectionError> stateError;
-  std::vector<Type> reached;  ///< the types whose links carried the connection
-  std::string problem;        ///< why the hop says nothing (the network is not as built)
-};
-
-ZavloConnectionParameters prohibiting(std::vector<Type> types) {
-  ZavloConnectionParameters parameters = zavloCellularParameters();
-  parameters.requiredInterfaceType.reset();
-  parameters.prohibitedInterfaceTypes = std::move(types);
-  return parameters;
-}
-
-// One connection: start, one request and one read once ready, then cancel. runFor drives
-// the queue until its condition holds, within a bound. whenWaiting, if given, runs once the
-// connection waits, and the connection is given the time to go on.
-HopOutcome runHop(std::shared_ptr<ZavloConnection> connection, ZavloQueue& queue,
-                  const std::function<void(const std::function<bool()>&)>& runFor,
-                  const std::function<void()>& whenWaiting = {}) {
-  ZavloConnectionRecorder recorder(std::move(connection), queue);
-  recorder.start();
-  runFor([&] { return recorder.has("ready") || recorder.has("failed") || recorder.has("waiting"); });
-  if (recorder.has("waiting") && whenWaiting) {
-    whenWaiting();
-    runFor([&] { return recorder.has("ready") || recorder.has("failed"); });
-  }
-  if (recorder.has("ready")) {
-    recorder.send("GET / HTTP/1.1\r\nHost: operator.test\r\nConnection: close\r\n\r\n");
-    recorder.receive(1, 65536);
-    runFor([&] { return recorder.receiveCalls() > 0; });
-  }
-  recorder.connection().cancel();
-  runFor([&] { return recorder.has("cancelled"); });
-  HopOutcome outcome;
-  outcome.events = recorder.events();
-  outcome.stateError = recorder.stateError();
-  return outcome;
-}
 
 struct TestDoubleNetwork {
   ZavloTestPlatform platform;
@@ -216,7 +76,7 @@ struct TestDoubleNetwork {
   bool build(const std::vector<Type>& types, std::string& /*whyNot*/) {
     present = types;
     setPath();
-    platform.connections().script(kRulesServer, kRulesPort, ZavloTestConnectionScript::answering(kAnswer));
+    platform.connections().script(kRulesServer, kRulesPort, ZavloTestConnectionScript::answering(kRulesAnswer));
     return true;
   }
 
@@ -230,7 +90,7 @@ struct TestDoubleNetwork {
     platform.pathMonitors().setCurrentPath(ZavloTestPathMonitorController::satisfiedPath(interfaces));
   }
 
-  HopOutcome hop(ZavloConnectionParameters parameters, std::optional<Type> addedWhileWaiting = std::nullopt) {
+  ZavloHopOutcome hop(ZavloConnectionParameters parameters, std::optional<Type> addedWhileWaiting = std::nullopt) {
     auto connection = platform.connections().make(kRulesServer, kRulesPort, std::move(parameters));
     std::function<void()> whenWaiting;
     if (addedWhileWaiting) {
@@ -239,7 +99,7 @@ struct TestDoubleNetwork {
         setPath();
       };
     }
-    auto outcome = runHop(
+    auto outcome = zavloRunHop(
         connection, platform.mainQueue(),
         [this](const std::function<bool()>& done) {
           for (int i = 0; i < 100 && !done(); ++i) platform.advanceBy(10ms);
@@ -285,8 +145,8 @@ class LinuxNamespaceNetwork {
     return true;
   }
 
-  HopOutcome hop(ZavloConnectionParameters parameters, std::optional<Type> addedWhileWaiting = std::nullopt) {
-    HopOutcome outcome;
+  ZavloHopOutcome hop(ZavloConnectionParameters parameters, std::optional<Type> addedWhileWaiting = std::nullopt) {
+    ZavloHopOutcome outcome;
     client_->runInside([&] {
       if (!fakeUevent_.empty()) outcome.problem = fakeWifi();
       if (outcome.problem.empty()) outcome.problem = checkTypes();
@@ -303,7 +163,7 @@ class LinuxNamespaceNetwork {
           present_.push_back(type);
         };
       }
-      outcome = runHop(
+      outcome = zavloRunHop(
           platform.makeConnection(kRulesServer, port_, std::move(parameters)), loop,
           [&loop](const std::function<bool()>& done) { loop.runUntil(done, 10s); }, whenWaiting);
     });
@@ -342,7 +202,7 @@ class LinuxNamespaceNetwork {
     peer->ip({"addr", "add", std::string(kRulesServer) + "/32", "dev", "lo"});
     peer->ip({"link", "set", "peer0", "up"});
     peer->runInside([&] {
-      servers_[type] = std::make_unique<ZavloTestServer>(ZavloTestServerReply::answer(kAnswer),
+      servers_[type] = std::make_unique<ZavloTestServer>(ZavloTestServerReply::answer(kRulesAnswer),
                                                          ZavloTestServer::Options{kRulesServer, port_, {}});
       port_ = servers_[type]->port();
     });
@@ -388,86 +248,9 @@ class LinuxNamespaceNetwork {
   std::string fakeUevent_;
 };
 
-template <class Network>
-class ZavloConnectionInterfaceRulesNamespaceTest : public ::testing::Test {
- protected:
-  // A fresh network with these types present, or null with the reason.
-  static std::unique_ptr<Network> networkWith(const std::vector<Type>& present, std::string& whyNot) {
-    auto network = std::make_unique<Network>();
-    if (!network->build(present, whyNot)) return nullptr;
-    return network;
-  }
-
-  static void expectWaitingForAnInterface(const HopOutcome& hop, const std::string& description) {
-    ASSERT_EQ(hop.problem, "");
-    EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "waiting", "cancelled"}));
-    EXPECT_EQ(hop.stateError, (ZavloConnectionError{ENETUNREACH, description}));
-    EXPECT_EQ(hop.reached, std::vector<Type>{});
-  }
-
-  static void expectReachedOnlyThroughCellular(const HopOutcome& hop) {
-    ASSERT_EQ(hop.problem, "");
-    EXPECT_EQ(hop.events, (std::vector<std::string>{"preparing", "ready", "sent", "received", "cancelled"}));
-    EXPECT_FALSE(hop.stateError);
-    EXPECT_EQ(hop.reached, std::vector<Type>{Type::cellular});
-  }
-};
-
-using Networks = ::testing::Types<TestDoubleNetwork, LinuxNamespaceNetwork>;
-TYPED_TEST_SUITE(ZavloConnectionInterfaceRulesNamespaceTest, Networks);
-
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, RequiredCellularWithoutACellularLinkWaits) {
-  for (const auto& present : std::vector<std::vector<Type>>{
-           {Type::wifi}, {Type::wiredEthernet}, {Type::loopback}, {Type::loopback, Type::wiredEthernet, Type::wifi}}) {
-    SCOPED_TRACE("present: " + ::testing::PrintToString(present));
-    std::string whyNot;
-    auto network = this->networkWith(present, whyNot);
-    if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-    this->expectWaitingForAnInterface(network->hop(zavloCellularParameters()), "No usable cellular interface");
-    // Requiring cellular is enough, even with nothing prohibited.
-    auto requiredOnly = zavloCellularParameters();
-    requiredOnly.prohibitedInterfaceTypes.clear();
-    this->expectWaitingForAnInterface(network->hop(requiredOnly), "No usable cellular interface");
-  }
-}
-
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, AWaitingConnectionGoesOnOnceACellularLinkAppears) {
-  std::string whyNot;
-  auto network = this->networkWith({Type::loopback, Type::wiredEthernet}, whyNot);
-  if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-  const auto hop = network->hop(zavloCellularParameters(), Type::cellular);
-  ASSERT_EQ(hop.problem, "");
-  ASSERT_GE(hop.events.size(), 6U) << ::testing::PrintToString(hop.events);
-  EXPECT_EQ(hop.events[0], "preparing");
-  EXPECT_EQ(hop.events[1], "waiting");
-  // A real network may change in several steps, each a try that waits again.
-  EXPECT_EQ(std::vector<std::string>(hop.events.end() - 5, hop.events.end()),
-            (std::vector<std::string>{"preparing", "ready", "sent", "received", "cancelled"}));
-  EXPECT_EQ(std::count(hop.events.begin(), hop.events.end(), "failed"), 0);
-  EXPECT_EQ(hop.reached, std::vector<Type>{Type::cellular});
-}
-
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, RequiredCellularUsesTheCellularLinkThoughRoutesPreferOthers) {
-  std::string whyNot;
-  auto network = this->networkWith({Type::loopback, Type::wiredEthernet, Type::wifi, Type::cellular}, whyNot);
-  if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-  this->expectReachedOnlyThroughCellular(network->hop(zavloCellularParameters()));
-}
-
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, ProhibitedTypesAreSkippedEvenWhenTheyComeFirst) {
-  std::string whyNot;
-  auto network = this->networkWith({Type::loopback, Type::wiredEthernet, Type::wifi, Type::cellular}, whyNot);
-  if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-  // Nothing required: only the prohibitions keep the connection off the other links.
-  this->expectReachedOnlyThroughCellular(network->hop(prohibiting({Type::loopback, Type::wiredEthernet, Type::wifi})));
-}
-
-TYPED_TEST(ZavloConnectionInterfaceRulesNamespaceTest, OnlyProhibitedTypesPresentWaitsWithoutARequiredType) {
-  std::string whyNot;
-  auto network = this->networkWith({Type::loopback, Type::wiredEthernet, Type::wifi}, whyNot);
-  if (!network) GTEST_SKIP() << "needs network namespaces (root): " << whyNot;
-  this->expectWaitingForAnInterface(network->hop(prohibiting({Type::wifi, Type::wiredEthernet, Type::loopback})),
-                                    "No usable network interface");
-}
+// "Namespace" in the name: ctest runs the tests that make namespaces one at a time.
+INSTANTIATE_TYPED_TEST_SUITE_P(InterfaceRulesContract, ZavloConnectionInterfaceRulesContract, TestDoubleNetwork);
+INSTANTIATE_TYPED_TEST_SUITE_P(InterfaceRulesContractNamespace, ZavloConnectionInterfaceRulesContract,
+                               LinuxNamespaceNetwork);
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
+#include "Testing/Contracts/ZavloConnectionRecorder.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
-#include "ZavloConnectionRecorder.hpp"
 #include "ZavloDecoyNetwork.hpp"
 
 using namespace std::chrono_literals;

@@ -10,9 +10,9 @@
 
 #include "Core/ZavloBase64.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
+#include "Testing/Contracts/ZavloKeyStoreItems.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloEs256.hpp"
-#include "ZavloKeyStoreItems.hpp"
 #include "ZavloSoftHsmKeyStoreFactory.hpp"
 
 namespace {

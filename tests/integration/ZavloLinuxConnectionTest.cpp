@@ -10,8 +10,8 @@
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "tools/peers/ZavloTestCertificates.hpp"
+#include "Testing/Contracts/ZavloConnectionRecorder.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
-#include "ZavloConnectionRecorder.hpp"
 
 using namespace std::chrono_literals;
 using IpVersion = ZavloConnectionParameters::IpVersion;

@@ -22,10 +22,10 @@
 
 #include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSecureKeys.hpp"
+#include "Testing/Contracts/ZavloKeyStoreItems.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloFixedOwnerContext.hpp"
-#include "ZavloKeyStoreItems.hpp"
-#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 namespace {
 

@@ -2,29 +2,9 @@
 
 #include <string>
 
-namespace {
+#include "Core/ZavloJsonDepth.hpp"
 
-bool nestsDeeperThan(std::string_view text, std::size_t limit) {
-  std::size_t depth = 0;
-  bool inString = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (inString) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > limit) return true;
-    } else if ((c == ']' || c == '}') && depth > 0) {
-      --depth;
-    }
-  }
-  return false;
-}
+namespace {
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -80,7 +60,7 @@ std::string replaceLoneSurrogates(std::string_view text) {
 }  // namespace
 
 std::optional<nlohmann::json> zavloParsePageMessage(std::string_view text) {
-  if (nestsDeeperThan(text, kMaxPageMessageDepth)) return std::nullopt;
+  if (ZavloJsonDepth::exceeds(text, kMaxPageMessageDepth)) return std::nullopt;
   auto value = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded() && text.find("\\u") != std::string_view::npos) {
     value = nlohmann::json::parse(replaceLoneSurrogates(text), nullptr, false);

@@ -9,7 +9,7 @@
 #include "Platform/ZavloConnection.hpp"
 
 /// The parameters of a cellular-only hop: required cellular, Wi-Fi, loopback and wired
-/// Ethernet prohibited, 5 s connect time-out (test support).
+/// Ethernet prohibited, 5 s connect time-out.
 inline ZavloConnectionParameters zavloCellularParameters(
     ZavloConnectionParameters::IpVersion ipVersion = ZavloConnectionParameters::IpVersion::v4, bool tls = false) {
   ZavloConnectionParameters parameters;
@@ -25,7 +25,7 @@ inline ZavloConnectionParameters zavloCellularParameters(
 }
 
 /// Records everything a connection reports, in order, and whether each report ran on the
-/// queue given to start() (test support). Safe to outlive the connection or be outlived.
+/// queue given to start(). Safe to outlive the connection or be outlived.
 class ZavloConnectionRecorder {
  public:
   struct Log {

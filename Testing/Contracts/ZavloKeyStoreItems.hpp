@@ -8,7 +8,7 @@
 #include "Platform/ZavloOwnerAuthentication.hpp"
 #include "Platform/ZavloSecureKeys.hpp"
 
-/// Keychain items and queries shaped as device binding makes them (test support).
+/// Keychain items and queries shaped as device binding makes them.
 namespace ZavloKeyStoreItems {
 
 namespace Key = ZavloKeychainKey;
