@@ -181,15 +181,4 @@ TEST_F(ZavloAuthLogManagerTest, TellsTheObserverOfEverySentEventAndWaitsForPendi
   EXPECT_TRUE(logManager->waitForPendingEvents(0ms));
 }
 
-TEST_F(ZavloAuthLogManagerTest, AnEventThatCannotBeSerialisedFailsAtOnce) {
-  logManager->configure(ZavloAuthEnvironment::production, endpoint);
-  auto bad = event("E");
-  bad->failureReason = std::string("\xC0\xAF");
-  std::vector<Result> results;
-  logManager->sendEventLog(bad, collect(results));
-  ASSERT_EQ(results.size(), 1U);
-  EXPECT_EQ(results[0].error().kind(), Kind::encodingError);
-  EXPECT_EQ(http.requestCount(), 0U);
-}
-
 }  // namespace
