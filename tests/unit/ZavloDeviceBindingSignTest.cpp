@@ -109,64 +109,35 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
     bool prompted;
   };
   const json twoIds = {{"challenge", "c"}, {"allowedKeyIds", {"k1", "k2"}}};
+  const json noExtra = json::object();
+  const char* const kNotEnrolled = "DEVICE_BINDING_NOT_ENROLLED";
+  const char* const kInvalidated = "DEVICE_BINDING_KEY_INVALIDATED";
+  const json deleted = {{"keyId", "k1"}, {"keyDeleted", true}};
+  using Arrange = std::function<void(ZavloBindingHarness&)>;
+  const Arrange none = [](auto&) {};
+  const Arrange k1 = [](auto& h) { h.enrolled("k1"); };
+  const Arrange ab = [](auto& h) { h.enrolled("a"), h.enrolled("b"); };
+  const Arrange k1Invalid = [](auto& h) { h.enrolled("k1", "biometry-0"), h.enrolled("k2"); };
+  // The key existed when looked for, and is gone when fetched after the prompt.
+  const Arrange k1Vanishes = [](auto& h) {
+    h.enrolled("k1");
+    h.keychain.answer(Operation::copyMatching, {{ZavloKeychainKey::kSecReturnRef, true}},
+                      ZavloKeychainStatus::itemNotFound);
+  };
+  const Arrange signFails = [](auto& h) {
+    h.enrolled("k1");
+    h.keys.fail(ZavloTestSecureKeys::Operation::createSignature, {-3, "no"});
+  };
   const std::vector<Case> cases = {
-      {"INVALID_CHALLENGE", [](auto&) {}, {{"allowedKeyIds", "k1"}}, "INVALID_CHALLENGE", json::object(), false},
-      {"INVALID_CHALLENGE",
-       [](auto& h) { h.enrolled("k1"); },
-       {{"challenge", " \t\n"}, {"allowedKeyIds", "k1"}},
-       "INVALID_CHALLENGE",
-       json::object(),
-       false},
-      {"NO_KEY_IDS", [](auto&) {}, {{"challenge", "c"}}, "DEVICE_BINDING_NOT_ENROLLED", json::object(), false},
-      {"NO_KEY_IDS",
-       [](auto&) {},
-       {{"challenge", "c"}, {"allowedKeyIds", {"", "  ", "\n"}}},
-       "DEVICE_BINDING_NOT_ENROLLED",
-       json::object(),
-       false},
-      {"NO_KEY_IDS",
-       [](auto& h) { h.enrolled("k1"); },
-       {{"challenge", "c"}, {"allowedKeyIds", {{"k1", "k1"}}}},
-       "DEVICE_BINDING_NOT_ENROLLED",
-       json::object(),
-       false},
-      {"KEY_NOT_FOUND",
-       [](auto& h) {
-         h.enrolled("a");
-         h.enrolled("b");
-       },
-       {{"challenge", "c"}, {"allowedKeyIds", "a,b"}},
-       "DEVICE_BINDING_NOT_ENROLLED",
-       json::object(),
-       false},
-      {"KEY_INVALIDATED",
-       [](auto& h) {
-         h.enrolled("k1", "biometry-0");
-         h.enrolled("k2");
-       },
-       twoIds,
-       "DEVICE_BINDING_KEY_INVALIDATED",
-       {{"keyId", "k1"}, {"keyDeleted", true}},
-       false},
-      {"KEY_INVALIDATED",
-       [](auto& h) {
-         h.enrolled("k1");
-         h.keychain.answer(Operation::copyMatching, {{ZavloKeychainKey::kSecReturnRef, true}},
-                           ZavloKeychainStatus::itemNotFound);
-       },
-       twoIds,
-       "DEVICE_BINDING_KEY_INVALIDATED",
-       {{"keyId", "k1"}, {"keyDeleted", true}},
-       true},
-      {"SIGN_ERROR",
-       [](auto& h) {
-         h.enrolled("k1");
-         h.keys.fail(ZavloTestSecureKeys::Operation::createSignature, {-3, "no"});
-       },
-       twoIds,
-       "DEVICE_BINDING_SIGN_FAILED",
-       {{"osErrorCode", -3}},
-       true},
+      {"INVALID_CHALLENGE", none, {{"allowedKeyIds", "k1"}}, "INVALID_CHALLENGE", noExtra, false},
+      {"INVALID_CHALLENGE", k1, {{"challenge", " \t\n"}, {"allowedKeyIds", "k1"}}, "INVALID_CHALLENGE", noExtra, false},
+      {"NO_KEY_IDS", none, {{"challenge", "c"}}, kNotEnrolled, noExtra, false},
+      {"NO_KEY_IDS", none, {{"challenge", "c"}, {"allowedKeyIds", {"", "  ", "\n"}}}, kNotEnrolled, noExtra, false},
+      {"NO_KEY_IDS", k1, {{"challenge", "c"}, {"allowedKeyIds", {{"k1", "k1"}}}}, kNotEnrolled, noExtra, false},
+      {"KEY_NOT_FOUND", ab, {{"challenge", "c"}, {"allowedKeyIds", "a,b"}}, kNotEnrolled, noExtra, false},
+      {"KEY_INVALIDATED", k1Invalid, twoIds, kInvalidated, deleted, false},
+      {"KEY_INVALIDATED", k1Vanishes, twoIds, kInvalidated, deleted, true},
+      {"SIGN_ERROR", signFails, twoIds, "DEVICE_BINDING_SIGN_FAILED", {{"osErrorCode", -3}}, true},
   };
   const std::map<std::string, std::string> messages = {
       {"INVALID_CHALLENGE", "Invalid or empty challenge provided."},

@@ -28,80 +28,58 @@ json described(const ZavloTestKeychain::Call& call) {
 }  // namespace
 
 TEST(ZavloDeviceBindingState, ReportsEveryStateWordSynchronouslyWithoutTelemetry) {
+  using Arrange = std::function<void(ZavloBindingHarness&)>;
   struct Case {
     const char* name;
-    std::function<void(ZavloBindingHarness&)> arrange;
+    Arrange arrange;
     json config;
     json expected;
     bool keychainUntouched;
   };
+  const json k1 = {{"keyId", "k1"}};
+  const Arrange none = [](auto&) {};
+  const Arrange changed = [](auto& h) { h.enrolled("k1", "biometry-0"); };
+  const Arrange enrolled = [](auto& h) { h.enrolled("k1"); };
+  const Arrange noRecord = [](auto& h) { h.enrolled("k1", std::nullopt); };
+  const Arrange noScreenLock = [](auto& h) {
+    h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {false});
+  };
+  const Arrange hardware = [](auto& h) {
+    h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {true, false});
+  };
+  const Arrange needsInteraction = [](auto& h) {
+    h.keychain.answer(Operation::copyMatching,
+                      {{ZavloKeychainKey::kSecAttrApplicationTag, ZavloBindingHarness::tag("k9")}},
+                      ZavloKeychainStatus::interactionNotAllowed);
+  };
+  const Arrange biometricsRemoved = [](auto& h) {
+    h.enrolled("k1", "biometry-0");
+    h.owner.setCanEvaluatePolicy(Policy::deviceOwnerAuthenticationWithBiometrics, false);
+  };
+  const Arrange recordFails = [](auto& h) {
+    h.enrolled("k1", "biometry-0");
+    h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"),
+                      ZavloKeychainStatus::decode);
+  };
+  const Arrange recordNotBytes = [](auto& h) {
+    h.enrolled("k1", "biometry-0");
+    h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"), 0,
+                      ZavloKeychainItem{std::shared_ptr<ZavloSecureKey>()});
+  };
   const std::vector<Case> cases = {
-      {"no screen lock",
-       [](auto& h) { h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {false}); },
-       {{"keyId", "k1"}},
-       stateOf("NO_SCREEN_LOCK"),
-       false},
-      {"second evaluation fails",
-       [](auto& h) {
-         h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {true, false});
-       },
-       {{"keyId", "k1"}},
-       stateOf("UNSUPPORTED"),
-       false},
-      {"missing key id", [](auto&) {}, json::object(), stateOf("NOT_ENROLLED"), true},
-      {"blank key id", [](auto&) {}, {{"keyId", " \n\t\u2003"}}, stateOf("NOT_ENROLLED"), true},
-      {"no key", [](auto&) {}, {{"keyId", "nobody"}}, stateOf("NOT_ENROLLED"), false},
-      {"enrolled, padded id",
-       [](auto& h) { h.enrolled("k1"); },
-       {{"keyId", "  k1\n"}},
-       stateOf("ENROLLED", "k1"),
-       false},
+      {"no screen lock", noScreenLock, k1, stateOf("NO_SCREEN_LOCK"), false},
+      {"second evaluation fails", hardware, k1, stateOf("UNSUPPORTED"), false},
+      {"missing key id", none, json::object(), stateOf("NOT_ENROLLED"), true},
+      {"blank key id", none, {{"keyId", " \n\t\u2003"}}, stateOf("NOT_ENROLLED"), true},
+      {"no key", none, {{"keyId", "nobody"}}, stateOf("NOT_ENROLLED"), false},
+      {"enrolled, padded id", enrolled, {{"keyId", "  k1\n"}}, stateOf("ENROLLED", "k1"), false},
       {"number as key id", [](auto& h) { h.enrolled("42"); }, {{"keyId", 42}}, stateOf("ENROLLED", "42"), false},
-      {"key that needs interaction",
-       [](auto& h) {
-         h.keychain.answer(Operation::copyMatching,
-                           {{ZavloKeychainKey::kSecAttrApplicationTag, ZavloBindingHarness::tag("k9")}},
-                           ZavloKeychainStatus::interactionNotAllowed);
-       },
-       {{"keyId", "k9"}},
-       stateOf("ENROLLED", "k9"),
-       false},
-      {"biometrics changed",
-       [](auto& h) { h.enrolled("k1", "biometry-0"); },
-       {{"keyId", "k1"}},
-       stateOf("INVALIDATED", "k1"),
-       false},
-      {"enrolled without biometrics, biometrics added since",
-       [](auto& h) { h.enrolled("k1", std::nullopt); },
-       {{"keyId", "k1"}},
-       stateOf("ENROLLED", "k1"),
-       false},
-      {"biometrics changed, then removed",
-       [](auto& h) {
-         h.enrolled("k1", "biometry-0");
-         h.owner.setCanEvaluatePolicy(Policy::deviceOwnerAuthenticationWithBiometrics, false);
-       },
-       {{"keyId", "k1"}},
-       stateOf("ENROLLED", "k1"),
-       false},
-      {"record lookup fails",
-       [](auto& h) {
-         h.enrolled("k1", "biometry-0");
-         h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"),
-                           ZavloKeychainStatus::decode);
-       },
-       {{"keyId", "k1"}},
-       stateOf("ENROLLED", "k1"),
-       false},
-      {"record answers something other than bytes",
-       [](auto& h) {
-         h.enrolled("k1", "biometry-0");
-         h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"), 0,
-                           ZavloKeychainItem{std::shared_ptr<ZavloSecureKey>()});
-       },
-       {{"keyId", "k1"}},
-       stateOf("ENROLLED", "k1"),
-       false},
+      {"key that needs interaction", needsInteraction, {{"keyId", "k9"}}, stateOf("ENROLLED", "k9"), false},
+      {"biometrics changed", changed, k1, stateOf("INVALIDATED", "k1"), false},
+      {"enrolled without biometrics, biometrics added since", noRecord, k1, stateOf("ENROLLED", "k1"), false},
+      {"biometrics changed, then removed", biometricsRemoved, k1, stateOf("ENROLLED", "k1"), false},
+      {"record lookup fails", recordFails, k1, stateOf("ENROLLED", "k1"), false},
+      {"record answers something other than bytes", recordNotBytes, k1, stateOf("ENROLLED", "k1"), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
