@@ -107,19 +107,6 @@ TEST_F(ZavloTestConnectionTest, AnswersAreAByteStreamCutAtEachReceivesMaximum) {
   EXPECT_EQ(observed.complete, (std::vector<bool>{false, false, true, true}));
 }
 
-TEST_F(ZavloTestConnectionTest, DelayedAnswerArrivesOnTheVirtualClock) {
-  auto script = ZavloTestConnectionScript::answering("late");
-  script.answerDelay = 11s;
-  platform.connections().script("op.test", 80, script);
-  auto connection = open("op.test", 80);
-  receive(*connection);
-  platform.advanceBy(10s);
-  EXPECT_TRUE(observed.received.empty());
-  EXPECT_EQ(platform.connections().last()->pendingReceives().size(), 1U);
-  platform.advanceBy(1s);
-  EXPECT_EQ(observed.received, std::vector<std::string>{"late"});
-}
-
 TEST_F(ZavloTestConnectionTest, UnscriptedConnectionIsDrivenByTheTest) {
   auto connection = open("op.test", 80);
   auto driven = platform.connections().last();
