@@ -116,8 +116,14 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
   using Arrange = std::function<void(ZavloBindingHarness&)>;
   const Arrange none = [](auto&) {};
   const Arrange k1 = [](auto& h) { h.enrolled("k1"); };
-  const Arrange ab = [](auto& h) { h.enrolled("a"), h.enrolled("b"); };
-  const Arrange k1Invalid = [](auto& h) { h.enrolled("k1", "biometry-0"), h.enrolled("k2"); };
+  const Arrange ab = [](auto& h) {
+    h.enrolled("a");
+    h.enrolled("b");
+  };
+  const Arrange k1Invalid = [](auto& h) {
+    h.enrolled("k1", "biometry-0");
+    h.enrolled("k2");
+  };
   // The key existed when looked for, and is gone when fetched after the prompt.
   const Arrange k1Vanishes = [](auto& h) {
     h.enrolled("k1");
