@@ -1,7 +1,8 @@
 // A host that only runs silent authentication: it installs a Linux platform, then runs
-// setup, initAuth and startAuth against the URL it is given, printing each completion.
+// setup, initAuth and startAuth against the URL it is given, then tries to enrol a binding
+// key, printing each completion.
 //   zavlo-sna-only URL [--cellular INTERFACE]... [--telemetry-endpoint URL]
-// Exits 0 when initAuth succeeded and startAuth completed (either way), 1 otherwise, 2 on a
+// Exits 0 when initAuth succeeded and the rest completed (either way), 1 otherwise, 2 on a
 // usage error. It links no key store and no owner authentication, and says so.
 #include <chrono>
 #include <iostream>
@@ -84,5 +85,10 @@ int main(int argc, char** argv) {
   if (!print("initAuth", init)) return 1;
   if (!*init) return 1;  // no session (no cellular path, say): nothing to authenticate
   const auto sna = await(*platform, [&](auto completion) { wrapper.startAuth(*url, completion); });
-  return print("startAuth", sna) ? 0 : 1;
+  if (!print("startAuth", sna)) return 1;
+  // Without a key store or an owner to ask, binding must refuse rather than make a key.
+  const auto enrol = await(*platform, [&](auto completion) {
+    wrapper.enrollDeviceBinding({{"keyId", "sna-only"}, {"challenge", "nonce"}}, completion);
+  });
+  return print("enrollDeviceBinding", enrol) ? 0 : 1;
 }
