@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
-#include "Platform/ZavloKeychain.hpp"
+#include "Platform/ZavloKeyStore.hpp"
 
 /// What the owner must prove, with the platform's values.
 enum class ZavloOwnerAuthenticationPolicy : int {
@@ -46,12 +48,31 @@ struct ZavloOwnerAuthenticationError {
   friend bool operator==(const ZavloOwnerAuthenticationError&, const ZavloOwnerAuthenticationError&) = default;
 };
 
+/// What the owner gave at a prompt that succeeded, for the key store to check: the secret
+/// they typed, if any. Implementations keep the secret out of swap and core dumps where the
+/// system allows, and wipe it when the proof goes.
+class ZavloOwnerProof {
+ public:
+  ZavloOwnerProof() = default;
+  ZavloOwnerProof(const ZavloOwnerProof&) = delete;
+  ZavloOwnerProof& operator=(const ZavloOwnerProof&) = delete;
+  virtual ~ZavloOwnerProof() = default;
+
+  /// The secret's bytes (a password, a PIN); empty when the owner gave none (a fingerprint,
+  /// a host that answers prompts itself without a secret).
+  [[nodiscard]] virtual std::span<const std::uint8_t> secret() const = 0;
+  /// True when an authority other than the key store (PAM) accepted the secret: only then
+  /// does a store that refuses it mean that the secret changed since the key was made.
+  [[nodiscard]] virtual bool verified() const = 0;
+};
+
 /// One owner-authentication context: asks whether a policy can be evaluated, prompts the
-/// owner, and, once evaluated, lets keys be used without prompting again.
+/// owner, and, once evaluated, holds the proof the owner gave for the key store.
 ///
 /// Threading contract: every operation may be called from any thread. evaluatePolicy
-/// returns at once; the reply runs exactly once, on an arbitrary thread (never inline in
-/// the call), unless the context is destroyed first on a platform that cancels then.
+/// returns at once and never throws; the reply runs exactly once, on an arbitrary thread
+/// (never inline in the call, except with an error when the evaluation cannot start at
+/// all), unless the context is destroyed first on a platform that cancels then.
 class ZavloOwnerAuthenticationContext {
  public:
   using Reply = std::function<void(bool success, std::optional<ZavloOwnerAuthenticationError> error)>;
@@ -68,6 +89,7 @@ class ZavloOwnerAuthenticationContext {
                               Reply reply) = 0;
   /// An opaque digest of the enrolled biometrics; absent without usable biometrics.
   virtual std::optional<ZavloBytes> evaluatedPolicyDomainState() = 0;
-  /// True once an evaluation of this context has succeeded.
-  [[nodiscard]] virtual bool isAuthenticated() const = 0;
+  /// The proof of the evaluation that succeeded, handed out once: later calls, and calls
+  /// before a success, answer null.
+  virtual std::unique_ptr<ZavloOwnerProof> takeOwnerProof() = 0;
 };

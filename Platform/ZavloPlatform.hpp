@@ -2,16 +2,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "Platform/ZavloConnection.hpp"
 #include "Platform/ZavloDeviceInfo.hpp"
 #include "Platform/ZavloHttpSession.hpp"
-#include "Platform/ZavloKeychain.hpp"
+#include "Platform/ZavloKeyStore.hpp"
 #include "Platform/ZavloOwnerAuthentication.hpp"
 #include "Platform/ZavloPathMonitor.hpp"
 #include "Platform/ZavloQueue.hpp"
-#include "Platform/ZavloSecureKeys.hpp"
 
 /// Every system service the library reaches, behind one injectable object. Managers take
 /// the services they need in their constructors; only the process-wide shared()
@@ -38,12 +38,13 @@ class ZavloPlatform {
   /// A new connection to host:port, not yet started.
   virtual std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                           ZavloConnectionParameters parameters) = 0;
-  /// The persistent item store (generic passwords and private keys).
-  virtual ZavloKeychain& keychain() = 0;
-  /// Key creation and use; permanent keys live in keychain().
-  virtual ZavloSecureKeys& secureKeys() = 0;
+  /// Device binding's keys and domain-state records.
+  virtual ZavloKeyStore& keyStore() = 0;
   /// A new owner-authentication context: one per prompt, never shared or reused.
   virtual std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() = 0;
+  /// Fills bytes from a cryptographically secure generator whose output differs in every
+  /// process, also between a parent and a child forked from it (key ids are made of it).
+  virtual void fillRandom(std::span<std::uint8_t> bytes) = 0;
 
   /// The process-wide platform: the one installed, or zavloMakeDefaultPlatform()'s on first use.
   static ZavloPlatform& current();

@@ -27,11 +27,11 @@ class ZavloPlatformWrapper : public ZavloPlatform {
                                                   ZavloConnectionParameters parameters) override {
     return wrapped_.makeConnection(host, port, std::move(parameters));
   }
-  ZavloKeychain& keychain() override { return wrapped_.keychain(); }
-  ZavloSecureKeys& secureKeys() override { return wrapped_.secureKeys(); }
+  ZavloKeyStore& keyStore() override { return wrapped_.keyStore(); }
   std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override {
     return wrapped_.makeOwnerAuthenticationContext();
   }
+  void fillRandom(std::span<std::uint8_t> bytes) override { wrapped_.fillRandom(bytes); }
 
   [[nodiscard]] ZavloPlatform& wrapped() const noexcept { return wrapped_; }
 

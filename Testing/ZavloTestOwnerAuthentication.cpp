@@ -1,9 +1,10 @@
 #include "Testing/ZavloTestOwnerAuthentication.hpp"
 
-#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
+
+#include "Testing/ZavloTestKeyStore.hpp"
 
 using Policy = ZavloOwnerAuthenticationPolicy;
 using Reply = ZavloOwnerAuthenticationContext::Reply;
@@ -23,6 +24,8 @@ struct ZavloTestOwnerAuthentication::State {
   std::map<Policy, std::deque<bool>> queued;
   std::map<Policy, std::size_t> askCount;
   std::optional<ZavloBytes> domainState = zavloBytes("biometry-1");
+  std::string secret = "owner secret";
+  bool secretVerified = true;
   std::deque<std::optional<Outcome>> scripted;
   std::optional<Outcome> defaultOutcome = Outcome::succeeded();
   std::vector<Prompt> prompts;
@@ -100,16 +103,29 @@ class ZavloTestOwnerAuthentication::Context final : public ZavloOwnerAuthenticat
     return domainState_;
   }
 
-  [[nodiscard]] bool isAuthenticated() const override { return authenticated_; }
+  std::unique_ptr<ZavloOwnerProof> takeOwnerProof() override {
+    std::lock_guard lock(mutex_);
+    return std::move(proof_);
+  }
 
-  void markAuthenticated() { authenticated_ = true; }
+  void authenticated() {
+    std::string secret;
+    bool verified = false;
+    {
+      std::lock_guard lock(state_->mutex);
+      secret = state_->secret;
+      verified = state_->secretVerified;
+    }
+    std::lock_guard lock(mutex_);
+    proof_ = std::make_unique<ZavloTestOwnerProof>(secret, verified);
+  }
 
  private:
   const std::shared_ptr<State> state_;
   mutable std::mutex mutex_;
   std::optional<std::string> fallbackTitle_;
   std::optional<ZavloBytes> domainState_;
-  std::atomic<bool> authenticated_{false};
+  std::unique_ptr<ZavloOwnerProof> proof_;
 };
 
 void ZavloTestOwnerAuthentication::State::deliver(std::size_t index, const std::weak_ptr<Context>& context, Reply reply,
@@ -120,7 +136,7 @@ void ZavloTestOwnerAuthentication::State::deliver(std::size_t index, const std::
   }
   replyQueue->post([context, reply = std::move(reply), outcome = std::move(outcome)] {
     if (outcome.success) {
-      if (const auto evaluated = context.lock()) evaluated->markAuthenticated();
+      if (const auto evaluated = context.lock()) evaluated->authenticated();
     }
     if (reply) reply(outcome.success, outcome.error);
   });
@@ -160,6 +176,12 @@ void ZavloTestOwnerAuthentication::queueCanEvaluatePolicyAnswers(Policy policy, 
 void ZavloTestOwnerAuthentication::setBiometryDomainState(std::optional<ZavloBytes> state) {
   std::lock_guard lock(state_->mutex);
   state_->domainState = std::move(state);
+}
+
+void ZavloTestOwnerAuthentication::setOwnerSecret(std::string secret, bool verified) {
+  std::lock_guard lock(state_->mutex);
+  state_->secret = std::move(secret);
+  state_->secretVerified = verified;
 }
 
 void ZavloTestOwnerAuthentication::scriptNextPrompt(Outcome outcome) {

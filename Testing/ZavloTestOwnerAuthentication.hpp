@@ -18,8 +18,11 @@
 /// evaluatePolicy call, and only while biometrics can be evaluated; before any call it
 /// reports none, as a fresh context on the device does.
 ///
+/// A prompt that succeeds leaves its context a proof: the owner's secret as set by
+/// setOwnerSecret, verified or not.
+///
 /// Defaults: both policies can be evaluated, the domain state is the bytes "biometry-1",
-/// and every prompt succeeds.
+/// every prompt succeeds, and the owner's secret is "owner secret", verified.
 ///
 /// Threading contract: every method is callable from any thread; replies run on the reply
 /// queue, outside every lock.
@@ -69,6 +72,9 @@ class ZavloTestOwnerAuthentication {
   void queueCanEvaluatePolicyAnswers(Policy policy, std::vector<bool> answers);
   /// The enrolled biometrics; absent means none enrolled.
   void setBiometryDomainState(std::optional<ZavloBytes> state);
+  /// The secret the proofs of later successful prompts carry (empty: none), and whether an
+  /// authority other than the key store verified it.
+  void setOwnerSecret(std::string secret, bool verified);
 
   /// How the next prompt ends (prompts take scripted outcomes in order).
   void scriptNextPrompt(Outcome outcome);

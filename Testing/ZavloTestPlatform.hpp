@@ -9,11 +9,10 @@
 #include "Testing/ZavloTestConnection.hpp"
 #include "Testing/ZavloTestDeviceInfo.hpp"
 #include "Testing/ZavloTestHttp.hpp"
-#include "Testing/ZavloTestKeychain.hpp"
+#include "Testing/ZavloTestKeyStore.hpp"
 #include "Testing/ZavloTestOwnerAuthentication.hpp"
 #include "Testing/ZavloTestPathMonitor.hpp"
 #include "Testing/ZavloTestScheduler.hpp"
-#include "Testing/ZavloTestSecureKeys.hpp"
 
 /// A deterministic platform for unit tests and for hosts testing their integration:
 /// every queue runs on one virtual clock that only the test moves.
@@ -35,11 +34,12 @@ class ZavloTestPlatform final : public ZavloPlatform {
                                                   ZavloConnectionParameters parameters) override {
     return connections_.make(host, port, std::move(parameters));
   }
-  ZavloKeychain& keychain() override { return keychain_; }
-  ZavloSecureKeys& secureKeys() override { return secureKeys_; }
+  ZavloKeyStore& keyStore() override { return keyStore_; }
   std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override {
     return ownerAuthentication_.makeContext();
   }
+  /// A deterministic stream (a counter through a mixer): tests may compare runs.
+  void fillRandom(std::span<std::uint8_t> bytes) override;
 
   ZavloTestDeviceInfo& testDeviceInfo() { return deviceInfo_; }
   /// The scripted network path that every monitor of this platform reports.
@@ -51,9 +51,8 @@ class ZavloTestPlatform final : public ZavloPlatform {
   ZavloTestScheduler& scheduler() { return *scheduler_; }
   /// Every request of every HTTP session made by this platform, answered by the test.
   ZavloTestHttp& http() { return http_; }
-  /// The in-memory keychain behind keychain() and the key store.
-  ZavloTestKeychain& testKeychain() { return keychain_; }
-  ZavloTestSecureKeys& testSecureKeys() { return secureKeys_; }
+  /// The in-memory key store behind keyStore().
+  ZavloTestKeyStore& testKeyStore() { return keyStore_; }
   /// Scripted owner authentication; replies arrive on the "owner-authentication" queue of
   /// this platform's clock.
   ZavloTestOwnerAuthentication& ownerAuthentication() { return ownerAuthentication_; }
@@ -68,7 +67,8 @@ class ZavloTestPlatform final : public ZavloPlatform {
   ZavloTestHttp http_{scheduler_};
   // Connections use the interfaces of the scripted path current when they start.
   ZavloTestConnections connections_{[paths = pathMonitors_] { return paths.currentPath().availableInterfaces; }};
-  ZavloTestKeychain keychain_;
-  ZavloTestSecureKeys secureKeys_{keychain_};
+  ZavloTestKeyStore keyStore_;
+  std::mutex randomMutex_;
+  std::uint64_t randomCounter_ = 0;
   ZavloTestOwnerAuthentication ownerAuthentication_{scheduler_->makeQueue("owner-authentication")};
 };

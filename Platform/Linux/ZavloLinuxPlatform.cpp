@@ -4,7 +4,9 @@
 #include "Platform/Linux/Network/ZavloLinuxHttpSession.hpp"
 #include "Platform/Linux/Network/ZavloLinuxPathMonitor.hpp"
 
+#include <openssl/rand.h>
 #include <pwd.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -28,10 +30,11 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
       deviceInfo_(std::move(options.hostApplicationVersion)),
       classifier_(std::move(options.cellularInterfaces)),
       trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
-      keyStoreSettings_{.path = options.keychainPath.value_or(defaultKeychainPath()),
-                        .defaultPath = !options.keychainPath,
-                        .keychain = std::move(options.keychain),
-                        .keyToken = std::move(options.keyToken)},
+      keyStoreSettings_{.path = options.keyFilePath.value_or(defaultKeyFilePath()),
+                        .defaultPath = !options.keyFilePath,
+                        .file = std::move(options.keyFile),
+                        .keyToken = std::move(options.keyToken),
+                        .tpm = std::move(options.tpm)},
       ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication))),
       connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_)
                               : ZavloLinuxConnectionService(classifier_, runLoop_)) {}
@@ -58,7 +61,7 @@ std::shared_ptr<ZavloHttpSession> ZavloLinuxPlatform::makeHttpSession(
   return std::make_shared<ZavloLinuxHttpSession>(configuration);
 }
 
-std::string ZavloLinuxPlatform::defaultKeychainPath() {
+std::string ZavloLinuxPlatform::defaultKeyFilePath() {
   const char* data = std::getenv("XDG_DATA_HOME");
   std::string folder;
   if (data != nullptr && *data == '/') {
@@ -80,22 +83,32 @@ void ZavloLinuxPlatform::openKeyStore() {
       keyStore_ = zavloLinuxKeyStoreFactory(keyStoreSettings_);
       return;
     }
-    keyStore_ = {std::make_shared<ZavloLinuxUnavailableKeychain>(),
-                 std::make_shared<ZavloLinuxUnavailableSecureKeys>()};
+    keyStore_ = {std::make_shared<ZavloLinuxUnavailableKeyStore>(), "no key store (the host links none)"};
   });
 }
 
-ZavloKeychain& ZavloLinuxPlatform::keychain() {
+ZavloKeyStore& ZavloLinuxPlatform::keyStore() {
   openKeyStore();
-  return *keyStore_.keychain;
+  return *keyStore_.store;
 }
 
-ZavloSecureKeys& ZavloLinuxPlatform::secureKeys() {
+const std::string& ZavloLinuxPlatform::keyStoreDescription() {
   openKeyStore();
-  return *keyStore_.secureKeys;
+  return keyStore_.description;
 }
 
 std::shared_ptr<ZavloOwnerAuthenticationContext> ZavloLinuxPlatform::makeOwnerAuthenticationContext() {
   if (!ownerAuthentication_.makeContext) return std::make_shared<ZavloLinuxUnavailableOwnerAuthenticationContext>();
   return ownerAuthentication_.makeContext();
+}
+
+void ZavloLinuxPlatform::fillRandom(std::span<std::uint8_t> bytes) {
+  if (bytes.empty()) return;
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1) return;
+  // OpenSSL could not seed itself: the kernel's generator, which blocks only until the
+  // system has entropy at all.
+  for (std::size_t done = 0; done < bytes.size();) {
+    const auto got = getrandom(bytes.data() + done, bytes.size() - done, 0);
+    if (got > 0) done += static_cast<std::size_t>(got);
+  }
 }

@@ -19,8 +19,8 @@
 ///
 /// The key store and owner authentication come from the targets that make them
 /// (ZavloAuthenticationSDK::LinuxKeys, ::LinuxOwner; ::Linux links both). Without the first,
-/// every keychain and key operation fails with notAvailable; without the second, no policy
-/// can be evaluated and every prompt fails with biometryNotAvailable.
+/// every key store operation fails as unavailable; without the second, no policy can be
+/// evaluated and every prompt fails with biometryNotAvailable.
 class ZavloLinuxPlatform final : public ZavloPlatform {
  public:
   struct Options {
@@ -30,18 +30,21 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// Trust anchors (PEM) that every TLS connection accepts beside the system trust store:
     /// a private operator CA, or a test's own.
     std::vector<std::string> additionalTrustAnchorsPem = {};
-    /// The key store file. By default zavlo-auth/keychain.db in the user's data directory
+    /// The key file. By default zavlo-auth/keychain.db in the user's data directory
     /// ($XDG_DATA_HOME, else ~/.local/share), whose missing folders are then made (0700);
     /// a path given here must be in a folder that exists. Nothing is opened or created
-    /// before the first keychain operation.
-    std::optional<std::string> keychainPath = {};
-    /// Keychain tracing and failure descriptions (createDirectory applies to a given path);
-    /// the trace also receives a key token's failures.
-    ZavloLinuxKeychain::Options keychain = {};
+    /// before the first key store operation.
+    std::optional<std::string> keyFilePath = {};
+    /// Key file tracing and failure descriptions (createDirectory applies to a given path);
+    /// the trace also receives a TPM's and a key token's failures.
+    ZavloLinuxKeyFile::Options keyFile = {};
     /// A PKCS#11 URI (RFC 7512): binding keys are then generated and used inside that
-    /// token, and only the other keychain items stay in the keychain file. Absent: keys
-    /// are software keys kept in the keychain file.
+    /// token, and only the domain-state records stay in the key file.
     std::optional<std::string> keyToken = {};
+    /// The TPM 2.0 that makes new keys, as a tpm2-tss TCTI string ("" for the system's
+    /// TPM, device:/dev/tpmrm0). Absent: the system's TPM when it answers, else keys sealed
+    /// under the owner's secret in the key file.
+    std::optional<std::string> tpm = {};
     /// How the device owner is authenticated: PAM by default.
     ZavloLinuxOwnerAuthentication::Options ownerAuthentication = {};
     /// The main queue: every completion, connection event, timer and prompt reply of the
@@ -61,15 +64,18 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                   ZavloConnectionParameters parameters) override;
   /// The key store opens its file on first use; a file that cannot be used makes every
-  /// operation fail with a status (Options::keychain.trace says why).
-  ZavloKeychain& keychain() override;
-  ZavloSecureKeys& secureKeys() override;
+  /// operation fail (Options::keyFile.trace says why).
+  ZavloKeyStore& keyStore() override;
   std::shared_ptr<ZavloOwnerAuthenticationContext> makeOwnerAuthenticationContext() override;
+  /// OpenSSL's RAND_bytes, which reseeds in a forked child.
+  void fillRandom(std::span<std::uint8_t> bytes) override;
+  /// Where new keys go, in words (for traces); opens the key store.
+  const std::string& keyStoreDescription();
 
   /// Null when the host links no owner authentication.
   ZavloLinuxOwnerAuthentication* ownerAuthentication() { return ownerAuthentication_.authentication.get(); }
-  /// The default key store path for this user (see Options::keychainPath).
-  static std::string defaultKeychainPath();
+  /// The default key file path for this user (see Options::keyFilePath).
+  static std::string defaultKeyFilePath();
 
   /// The run loop, for the host to run when it gave no main queue of its own (otherwise
   /// nothing is ever posted to it).
@@ -86,7 +92,7 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   std::vector<std::string> trustAnchors_;
   ZavloLinuxKeyStoreSettings keyStoreSettings_;
   std::once_flag keyStoreOpened_;
-  ZavloLinuxKeyStore keyStore_;
+  ZavloLinuxKeyStoreService keyStore_;
   ZavloLinuxOwnerAuthenticationService ownerAuthentication_;
   ZavloLinuxConnectionService connections_;  // last: its I/O stops first
 };

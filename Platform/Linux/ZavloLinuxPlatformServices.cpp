@@ -1,53 +1,40 @@
 #include "Platform/Linux/ZavloLinuxPlatformServices.hpp"
 
+#include <system_error>
 #include <thread>
 #include <utility>
 
-namespace {
-
-constexpr const char* kNoKeyStore = "no key store: the host links no ZavloAuthenticationSDK::LinuxKeys";
-
-ZavloFailure<ZavloSecureKeyError> noKeyStore() {
-  return zavloFailure(ZavloSecureKeyError{ZavloKeychainStatus::notAvailable, kNoKeyStore});
+ZavloKeyStoreError ZavloLinuxUnavailableKeyStore::error() {
+  return {ZavloKeyStoreFailure::unavailable, 0, "no key store: the host links no ZavloAuthenticationSDK::LinuxKeys"};
 }
 
-}  // namespace
-
-ZavloKeychainQueryResult ZavloLinuxUnavailableKeychain::copyMatching(const ZavloKeychainAttributes& /*query*/) {
-  return {ZavloKeychainStatus::notAvailable, std::nullopt};
+ZavloKeyStoreResult<ZavloCreatedKey> ZavloLinuxUnavailableKeyStore::createKey(const ZavloBytes& /*tag*/,
+                                                                              const ZavloOwnerProof& /*proof*/) {
+  return zavloFailure(error());
 }
 
-std::int32_t ZavloLinuxUnavailableKeychain::add(const ZavloKeychainAttributes& /*attributes*/) {
-  return ZavloKeychainStatus::notAvailable;
+ZavloKeyStoreResult<std::optional<ZavloKeyLocation>> ZavloLinuxUnavailableKeyStore::findKey(const ZavloBytes& /*tag*/) {
+  return zavloFailure(error());
 }
 
-std::int32_t ZavloLinuxUnavailableKeychain::remove(const ZavloKeychainAttributes& /*query*/) {
-  return ZavloKeychainStatus::notAvailable;
+ZavloKeyStoreResult<ZavloBytes> ZavloLinuxUnavailableKeyStore::sign(const ZavloBytes& /*tag*/,
+                                                                    std::span<const std::uint8_t> /*message*/,
+                                                                    const ZavloOwnerProof& /*proof*/) {
+  return zavloFailure(error());
 }
 
-ZavloSecureKeyResult<std::shared_ptr<const ZavloAccessControl>> ZavloLinuxUnavailableSecureKeys::createAccessControl(
-    const std::string& /*protection*/, std::uint64_t /*flags*/) {
-  return noKeyStore();
+ZavloKeyStoreResult<bool> ZavloLinuxUnavailableKeyStore::deleteKey(const ZavloBytes& /*tag*/) {
+  return zavloFailure(error());
 }
 
-ZavloSecureKeyResult<std::shared_ptr<ZavloSecureKey>> ZavloLinuxUnavailableSecureKeys::createRandomKey(
-    const ZavloKeychainAttributes& /*attributes*/) {
-  return noKeyStore();
+ZavloKeyStoreResult<std::optional<ZavloBytes>> ZavloLinuxUnavailableKeyStore::domainState(
+    const std::string& /*keyId*/) {
+  return zavloFailure(error());
 }
 
-std::shared_ptr<ZavloPublicKey> ZavloLinuxUnavailableSecureKeys::copyPublicKey(const ZavloSecureKey& /*key*/) {
-  return nullptr;
-}
-
-ZavloSecureKeyResult<ZavloBytes> ZavloLinuxUnavailableSecureKeys::copyExternalRepresentation(
-    const ZavloPublicKey& /*key*/) {
-  return noKeyStore();
-}
-
-ZavloSecureKeyResult<ZavloBytes> ZavloLinuxUnavailableSecureKeys::createSignature(const ZavloSecureKey& /*key*/,
-                                                                                  std::string_view /*algorithm*/,
-                                                                                  const ZavloBytes& /*message*/) {
-  return noKeyStore();
+ZavloKeyStoreResult<ZavloVoid> ZavloLinuxUnavailableKeyStore::setDomainState(
+    const std::string& /*keyId*/, const std::optional<ZavloBytes>& /*state*/) {
+  return zavloFailure(error());
 }
 
 ZavloOwnerAuthenticationError ZavloLinuxUnavailableOwnerAuthenticationContext::error() {
@@ -65,12 +52,16 @@ void ZavloLinuxUnavailableOwnerAuthenticationContext::setLocalizedFallbackTitle(
 void ZavloLinuxUnavailableOwnerAuthenticationContext::evaluatePolicy(ZavloOwnerAuthenticationPolicy /*policy*/,
                                                                      const std::string& /*localizedReason*/,
                                                                      Reply reply) {
-  // Never inline in the call, as the contract promises.
-  std::thread([reply = std::move(reply)] { reply(false, error()); }).detach();
+  // Never inline in the call, as the contract promises, unless no thread can be had.
+  try {
+    std::thread([reply] { reply(false, error()); }).detach();
+  } catch (const std::system_error&) {
+    reply(false, error());
+  }
 }
 
 std::optional<ZavloBytes> ZavloLinuxUnavailableOwnerAuthenticationContext::evaluatedPolicyDomainState() {
   return std::nullopt;
 }
 
-bool ZavloLinuxUnavailableOwnerAuthenticationContext::isAuthenticated() const { return false; }
+std::unique_ptr<ZavloOwnerProof> ZavloLinuxUnavailableOwnerAuthenticationContext::takeOwnerProof() { return nullptr; }

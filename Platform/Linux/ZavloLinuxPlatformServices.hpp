@@ -5,11 +5,10 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxKeyFile.hpp"
 #include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
-#include "Platform/ZavloKeychain.hpp"
+#include "Platform/ZavloKeyStore.hpp"
 #include "Platform/ZavloOwnerAuthentication.hpp"
-#include "Platform/ZavloSecureKeys.hpp"
 
 // The services ZavloLinuxPlatform makes through factories, so that its core links neither
 // the key store (SQLite, p11-kit) nor owner authentication (PAM, GIO). The targets
@@ -18,17 +17,23 @@
 
 /// Where and how the platform's key store is kept (ZavloLinuxPlatform::Options).
 struct ZavloLinuxKeyStoreSettings {
+  /// The key file.
   std::string path;
   /// The path is the user's default one, whose missing folders are then made.
   bool defaultPath = false;
-  ZavloLinuxKeychain::Options keychain = {};
+  ZavloLinuxKeyFile::Options file = {};
+  /// A PKCS#11 URI: keys live in that token, the file keeps the domain-state records.
   std::optional<std::string> keyToken = {};
+  /// A tpm2-tss TCTI string for the TPM that makes new keys ("" for the system's TPM).
+  /// Absent: the system's TPM where one answers, else sealed software keys.
+  std::optional<std::string> tpm = {};
 };
 
-/// The keychain and the key service over it; the keys keep what they share alive.
-struct ZavloLinuxKeyStore {
-  std::shared_ptr<ZavloKeychain> keychain;
-  std::shared_ptr<ZavloSecureKeys> secureKeys;
+/// The key store the settings made, and what it is, for traces and `binding state -v`.
+struct ZavloLinuxKeyStoreService {
+  std::shared_ptr<ZavloKeyStore> store;
+  /// Where new keys go, such as "TPM 2.0 (device:/dev/tpmrm0), key file /path".
+  std::string description;
 };
 
 /// Owner authentication as the platform reaches it: through makeContext, so that the
@@ -38,7 +43,7 @@ struct ZavloLinuxOwnerAuthenticationService {
   std::function<std::shared_ptr<ZavloOwnerAuthenticationContext>()> makeContext;
 };
 
-using ZavloLinuxKeyStoreFactory = ZavloLinuxKeyStore (*)(ZavloLinuxKeyStoreSettings settings);
+using ZavloLinuxKeyStoreFactory = ZavloLinuxKeyStoreService (*)(ZavloLinuxKeyStoreSettings settings);
 using ZavloLinuxOwnerAuthenticationFactory =
     ZavloLinuxOwnerAuthenticationService (*)(ZavloLinuxOwnerAuthentication::Options options);
 
@@ -49,25 +54,19 @@ extern const ZavloLinuxKeyStoreFactory zavloLinuxKeyStoreFactory;
 extern const ZavloLinuxOwnerAuthenticationFactory zavloLinuxOwnerAuthenticationFactory;
 }
 
-/// A keychain where every call fails with notAvailable.
-class ZavloLinuxUnavailableKeychain final : public ZavloKeychain {
+/// A key store where every call fails as unavailable.
+class ZavloLinuxUnavailableKeyStore final : public ZavloKeyStore {
  public:
-  ZavloKeychainQueryResult copyMatching(const ZavloKeychainAttributes& query) override;
-  std::int32_t add(const ZavloKeychainAttributes& attributes) override;
-  std::int32_t remove(const ZavloKeychainAttributes& query) override;
-};
+  ZavloKeyStoreResult<ZavloCreatedKey> createKey(const ZavloBytes& tag, const ZavloOwnerProof& proof) override;
+  ZavloKeyStoreResult<std::optional<ZavloKeyLocation>> findKey(const ZavloBytes& tag) override;
+  ZavloKeyStoreResult<ZavloBytes> sign(const ZavloBytes& tag, std::span<const std::uint8_t> message,
+                                       const ZavloOwnerProof& proof) override;
+  ZavloKeyStoreResult<bool> deleteKey(const ZavloBytes& tag) override;
+  ZavloKeyStoreResult<std::optional<ZavloBytes>> domainState(const std::string& keyId) override;
+  ZavloKeyStoreResult<ZavloVoid> setDomainState(const std::string& keyId,
+                                                const std::optional<ZavloBytes>& state) override;
 
-/// Key operations that all fail with notAvailable; there is never a public key.
-class ZavloLinuxUnavailableSecureKeys final : public ZavloSecureKeys {
- public:
-  ZavloSecureKeyResult<std::shared_ptr<const ZavloAccessControl>> createAccessControl(const std::string& protection,
-                                                                                      std::uint64_t flags) override;
-  ZavloSecureKeyResult<std::shared_ptr<ZavloSecureKey>> createRandomKey(
-      const ZavloKeychainAttributes& attributes) override;
-  std::shared_ptr<ZavloPublicKey> copyPublicKey(const ZavloSecureKey& key) override;
-  ZavloSecureKeyResult<ZavloBytes> copyExternalRepresentation(const ZavloPublicKey& key) override;
-  ZavloSecureKeyResult<ZavloBytes> createSignature(const ZavloSecureKey& key, std::string_view algorithm,
-                                                   const ZavloBytes& message) override;
+  static ZavloKeyStoreError error();
 };
 
 /// A context that can evaluate nothing: every policy is biometryNotAvailable, and every
@@ -78,7 +77,7 @@ class ZavloLinuxUnavailableOwnerAuthenticationContext final : public ZavloOwnerA
   void setLocalizedFallbackTitle(std::optional<std::string> title) override;
   void evaluatePolicy(ZavloOwnerAuthenticationPolicy policy, const std::string& localizedReason, Reply reply) override;
   std::optional<ZavloBytes> evaluatedPolicyDomainState() override;
-  [[nodiscard]] bool isAuthenticated() const override;
+  std::unique_ptr<ZavloOwnerProof> takeOwnerProof() override;
 
   static ZavloOwnerAuthenticationError error();
 };

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <string>
 
 #include "Core/ZavloAuthStatus.hpp"
@@ -11,13 +13,13 @@
 #include "Core/ZavloBase64.hpp"
 #include "Core/ZavloGraphemes.hpp"
 #include "Core/ZavloPublicErrors.hpp"
+#include "Core/ZavloUuid.hpp"
 #include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
 
 namespace {
 
-namespace Key = ZavloKeychainKey;
-namespace Status = ZavloKeychainStatus;
+using Failure = ZavloKeyStoreFailure;
 using Policy = ZavloOwnerAuthenticationPolicy;
 using Public = ZavloPublicError;
 using nlohmann::json;
@@ -31,12 +33,6 @@ constexpr const char* kSignOperation = "SIGN";
 constexpr const char* kBiometricResult = "DEVICE_BINDING_BIOMETRIC_RESULT";
 constexpr const char* kKeyCreateResult = "DEVICE_BINDING_KEY_CREATE_RESULT";
 constexpr const char* kSignResult = "DEVICE_BINDING_SIGN_RESULT";
-
-// Usable for signing only, after biometrics of the current set or the device passcode.
-constexpr std::uint64_t kAccessControlFlags =
-    ZavloAccessControlFlags::privateKeyUsage | ZavloAccessControlFlags::orFlag |
-    ZavloAccessControlFlags::devicePasscode | ZavloAccessControlFlags::biometryCurrentSet;
-static_assert(kAccessControlFlags == 0x40004018);
 
 // DER header of a SubjectPublicKeyInfo for id-ecPublicKey on prime256v1; the 65-byte
 // uncompressed point follows it.
@@ -56,18 +52,24 @@ ZavloBytes keyTag(const std::string& keyId) {
   return zavloBytes(tag);
 }
 
-// The attributes that name a key id's private key.
-ZavloKeychainAttributes privateKeyAttributes(const std::string& keyId) {
-  return {{Key::kSecClass, std::string(Key::kSecClassKey)},
-          {Key::kSecAttrApplicationTag, keyTag(keyId)},
-          {Key::kSecAttrKeyType, std::string(Key::kSecAttrKeyTypeECSECPrimeRandom)}};
+// A proof that gives nothing: what a store gets when a context hands out no proof.
+class ZavloEmptyOwnerProof final : public ZavloOwnerProof {
+ public:
+  [[nodiscard]] std::span<const std::uint8_t> secret() const override { return {}; }
+  [[nodiscard]] bool verified() const override { return false; }
+};
+
+std::unique_ptr<ZavloOwnerProof> proofOf(ZavloOwnerAuthenticationContext* context) {
+  auto proof = context ? context->takeOwnerProof() : nullptr;
+  if (!proof) proof = std::make_unique<ZavloEmptyOwnerProof>();
+  return proof;
 }
 
-// The attributes that name a key id's domain-state record.
-ZavloKeychainAttributes domainStateAttributes(const std::string& keyId) {
-  return {{Key::kSecClass, std::string(Key::kSecClassGenericPassword)},
-          {Key::kSecAttrService, std::string(ZavloDeviceBindingManager::kDomainStateService)},
-          {Key::kSecAttrAccount, keyId}};
+// What a store's refusal of the owner's proof is reported as: the failure a prompt that
+// ended so would get.
+ZavloPublicErrors::PromptFailure refusal(Failure failure) {
+  const auto code = failure == Failure::lockedOut ? ZavloLAError::biometryLockout : ZavloLAError::authenticationFailed;
+  return ZavloPublicErrors::promptFailure(ZavloOwnerAuthenticationError::localAuthentication(code, {}));
 }
 
 }  // namespace
@@ -127,12 +129,8 @@ bool ZavloDeviceBindingManager::isDeviceSecure() {
 }
 
 bool ZavloDeviceBindingManager::privateKeyExists(const std::string& keyId) {
-  auto query = privateKeyAttributes(keyId);
-  query.emplace(Key::kSecReturnRef, false);
-  query.emplace(Key::kSecUseAuthenticationUI, std::string(Key::kSecUseAuthenticationUISkip));
-  const auto status = platform_.keychain().copyMatching(query).status;
-  // A key that would need the owner first still exists.
-  return status == Status::success || status == Status::interactionNotAllowed;
+  const auto found = platform_.keyStore().findKey(keyTag(keyId));
+  return found && found.value().has_value();
 }
 
 std::optional<ZavloBytes> ZavloDeviceBindingManager::currentBiometryDomainState() {
@@ -145,45 +143,31 @@ bool ZavloDeviceBindingManager::biometryUnchanged(const std::string& keyId) {
   // Without usable biometrics, or without a record from enrolment, nothing counts as changed.
   const auto current = currentBiometryDomainState();
   if (!current) return true;
-  auto query = domainStateAttributes(keyId);
-  query.emplace(Key::kSecReturnData, true);
-  const auto result = platform_.keychain().copyMatching(query);
-  if (result.status != Status::success || !result.item) return true;
-  const auto* stored = std::get_if<ZavloBytes>(&*result.item);
-  return !stored || *stored == *current;
+  const auto stored = platform_.keyStore().domainState(keyId);
+  if (!stored || !stored.value()) return true;
+  return *stored.value() == *current;
 }
 
 void ZavloDeviceBindingManager::storeBiometryDomainState(const std::string& keyId) {
   const auto current = currentBiometryDomainState();
   if (!current) return;
-  auto attributes = domainStateAttributes(keyId);
-  (void)platform_.keychain().remove(attributes);
-  attributes.emplace(Key::kSecValueData, *current);
-  attributes.emplace(Key::kSecAttrAccessible, std::string(Key::kSecAttrAccessibleAfterFirstUnlockThisDeviceOnly));
-  (void)platform_.keychain().add(attributes);
+  (void)platform_.keyStore().setDomainState(keyId, current);
 }
 
 void ZavloDeviceBindingManager::clearBiometryDomainState(const std::string& keyId) {
-  (void)platform_.keychain().remove(domainStateAttributes(keyId));
+  (void)platform_.keyStore().setDomainState(keyId, std::nullopt);
 }
 
 bool ZavloDeviceBindingManager::deleteKey(const std::string& keyId) {
-  const auto status = platform_.keychain().remove(privateKeyAttributes(keyId));
+  const auto deleted = platform_.keyStore().deleteKey(keyTag(keyId));
   clearBiometryDomainState(keyId);
-  return status == Status::success || status == Status::itemNotFound;
+  return deleted.hasValue();
 }
 
-std::shared_ptr<ZavloSecureKey> ZavloDeviceBindingManager::loadPrivateKey(
-    const std::string& keyId, const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
-  auto query = privateKeyAttributes(keyId);
-  query.emplace(Key::kSecReturnRef, true);
-  query.emplace(Key::kSecUseAuthenticationContext, context);
-  const auto result = platform_.keychain().copyMatching(query);
-  if (result.status == Status::success && result.item) {
-    if (const auto* key = std::get_if<std::shared_ptr<ZavloSecureKey>>(&*result.item); key && *key) return *key;
-  }
-  diagnose("Private key lookup failed with status " + std::to_string(result.status));
-  return nullptr;
+std::string ZavloDeviceBindingManager::newKeyId() {
+  std::array<std::uint8_t, 16> bytes{};
+  platform_.fillRandom(bytes);
+  return zavloRandomUuidText(bytes);
 }
 
 void ZavloDeviceBindingManager::getState(const std::string& keyId, const StateCompletion& completion) {
@@ -210,9 +194,12 @@ void ZavloDeviceBindingManager::prompt(
         onReply) {
   auto context = platform_.makeOwnerAuthenticationContext();
   const std::weak_ptr<ZavloDeviceBindingManager> weakSelf = weak_from_this();
-  // The reply keeps the context alive (signing uses it afterwards) but not the manager.
-  auto reply = [weakSelf, context, onReply = std::move(onReply)](bool success,
-                                                                 std::optional<ZavloOwnerAuthenticationError> error) {
+  // The reply keeps the context alive (its proof is taken afterwards) but not the manager.
+  // It answers once, even if a platform that throws had already scheduled it.
+  auto answered = std::make_shared<std::atomic<bool>>(false);
+  auto reply = [weakSelf, context, answered, onReply = std::move(onReply)](
+                   bool success, std::optional<ZavloOwnerAuthenticationError> error) {
+    if (answered->exchange(true)) return;
     const auto self = weakSelf.lock();
     if (!self) return;
     self->platform_.mainQueue().post([weakSelf, context, onReply, success, error = std::move(error)] {
@@ -220,9 +207,17 @@ void ZavloDeviceBindingManager::prompt(
     });
   };
   if (!context) return reply(false, std::nullopt);
-  context->setLocalizedFallbackTitle(std::string());  // hides the fallback button
-  context->evaluatePolicy(Policy::deviceOwnerAuthentication, promptSubtitle.empty() ? promptTitle : promptSubtitle,
-                          std::move(reply));
+  try {
+    context->setLocalizedFallbackTitle(std::string());  // hides the fallback button
+    context->evaluatePolicy(Policy::deviceOwnerAuthentication, promptSubtitle.empty() ? promptTitle : promptSubtitle,
+                            reply);
+  } catch (const std::exception& exception) {
+    // A prompt that cannot start is a failed prompt, answered like any other.
+    diagnose(std::string("The owner prompt could not start: ") + exception.what());
+    reply(false, ZavloOwnerAuthenticationError{"ZavloDeviceBinding", 0, exception.what()});
+  } catch (...) {
+    reply(false, ZavloOwnerAuthenticationError{"ZavloDeviceBinding", 0, "The owner prompt could not start."});
+  }
 }
 
 // MARK: enrolment
@@ -248,17 +243,18 @@ void ZavloDeviceBindingManager::enroll(const std::optional<std::string>& attesta
 
   prompt(promptTitle, promptSubtitle,
          [flow](ZavloDeviceBindingManager& self, bool success, std::optional<ZavloOwnerAuthenticationError> error,
-                const std::shared_ptr<ZavloOwnerAuthenticationContext>&) {
-           self.finishEnrollmentPrompt(*flow, success, error);
+                const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
+           self.finishEnrollmentPrompt(*flow, success, error, context);
          });
 }
 
-void ZavloDeviceBindingManager::finishEnrollmentPrompt(EnrollFlow& flow, bool success,
-                                                       const std::optional<ZavloOwnerAuthenticationError>& error) {
+void ZavloDeviceBindingManager::finishEnrollmentPrompt(
+    EnrollFlow& flow, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
+    const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
   if (success) {
     sendEvent(kBiometricResult, flow.telemetry, nullptr,
               merged(flow.metadata, {{{"status", ZavloAuthStatus::success}}, {{"promptShown", true}}}));
-    return createKeyAndRespond(flow);
+    return createKeyAndRespond(flow, *proofOf(context.get()));
   }
   auto [reason, extra] = promptFailureMetadata(error);
   const auto exception = map(error);
@@ -267,12 +263,12 @@ void ZavloDeviceBindingManager::finishEnrollmentPrompt(EnrollFlow& flow, bool su
             merged(flow.metadata, {outcomeMetadata(reason, &exception), std::move(extra)}));
 }
 
-void ZavloDeviceBindingManager::createKeyAndRespond(EnrollFlow& flow) {
+void ZavloDeviceBindingManager::createKeyAndRespond(EnrollFlow& flow, const ZavloOwnerProof& proof) {
   auto metadata = baseMetadata(kEnrollOperation);
   metadata["algorithm"] = kAlgorithm;
   metadata["curve"] = kCurve;
   metadata["attestationRequested"] = flow.attestationRequested;
-  const auto keyId = ZavloAuthEventLog::makeTransactionId();  // a random UUID, upper-case text
+  const auto keyId = newKeyId();
 
   const auto fail = [this, &flow, &metadata](const char* reason, json extra) {
     const auto exception = exceptionFor(Public::enrollFailed);
@@ -281,53 +277,30 @@ void ZavloDeviceBindingManager::createKeyAndRespond(EnrollFlow& flow) {
               merged(metadata, {outcomeMetadata(reason, &exception), std::move(extra)}));
   };
 
-  auto& keys = platform_.secureKeys();
-  const auto access = keys.createAccessControl(Key::kSecAttrAccessibleWhenUnlockedThisDeviceOnly, kAccessControlFlags);
-  if (!access) {
-    diagnose("Access control creation failed: " + access.error().description);
-    return fail("ACCESS_CONTROL_ERROR", {{"osErrorCode", access.error().code}});
-  }
-
-  const auto privateKeyAttributes = std::make_shared<const ZavloKeychainAttributes>(ZavloKeychainAttributes{
-      {Key::kSecAttrIsPermanent, true},
-      {Key::kSecAttrApplicationTag, keyTag(keyId)},
-      {Key::kSecAttrAccessControl, access.value()},
-  });
-  const ZavloKeychainAttributes attributes{
-      {Key::kSecAttrKeyType, std::string(Key::kSecAttrKeyTypeECSECPrimeRandom)},
-      {Key::kSecAttrKeySizeInBits, std::int64_t{256}},
-      {Key::kSecAttrTokenID, std::string(Key::kSecAttrTokenIDSecureEnclave)},
-      {Key::kSecPrivateKeyAttrs, privateKeyAttributes},
-  };
-  const auto created = keys.createRandomKey(attributes);
+  auto created = platform_.keyStore().createKey(keyTag(keyId), proof);
   if (!created) {
-    diagnose("Secure Enclave key creation failed: " + created.error().description);
-    return fail("KEYSTORE_ERROR", {{"osErrorCode", created.error().code}});
-  }
-  if (!created.value()) {
-    diagnose("Secure Enclave key creation failed: no key was returned");
-    return fail("KEYSTORE_ERROR", json::object());
-  }
-
-  std::optional<ZavloBytes> point;
-  if (const auto publicKey = keys.copyPublicKey(*created.value())) {
-    auto exported = keys.copyExternalRepresentation(*publicKey);
-    if (exported) {
-      point = std::move(exported).value();
-    } else {
-      diagnose("Public key export failed: " + exported.error().description);
+    const auto& error = created.error();
+    switch (error.failure) {
+      case Failure::noOwnerSecret:
+      case Failure::ownerRefused:
+      case Failure::lockedOut:
+        // The key's protection could not be tied to the owner.
+        diagnose("Access control creation failed: " + error.description);
+        return fail("ACCESS_CONTROL_ERROR", {{"osErrorCode", error.code}});
+      case Failure::publicKeyExport:
+        diagnose("Public key export failed: " + error.description);
+        (void)deleteKey(keyId);  // no orphan key stays behind
+        return fail("PUBLIC_KEY_EXPORT_ERROR", json::object());
+      default:
+        diagnose("Key creation failed: " + error.description);
+        return fail("KEYSTORE_ERROR", {{"osErrorCode", error.code}});
     }
-  } else {
-    diagnose("Public key export failed: the key has no public key");
   }
-  if (!point) {
-    (void)deleteKey(keyId);  // no orphan key stays behind
-    return fail("PUBLIC_KEY_EXPORT_ERROR", json::object());
-  }
+  const auto& point = created.value().publicKey;
   // Sized once and filled by copy: GCC 12 at -O2 misreads a range insert here as an overflow.
-  ZavloBytes publicKeyInfo(kPublicKeyPrefix.size() + point->size());
+  ZavloBytes publicKeyInfo(kPublicKeyPrefix.size() + point.size());
   const auto pointStart = std::copy(kPublicKeyPrefix.begin(), kPublicKeyPrefix.end(), publicKeyInfo.begin());
-  std::copy(point->begin(), point->end(), pointStart);
+  std::copy(point.begin(), point.end(), pointStart);
 
   storeBiometryDomainState(keyId);
   flow.complete(ZavloDeviceBindingEnrollResponse{std::string(ZavloAuthStatus::success), keyId,
@@ -335,7 +308,9 @@ void ZavloDeviceBindingManager::createKeyAndRespond(EnrollFlow& flow) {
                                                  std::nullopt});
   sendEvent(kKeyCreateResult, flow.telemetry, nullptr,
             merged(metadata, {{{"status", ZavloAuthStatus::success}},
-                              {{"keyId", keyId}, {"hardwareBacked", true}, {"attestationReturned", false}}}));
+                              {{"keyId", keyId},
+                               {"hardwareBacked", created.value().location.hardwareBacked},
+                               {"attestationReturned", false}}}));
 }
 
 // MARK: signing
@@ -399,18 +374,31 @@ void ZavloDeviceBindingManager::finishSigningPrompt(SignFlow& flow, bool success
       kBiometricResult, flow.telemetry, nullptr,
       merged(flow.metadata, {{{"status", ZavloAuthStatus::success}}, {{"keyId", flow.keyId}, {"promptShown", true}}}));
 
-  // The context has just authenticated, so using the key does not prompt again.
-  const auto key = loadPrivateKey(flow.keyId, context);
-  if (!key) {
-    (void)deleteKey(flow.keyId);
-    return failSigning(flow, exceptionFor(Public::keyInvalidated), "KEY_INVALIDATED",
-                       {{"keyId", flow.keyId}, {"keyDeleted", true}});
-  }
-  const auto signature = platform_.secureKeys().createSignature(
-      *key, ZavloSecureKeys::kSecKeyAlgorithmECDSASignatureMessageX962SHA256, zavloBytes(flow.challenge));
+  const auto proof = proofOf(context.get());
+  const auto signature = platform_.keyStore().sign(keyTag(flow.keyId), zavloBytes(flow.challenge), *proof);
   if (!signature) {
-    diagnose("Device binding signing failed: " + signature.error().description);
-    return failSigning(flow, exceptionFor(Public::signFailed), "SIGN_ERROR", {{"osErrorCode", signature.error().code}});
+    const auto& error = signature.error();
+    switch (error.failure) {
+      case Failure::ownerRefused:
+        // Only a secret that PAM accepted and the key refuses means that it changed since
+        // enrolment, as a changed biometric set does; any other refusal is a wrong secret.
+        if (!proof->verified()) break;
+        [[fallthrough]];
+      case Failure::notFound:
+        diagnose("Private key use failed: " + error.description);
+        (void)deleteKey(flow.keyId);
+        return failSigning(flow, exceptionFor(Public::keyInvalidated), "KEY_INVALIDATED",
+                           {{"keyId", flow.keyId}, {"keyDeleted", true}});
+      case Failure::noOwnerSecret:
+      case Failure::lockedOut:
+        break;
+      default:
+        diagnose("Device binding signing failed: " + error.description);
+        return failSigning(flow, exceptionFor(Public::signFailed), "SIGN_ERROR", {{"osErrorCode", error.code}});
+    }
+    diagnose("The key store refused the owner's proof: " + error.description);
+    const auto refused = refusal(error.failure);
+    return failSigning(flow, refused.exception, refused.reason.c_str(), {{"keyId", flow.keyId}});
   }
   flow.complete(ZavloDeviceBindingSignResponse{std::string(ZavloAuthStatus::success), flow.keyId,
                                                ZavloBase64::encode(signature.value()), std::string(kAlgorithm)});

@@ -22,12 +22,12 @@ class ZavloAuthLogManager;
 
 /// Device binding: one hardware-held P-256 key per key id, created after the owner
 /// authenticates (enroll), used to sign server challenges (signChallenge), and a state
-/// query that also notices a change of the enrolled biometrics (getState). The keychain is
-/// the only store; the manager keeps nothing in memory between calls.
+/// query that also notices a change of the enrolled biometrics (getState). The platform's
+/// key store is the only store; the manager keeps nothing in memory between calls.
 ///
-/// Keychain items per key id: the private key, tagged kKeyTagPrefix + key id, and, when
-/// biometrics were available at enrolment, a generic password (service
-/// kDomainStateService, account = key id) holding the biometric domain state of that time.
+/// Per key id the store holds the private key, tagged kKeyTagPrefix + key id, made for and
+/// used with the proof the owner gave at the prompt, and, when biometrics were available
+/// at enrolment, a domain-state record holding the biometric domain state of that time.
 ///
 /// Threading: every operation may be called from any thread and runs there up to the
 /// owner-authentication prompt; getState and the failures found before a prompt complete
@@ -44,14 +44,13 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
   using DiagnosticLog = std::function<void(const std::string&)>;
 
   static constexpr std::string_view kKeyTagPrefix = "in.zavlo.authsdk.devicebinding.";
-  static constexpr std::string_view kDomainStateService = "in.zavlo.authsdk.devicebinding.domainstate";
   static constexpr std::string_view kAlgorithm = "ES256";
   /// The prompt texts the entry points use when the caller gives none.
   static constexpr std::string_view kDefaultPromptTitle = "Verify it's you";
   static constexpr std::string_view kDefaultPromptSubtitle = "Confirm your identity to continue";
 
-  /// Uses the platform's keychain, key store, owner authentication, device facts and main
-  /// queue, each taken when an operation needs it. The platform must outlive the manager.
+  /// Uses the platform's key store, owner authentication, random source, device facts and
+  /// main queue, each taken when an operation needs it. The platform must outlive the manager.
   static std::shared_ptr<ZavloDeviceBindingManager> create(ZavloPlatform& platform,
                                                            std::shared_ptr<ZavloAuthLogManager> logManager);
   ZavloDeviceBindingManager(const ZavloDeviceBindingManager&) = delete;
@@ -98,8 +97,8 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
   void storeBiometryDomainState(const std::string& keyId);
   void clearBiometryDomainState(const std::string& keyId);
   bool deleteKey(const std::string& keyId);
-  std::shared_ptr<ZavloSecureKey> loadPrivateKey(const std::string& keyId,
-                                                 const std::shared_ptr<ZavloOwnerAuthenticationContext>& context);
+  /// A random UUID in upper-case text, from the platform's secure random source.
+  std::string newKeyId();
 
   // The prompt, whose reply continues on the main queue with onReply if the manager lives.
   void prompt(const std::string& promptTitle, const std::string& promptSubtitle,
@@ -108,9 +107,9 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
                   onReply);
 
   // Enrolment and signing after the prompt.
-  void finishEnrollmentPrompt(EnrollFlow& flow, bool success,
-                              const std::optional<ZavloOwnerAuthenticationError>& error);
-  void createKeyAndRespond(EnrollFlow& flow);
+  void finishEnrollmentPrompt(EnrollFlow& flow, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
+                              const std::shared_ptr<ZavloOwnerAuthenticationContext>& context);
+  void createKeyAndRespond(EnrollFlow& flow, const ZavloOwnerProof& proof);
   void finishSigningPrompt(SignFlow& flow, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
                            const std::shared_ptr<ZavloOwnerAuthenticationContext>& context);
   void failSigning(SignFlow& flow, const ZavloAuthException& exception, const char* reason, nlohmann::json extra);

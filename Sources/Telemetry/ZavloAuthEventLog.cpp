@@ -7,6 +7,7 @@
 
 #include "Core/ZavloAuthVersion.hpp"
 #include "Core/ZavloJsonCoding.hpp"
+#include "Core/ZavloUuid.hpp"
 #include "Platform/ZavloDeviceInfo.hpp"
 #include "Platform/ZavloPlatform.hpp"
 
@@ -95,22 +96,12 @@ std::string ZavloAuthEventLog::makeTransactionId() {
     std::seed_seq seed{entropy(), entropy(), entropy(), entropy(), entropy(), entropy(), entropy(), entropy()};
     return std::mt19937_64(seed);
   }();
-  std::array<unsigned char, 16> bytes{};
+  std::array<std::uint8_t, 16> bytes{};
   for (std::size_t i = 0; i < bytes.size(); i += 8) {
     const auto word = generator();
-    for (std::size_t b = 0; b < 8; ++b) bytes[i + b] = static_cast<unsigned char>(word >> (8 * b));
+    for (std::size_t b = 0; b < 8; ++b) bytes[i + b] = static_cast<std::uint8_t>(word >> (8 * b));
   }
-  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4
-  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string text;
-  text.reserve(36);
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text.push_back('-');
-    text.push_back(kHex[bytes[i] >> 4]);
-    text.push_back(kHex[bytes[i] & 0x0F]);
-  }
-  return text;
+  return zavloRandomUuidText(bytes);
 }
 
 std::string ZavloAuthEventLog::makeTimestamp() {

@@ -18,13 +18,13 @@
 #include <nlohmann/json.hpp>
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
-#include "Platform/Linux/Web/WebKitGtk/ZavloWebKitWebView.hpp"
 #include "Platform/Linux/Loop/ZavloGLibMainQueue.hpp"
+#include "Platform/Linux/Web/WebKitGtk/ZavloWebKitWebView.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "tools/peers/ZavloChainServer.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "ZavloGtkHostPage.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 
 namespace {
 
@@ -189,15 +189,15 @@ int main(int argc, char** argv) {
     notes.push_back("Declared cellular: " + names + ".");
   }
   notes.push_back("Owner authentication: " + options.ownerAuth +
-                  "; key store: " + options.keystore.value_or(ZavloLinuxPlatform::defaultKeychainPath()) + ".");
+                  "; key store: " + options.keystore.value_or(ZavloLinuxPlatform::defaultKeyFilePath()) + ".");
   notes.push_back(options.telemetryEndpoint ? "Telemetry goes to " + *options.telemetryEndpoint + "."
                                             : std::string("Telemetry is off in this example."));
 
   // Every completion, timer and prompt reply of the library runs on this (GTK's) thread.
   ZavloLinuxPlatform::Options platformOptions;
   platformOptions.cellularInterfaces = options.cellularInterfaces;
-  platformOptions.keychainPath = options.keystore;
-  platformOptions.keychain.trace = [](const std::string& line) {
+  platformOptions.keyFilePath = options.keystore;
+  platformOptions.keyFile.trace = [](const std::string& line) {
     std::cerr << "zavlo-gtk-host: key store: " << line << '\n';
   };
   platformOptions.ownerAuthentication.mode = ownerMode(options.ownerAuth);

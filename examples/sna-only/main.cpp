@@ -70,10 +70,11 @@ int main(int argc, char** argv) {
   auto platform = std::make_shared<ZavloLinuxPlatform>(std::move(options));
   ZavloPlatform::install(platform);
   // What this host goes without: it links neither a key store nor owner authentication.
-  const bool keychain = platform->keychain().copyMatching({}).status != ZavloKeychainStatus::notAvailable;
+  const auto probe = platform->keyStore().findKey({});
+  const bool keyStore = probe || probe.error().failure != ZavloKeyStoreFailure::unavailable;
   const bool owner = platform->makeOwnerAuthenticationContext()->canEvaluatePolicy(
       ZavloOwnerAuthenticationPolicy::deviceOwnerAuthentication);
-  std::cout << "keychain: " << (keychain ? "available" : "not available") << '\n'
+  std::cout << "key store: " << (keyStore ? "available" : "not available") << '\n'
             << "owner authentication: " << (owner ? "available" : "not available") << '\n';
 
   auto& wrapper = ZavloAuthenticationNativeWrapper::shared();

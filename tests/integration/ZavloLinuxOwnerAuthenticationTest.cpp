@@ -78,13 +78,13 @@ TEST(ZavloLinuxOwnerAuthentication, AllowAndDenyAnswerEveryPromptOnceOffTheCalli
     if (mode == Auth::Mode::allow) {
       EXPECT_TRUE(success);
       EXPECT_FALSE(error.has_value());
-      EXPECT_TRUE(context->isAuthenticated());
+      EXPECT_TRUE((context->takeOwnerProof() != nullptr));
     } else {
       EXPECT_FALSE(success);
       ASSERT_TRUE(error.has_value());
       EXPECT_TRUE(error->isLocalAuthenticationError());
       EXPECT_EQ(error->code, ZavloLAError::authenticationFailed);
-      EXPECT_FALSE(context->isAuthenticated());
+      EXPECT_FALSE((context->takeOwnerProof() != nullptr));
     }
   }
 }
@@ -116,7 +116,7 @@ TEST(ZavloLinuxOwnerAuthentication, BadRequestsAndMissingBiometricsFailThroughTh
             (std::vector<std::pair<std::string, std::int64_t>>{{"LAErrorDomain", ZavloLAError::biometryNotAvailable},
                                                                {platform, Auth::kInvalidArgument},
                                                                {platform, Auth::kInvalidArgument}}));
-  EXPECT_FALSE(context->isAuthenticated());
+  EXPECT_FALSE((context->takeOwnerProof() != nullptr));
   EXPECT_FALSE(context->canEvaluatePolicy(kBiometrics));
   EXPECT_FALSE(context->evaluatedPolicyDomainState().has_value());
 }
@@ -443,6 +443,6 @@ TEST_F(ZavloLinuxFingerprintDomainState, ABiometricPromptNeedsEnrolledFingersEve
     ASSERT_EQ(replies.received.size(), 1U);
     EXPECT_EQ(replies.received[0].first, code == 0) << user;
     EXPECT_EQ(replies.received[0].second.has_value() ? replies.received[0].second->code : 0, code) << user;
-    EXPECT_EQ(context->isAuthenticated(), code == 0) << user;
+    EXPECT_EQ((context->takeOwnerProof() != nullptr), code == 0) << user;
   }
 }

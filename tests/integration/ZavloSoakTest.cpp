@@ -21,15 +21,15 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Telemetry/ZavloAuthEventLog.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "tools/peers/ZavloChainServer.hpp"
+#include "Telemetry/ZavloAuthEventLog.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
+#include "ZavloEs256.hpp"
 #include "bench/support/ZavloConcurrentChains.hpp"
+#include "tools/peers/ZavloChainServer.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 #include "tools/peers/ZavloTemporaryDirectory.hpp"
-#include "ZavloEs256.hpp"
 
 using nlohmann::json;
 using namespace std::chrono_literals;
@@ -63,10 +63,10 @@ std::size_t scaled(std::size_t count) {
              : count;
 }
 
-ZavloLinuxPlatform::Options loopbackCellular(const std::string& keychainPath) {
+ZavloLinuxPlatform::Options loopbackCellular(const std::string& keyFilePath) {
   ZavloLinuxPlatform::Options options;
   options.cellularInterfaces = {"lo"};
-  options.keychainPath = keychainPath;
+  options.keyFilePath = keyFilePath;
   options.ownerAuthentication.mode = ZavloLinuxOwnerAuthentication::Mode::allow;
   return options;
 }

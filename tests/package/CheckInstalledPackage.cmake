@@ -26,7 +26,7 @@ set(program ${WORK_DIR}/sna-only/zavlo-sna-only)
 execute_process(COMMAND ${program} https://sna.invalid/ --cellular lo --telemetry-endpoint http://127.0.0.1:9/events
                 RESULT_VARIABLE result OUTPUT_VARIABLE output TIMEOUT 120)
 message(STATUS "zavlo-sna-only:\n${output}")
-if(NOT result EQUAL 0 OR NOT output MATCHES "keychain: not available\nowner authentication: not available\ninitAuth: [^\n]*\nstartAuth: [^\n]*FAILURE[^\n]*\nenrollDeviceBinding: {\"errorCode\":\"DEVICE_NOT_SECURE\"")
+if(NOT result EQUAL 0 OR NOT output MATCHES "key store: not available\nowner authentication: not available\ninitAuth: [^\n]*\nstartAuth: [^\n]*FAILURE[^\n]*\nenrollDeviceBinding: {\"errorCode\":\"DEVICE_NOT_SECURE\"")
   message(FATAL_ERROR "zavlo-sna-only did not run its chain and refuse binding as expected (${result})")
 endif()
 execute_process(COMMAND ldd ${program} OUTPUT_VARIABLE linked COMMAND_ERROR_IS_FATAL ANY)

@@ -92,7 +92,7 @@ int run(const std::string& service, const std::string& scenario, const std::stri
     report["success"] = success;
     report["error"] = errorJson(error);
     report["replyOnCallingThread"] = std::this_thread::get_id() == caller;
-    if (owned) report["authenticatedInReply"] = owned->isAuthenticated();
+    if (owned) report["authenticatedInReply"] = (owned->takeOwnerProof() != nullptr);
   };
   context->evaluatePolicy(ZavloOwnerAuthenticationPolicy::deviceOwnerAuthentication, "Sign in to the probe",
                           std::move(reply));
@@ -106,7 +106,7 @@ int run(const std::string& service, const std::string& scenario, const std::stri
 
   const std::lock_guard lock(mutex);
   report["contextAlive"] = !weakContext.expired();
-  if (context) report["authenticated"] = context->isAuthenticated();
+  if (context) report["authenticated"] = (context->takeOwnerProof() != nullptr);
   std::cout << report.dump() << std::endl;
   return 0;
 }

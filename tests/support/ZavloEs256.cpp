@@ -9,7 +9,7 @@
 
 #include "Core/ZavloBase64.hpp"
 
-bool zavloVerifyEs256(const ZavloBytes& point, const ZavloBytes& message, const ZavloBytes& signature) {
+bool zavloVerifyEs256(const ZavloBytes& point, std::span<const std::uint8_t> message, const ZavloBytes& signature) {
   ZavloBytes pointCopy = point;
   char group[] = SN_X9_62_prime256v1;
   OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),

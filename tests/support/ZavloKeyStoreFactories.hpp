@@ -1,37 +1,54 @@
 #pragma once
 
+// The key stores the key store contract runs on (test support): the in-memory double the
+// unit tests rely on, held to the rules of the real stores, and each Linux store.
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
+#include <string>
 
-#include "Testing/ZavloTestKeychain.hpp"
-#include "Testing/ZavloTestSecureKeys.hpp"
-#include "ZavloFixedOwnerContext.hpp"
-#include "ZavloLinuxKeyStoreFactory.hpp"
-#include "ZavloSoftHsmKeyStoreFactory.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
+#include "Testing/ZavloTestKeyStore.hpp"
+#include "ZavloEs256.hpp"
+#include "tools/peers/ZavloTemporaryDirectory.hpp"
 
-/// The in-memory doubles the unit tests rely on; the contract suites hold them to the same
-/// rules as the real store, so a unit test cannot pass on behaviour Linux lacks.
 class ZavloInMemoryKeyStoreFactory {
  public:
-  ZavloInMemoryKeyStoreFactory() : secureKeys_(keychain_) {}
   static std::optional<std::string> unavailable() { return std::nullopt; }
-
-  ZavloKeychain& keychain() { return keychain_; }
-  ZavloSecureKeys& secureKeys() { return secureKeys_; }
-  std::shared_ptr<ZavloOwnerAuthenticationContext> ownerContext(bool authenticated) {
-    return std::make_shared<ZavloFixedOwnerContext>(authenticated);
-  }
+  ZavloKeyStore& keyStore() { return store_; }
+  std::string ownerSecret() { return "owner secret"; }
   /// Its signatures are deterministic stand-ins, checked by the double itself.
-  static bool verify(const ZavloBytes& point, const ZavloBytes& message, const ZavloBytes& signature) {
-    return ZavloTestSecureKeys::verify(point, message, signature);
+  static bool verify(const ZavloBytes& point, std::span<const std::uint8_t> message, const ZavloBytes& signature) {
+    return ZavloTestKeyStore::verify(point, message, signature);
   }
 
  private:
-  ZavloTestKeychain keychain_;
-  ZavloTestSecureKeys secureKeys_;
+  ZavloTestKeyStore store_;
 };
 
-/// Every key store the keychain and secure-keys contract suites run on (test support).
-using ZavloKeyStoreFactories =
-    ::testing::Types<ZavloLinuxKeyStoreFactory, ZavloSoftHsmKeyStoreFactory, ZavloInMemoryKeyStoreFactory>;
+/// Keys sealed under the owner's secret in a key file of a private temporary folder, at a
+/// low scrypt cost (the cost is the store's to choose; the contract is the same).
+class ZavloSealedKeyStoreFactory {
+ public:
+  ZavloSealedKeyStoreFactory() {
+    auto sealed = std::make_shared<ZavloLinuxSealedProtection>(ZavloLinuxSealedProtection::Cost{10, 8, 1});
+    store_ = std::make_unique<ZavloLinuxFileKeyStore>(
+        std::make_shared<ZavloLinuxKeyFile>((directory_.path() / "keychain.db").string()), sealed, sealed);
+  }
+  static std::optional<std::string> unavailable() { return std::nullopt; }
+  ZavloKeyStore& keyStore() { return *store_; }
+  std::string ownerSecret() { return "correct horse battery staple"; }
+  static bool verify(const ZavloBytes& point, std::span<const std::uint8_t> message, const ZavloBytes& signature) {
+    return zavloVerifyEs256(point, message, signature);
+  }
+  [[nodiscard]] const ZavloTemporaryDirectory& directory() const { return directory_; }
+
+ private:
+  ZavloTemporaryDirectory directory_;
+  std::unique_ptr<ZavloLinuxFileKeyStore> store_;
+};
+
+/// Every key store the key store contract runs on.
+using ZavloKeyStoreFactories = ::testing::Types<ZavloInMemoryKeyStoreFactory, ZavloSealedKeyStoreFactory>;

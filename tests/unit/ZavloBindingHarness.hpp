@@ -1,7 +1,7 @@
 #pragma once
 
-// Device binding on the test platform, through the native entry points: the keychain, key
-// store and owner authentication are the platform's doubles, telemetry is recorded.
+// Device binding on the test platform, through the native entry points: the key store and
+// owner authentication are the platform's doubles, telemetry is recorded.
 #include <string>
 #include <vector>
 
@@ -13,7 +13,7 @@
 /// One native graph on a test platform of its own, with telemetry turned on and recorded.
 struct ZavloBindingHarness {
   using Policy = ZavloOwnerAuthenticationPolicy;
-  using Operation = ZavloTestKeychain::Operation;
+  using Operation = ZavloTestKeyStore::Operation;
   using Outcome = ZavloTestOwnerAuthentication::Outcome;
   using Entry = void (ZavloAuthenticationNativeWrapper::*)(const nlohmann::json&,
                                                            ZavloAuthenticationNativeWrapper::Completion);
@@ -64,36 +64,27 @@ struct ZavloBindingHarness {
   static ZavloBytes tag(const std::string& keyId) {
     return zavloBytes(std::string(ZavloDeviceBindingManager::kKeyTagPrefix) + keyId);
   }
-  static ZavloKeychainAttributes domainStateRecord(const std::string& keyId) {
-    return {{ZavloKeychainKey::kSecClass, std::string(ZavloKeychainKey::kSecClassGenericPassword)},
-            {ZavloKeychainKey::kSecAttrService, std::string(ZavloDeviceBindingManager::kDomainStateService)},
-            {ZavloKeychainKey::kSecAttrAccount, keyId}};
-  }
 
-  /// A key for keyId as enrolment leaves it, with a domain-state record of state when given.
-  ZavloBytes enrolled(const std::string& keyId, std::optional<std::string> state = "biometry-1") {
-    auto point = keys.installKey(tag(keyId));
-    if (state) {
-      auto record = domainStateRecord(keyId);
-      record.emplace(ZavloKeychainKey::kSecValueData, zavloBytes(*state));
-      keychain.add(record);
-    }
-    keychain.clearCalls();
+  /// A key for keyId as enrolment leaves it, made for secret (empty: it signs for any
+  /// proof), with a domain-state record of state when given.
+  ZavloBytes enrolled(const std::string& keyId, std::optional<std::string> state = "biometry-1",
+                      std::string_view secret = {}) {
+    auto point = store.installKey(tag(keyId), secret);
+    if (state) (void)store.setDomainState(keyId, zavloBytes(*state));
+    store.clearCalls();
     return point;
   }
   bool hasKey(const std::string& keyId) {
-    return keychain
-               .copyMatching({{ZavloKeychainKey::kSecClass, std::string(ZavloKeychainKey::kSecClassKey)},
-                              {ZavloKeychainKey::kSecAttrApplicationTag, tag(keyId)}})
-               .status == ZavloKeychainStatus::success;
+    const auto found = store.findKey(tag(keyId));
+    return found && found.value().has_value();
   }
   bool hasDomainState(const std::string& keyId) {
-    return keychain.copyMatching(domainStateRecord(keyId)).status == ZavloKeychainStatus::success;
+    const auto found = store.domainState(keyId);
+    return found && found.value().has_value();
   }
 
   ZavloNativeGraph graph;
-  ZavloTestKeychain& keychain = graph.platform.testKeychain();
-  ZavloTestSecureKeys& keys = graph.platform.testSecureKeys();
+  ZavloTestKeyStore& store = graph.platform.testKeyStore();
   ZavloTestOwnerAuthentication& owner = graph.platform.ownerAuthentication();
   /// Event names and "completion", in the order they happened.
   std::vector<std::string> order;

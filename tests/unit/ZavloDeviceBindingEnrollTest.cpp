@@ -8,7 +8,8 @@
 using nlohmann::json;
 using Policy = ZavloOwnerAuthenticationPolicy;
 using Outcome = ZavloTestOwnerAuthentication::Outcome;
-using KeyOperation = ZavloTestSecureKeys::Operation;
+using Operation = ZavloTestKeyStore::Operation;
+using Failure = ZavloKeyStoreFailure;
 
 namespace {
 
@@ -57,31 +58,21 @@ TEST(ZavloDeviceBindingEnroll, CreatesAKeyAfterThePromptAndReportsEachStep) {
   EXPECT_EQ(prompts[0].localizedReason, "Confirm your identity to continue");
   EXPECT_EQ(prompts[0].fallbackTitle, "") << "the fallback button is hidden";
 
-  ASSERT_EQ(h.keys.accessControlRequests().size(), 1U);
-  EXPECT_EQ(h.keys.accessControlRequests()[0].protection, "kSecAttrAccessibleWhenUnlockedThisDeviceOnly");
-  EXPECT_EQ(h.keys.accessControlRequests()[0].flags, 0x40004018U);
-  ASSERT_EQ(h.keys.keyRequests().size(), 1U);
-  EXPECT_EQ(ZavloTestKeychain::describe(h.keys.keyRequests()[0]),
-            (json{{"kSecAttrKeyType", "kSecAttrKeyTypeECSECPrimeRandom"},
-                  {"kSecAttrKeySizeInBits", 256},
-                  {"kSecAttrTokenID", "kSecAttrTokenIDSecureEnclave"},
-                  {"kSecPrivateKeyAttrs",
-                   {{"kSecAttrIsPermanent", true},
-                    {"kSecAttrApplicationTag", {{"bytes", "in.zavlo.authsdk.devicebinding." + keyId}}},
-                    {"kSecAttrAccessControl",
-                     {{"protection", "kSecAttrAccessibleWhenUnlockedThisDeviceOnly"}, {"flags", 0x40004018}}}}}}));
-  const json record = {{"kSecClass", "kSecClassGenericPassword"},
-                       {"kSecAttrService", "in.zavlo.authsdk.devicebinding.domainstate"},
-                       {"kSecAttrAccount", keyId}};
-  auto stored = record;
-  stored.update({{"kSecValueData", {{"bytes", "biometry-1"}}},
-                 {"kSecAttrAccessible", "kSecAttrAccessibleAfterFirstUnlockThisDeviceOnly"}});
-  const auto calls = h.keychain.calls();
-  ASSERT_EQ(calls.size(), 2U) << "the stale record is deleted, then the new one added";
-  EXPECT_EQ(calls[0].operation, ZavloTestKeychain::Operation::remove);
-  EXPECT_EQ(ZavloTestKeychain::describe(calls[0].attributes), record);
-  EXPECT_EQ(calls[1].operation, ZavloTestKeychain::Operation::add);
-  EXPECT_EQ(ZavloTestKeychain::describe(calls[1].attributes), stored);
+  const auto calls = h.store.calls();
+  ASSERT_EQ(calls.size(), 2U) << "the key, then its domain state";
+  EXPECT_EQ(calls[0].operation, Operation::createKey);
+  EXPECT_EQ(calls[0].subject, "in.zavlo.authsdk.devicebinding." + keyId);
+  EXPECT_EQ(calls[1].operation, Operation::setDomainState);
+  EXPECT_EQ(calls[1].subject, keyId);
+  EXPECT_EQ(h.store.domainState(keyId).value(), zavloBytes("biometry-1"));
+  const ZavloBytes point(publicKey->begin() + 26, publicKey->end());
+  const auto signature =
+      h.store.sign(ZavloBindingHarness::tag(keyId), zavloBytes("c"), ZavloTestOwnerProof("owner secret"));
+  ASSERT_TRUE(signature) << "the key is made for the secret the owner gave";
+  EXPECT_TRUE(ZavloTestKeyStore::verify(point, zavloBytes("c"), signature.value())) << "and published as it is";
+  EXPECT_EQ(
+      h.store.sign(ZavloBindingHarness::tag(keyId), zavloBytes("c"), ZavloTestOwnerProof("other")).error().failure,
+      Failure::ownerRefused);
 
   EXPECT_EQ(h.order, (std::vector<std::string>{"DEVICE_BINDING_BIOMETRIC_RESULT", "completion",
                                                "DEVICE_BINDING_KEY_CREATE_RESULT"}));
@@ -100,7 +91,7 @@ TEST(ZavloDeviceBindingEnroll, CreatesAKeyAfterThePromptAndReportsEachStep) {
                                                       {"algorithm", "ES256"},
                                                       {"curve", "secp256r1"},
                                                       {"keyId", keyId},
-                                                      {"hardwareBacked", true},
+                                                      {"hardwareBacked", false},
                                                       {"attestationReturned", false}}));
 
   EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", keyId}}),
@@ -143,8 +134,8 @@ TEST(ZavloDeviceBindingEnroll, PromptTextAttestationAndBiometricsFollowTheirInpu
   h.graph.platform.runUntilIdle();
   EXPECT_EQ(completions, 1);
   EXPECT_EQ(h.owner.prompts().at(0).localizedReason, "Title");
-  EXPECT_EQ(h.keychain.itemCount(), 1U) << "the key only";
-  EXPECT_TRUE(h.keychain.calls().empty());
+  EXPECT_EQ(h.store.itemCount(), 1U) << "the key only";
+  EXPECT_EQ(h.store.calls().size(), 1U);
 }
 
 TEST(ZavloDeviceBindingEnroll, FailuresCompleteFirstThenReportTheirReason) {
@@ -182,7 +173,7 @@ TEST(ZavloDeviceBindingEnroll, FailuresCompleteFirstThenReportTheirReason) {
        {{"promptShown", true}, {"cancelledByUser", true}, {"promptErrorCode", -3}}},
       {"ACCESS_CONTROL_ERROR",
        [](auto& h) {
-         h.keys.fail(KeyOperation::createAccessControl, {-4, "no memory"});
+         h.store.fail(Operation::createKey, {Failure::noOwnerSecret, -4, "no secret"});
        },
        "DEVICE_BINDING_ENROLL_FAILED",
        kEnrollFailed,
@@ -190,17 +181,15 @@ TEST(ZavloDeviceBindingEnroll, FailuresCompleteFirstThenReportTheirReason) {
        {{"osErrorCode", -4}}},
       {"KEYSTORE_ERROR",
        [](auto& h) {
-         h.keys.fail(KeyOperation::createRandomKey, {-25293, "no enclave"});
+         h.store.fail(Operation::createKey, {Failure::unavailable, -25293, "no TPM"});
        },
        "DEVICE_BINDING_ENROLL_FAILED",
        kEnrollFailed,
        "DEVICE_BINDING_KEY_CREATE_RESULT",
        {{"osErrorCode", -25293}}},
-      {"PUBLIC_KEY_EXPORT_ERROR", [](auto& h) { h.keys.fail(KeyOperation::copyPublicKey, {}); },
-       "DEVICE_BINDING_ENROLL_FAILED", kEnrollFailed, "DEVICE_BINDING_KEY_CREATE_RESULT", json::object()},
       {"PUBLIC_KEY_EXPORT_ERROR",
        [](auto& h) {
-         h.keys.fail(KeyOperation::copyExternalRepresentation, {-50, "bad key"});
+         h.store.fail(Operation::createKey, {Failure::publicKeyExport, -50, "bad point"});
        },
        "DEVICE_BINDING_ENROLL_FAILED", kEnrollFailed, "DEVICE_BINDING_KEY_CREATE_RESULT", json::object()},
   };
@@ -232,10 +221,16 @@ TEST(ZavloDeviceBindingEnroll, FailuresCompleteFirstThenReportTheirReason) {
       failure.update({{"algorithm", "ES256"}, {"curve", "secp256r1"}});
     }
     EXPECT_EQ(event.at("metaData"), enrollMetadata(failure));
-    EXPECT_EQ(h.keychain.itemCount(), 0U) << "no key and no record is left behind";
+    EXPECT_EQ(h.store.itemCount(), 0U) << "no key and no record is left behind";
     for (const auto& text : diagnostics) EXPECT_EQ(event.dump().find(text), std::string::npos) << text;
     if (std::string(c.name) == "ACCESS_CONTROL_ERROR") {
-      EXPECT_EQ(diagnostics, std::vector<std::string>{"Access control creation failed: no memory"});
+      EXPECT_EQ(diagnostics, std::vector<std::string>{"Access control creation failed: no secret"});
+    }
+    if (std::string(c.name) == "PUBLIC_KEY_EXPORT_ERROR") {
+      const auto calls = h.store.calls();
+      EXPECT_TRUE(std::any_of(calls.begin(), calls.end(), [](const auto& call) {
+        return call.operation == Operation::deleteKey;
+      })) << "a key whose public key is lost is deleted";
     }
   }
 }

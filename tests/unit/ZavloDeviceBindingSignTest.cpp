@@ -10,7 +10,8 @@
 using nlohmann::json;
 using Policy = ZavloOwnerAuthenticationPolicy;
 using Outcome = ZavloTestOwnerAuthentication::Outcome;
-using Operation = ZavloTestKeychain::Operation;
+using Operation = ZavloTestKeyStore::Operation;
+using Failure = ZavloKeyStoreFailure;
 
 namespace {
 
@@ -31,7 +32,7 @@ json signMetadata(std::size_t keyIds, std::size_t challengeLength, const json& e
 
 bool verifies(const ZavloBytes& point, const std::string& message, const json& result) {
   const auto signature = ZavloBase64::decode(result.value("signature", ""));
-  return signature && signature->size() <= 72 && ZavloTestSecureKeys::verify(point, zavloBytes(message), *signature);
+  return signature && signature->size() <= 72 && ZavloTestKeyStore::verify(point, zavloBytes(message), *signature);
 }
 
 }  // namespace
@@ -51,30 +52,17 @@ TEST(ZavloDeviceBindingSign, SignsWithTheFirstListedIdThatHasAKey) {
                           {"signature", result.value("signature", "")},
                           {"algorithm", "ES256"}}));
   EXPECT_TRUE(verifies(point, "hello", result)) << "the entry point trims the challenge";
-  EXPECT_EQ(h.keys.signatureRequests().at(0).algorithm, "kSecKeyAlgorithmECDSASignatureMessageX962SHA256");
+  EXPECT_EQ(h.store.signatureRequests().at(0).message, zavloBytes("hello"));
   EXPECT_EQ(h.owner.prompts().at(0).localizedReason, "Confirm your identity to continue");
   EXPECT_EQ(h.owner.prompts().at(0).fallbackTitle, "");
 
-  std::vector<json> calls;
-  for (const auto& call : h.keychain.calls()) {
-    EXPECT_EQ(call.operation, Operation::copyMatching);
-    calls.push_back(ZavloTestKeychain::describe(call.attributes));
-  }
-  const auto key = [](const char* id, json control) {
-    control.update({{"kSecClass", "kSecClassKey"},
-                    {"kSecAttrApplicationTag", {{"bytes", std::string("in.zavlo.authsdk.devicebinding.") + id}}},
-                    {"kSecAttrKeyType", "kSecAttrKeyTypeECSECPrimeRandom"}});
-    return control;
-  };
-  const json exists = {{"kSecReturnRef", false}, {"kSecUseAuthenticationUI", "kSecUseAuthenticationUISkip"}};
-  EXPECT_EQ(calls,
-            (std::vector<json>{key("k0", exists),
-                               key("5", exists),
-                               {{"kSecClass", "kSecClassGenericPassword"},
-                                {"kSecAttrService", "in.zavlo.authsdk.devicebinding.domainstate"},
-                                {"kSecAttrAccount", "5"},
-                                {"kSecReturnData", true}},
-                               key("5", {{"kSecReturnRef", true}, {"kSecUseAuthenticationContext", "<context>"}})}));
+  std::vector<std::pair<Operation, std::string>> calls;
+  for (const auto& call : h.store.calls()) calls.emplace_back(call.operation, call.subject);
+  const std::string prefix = "in.zavlo.authsdk.devicebinding.";
+  EXPECT_EQ(calls, (std::vector<std::pair<Operation, std::string>>{{Operation::findKey, prefix + "k0"},
+                                                                   {Operation::findKey, prefix + "5"},
+                                                                   {Operation::domainState, "5"},
+                                                                   {Operation::sign, prefix + "5"}}));
 
   EXPECT_EQ(h.order,
             (std::vector<std::string>{"DEVICE_BINDING_BIOMETRIC_RESULT", "completion", "DEVICE_BINDING_SIGN_RESULT"}));
@@ -107,6 +95,7 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
     const char* errorCode;
     json extra;
     bool prompted;
+    bool keyKept = true;
   };
   const json twoIds = {{"challenge", "c"}, {"allowedKeyIds", {"k1", "k2"}}};
   const json noExtra = json::object();
@@ -124,16 +113,31 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
     h.enrolled("k1", "biometry-0");
     h.enrolled("k2");
   };
-  // The key existed when looked for, and is gone when fetched after the prompt.
+  // The key existed when looked for, and is gone when used after the prompt.
   const Arrange k1Vanishes = [](auto& h) {
     h.enrolled("k1");
-    h.keychain.answer(Operation::copyMatching, {{ZavloKeychainKey::kSecReturnRef, true}},
-                      ZavloKeychainStatus::itemNotFound);
+    h.store.fail(Operation::sign, {Failure::notFound, 0, "gone"});
   };
   const Arrange signFails = [](auto& h) {
     h.enrolled("k1");
-    h.keys.fail(ZavloTestSecureKeys::Operation::createSignature, {-3, "no"});
+    h.store.fail(Operation::sign, {Failure::internal, -3, "no"});
   };
+  // The owner's secret changed since enrolment: PAM accepts the new one, the key does not.
+  const Arrange secretChanged = [](auto& h) { h.enrolled("k1", "biometry-1", "old secret"); };
+  // Nobody but the key checked the secret, so a refusal is only a wrong secret.
+  const Arrange wrongSecret = [](auto& h) {
+    h.enrolled("k1", "biometry-1", "old secret");
+    h.owner.setOwnerSecret("typo", false);
+  };
+  const Arrange noSecret = [](auto& h) {
+    h.enrolled("k1", "biometry-1", "old secret");
+    h.owner.setOwnerSecret("", false);
+  };
+  const Arrange lockedOut = [](auto& h) {
+    h.enrolled("k1");
+    h.store.fail(Operation::sign, {Failure::lockedOut, 0x921, "lockout"});
+  };
+  const json refusedExtra = {{"keyId", "k1"}};
   const std::vector<Case> cases = {
       {"INVALID_CHALLENGE", none, {{"allowedKeyIds", "k1"}}, "INVALID_CHALLENGE", noExtra, false},
       {"INVALID_CHALLENGE", k1, {{"challenge", " \t\n"}, {"allowedKeyIds", "k1"}}, "INVALID_CHALLENGE", noExtra, false},
@@ -144,12 +148,18 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
       {"KEY_INVALIDATED", k1Invalid, twoIds, kInvalidated, deleted, false},
       {"KEY_INVALIDATED", k1Vanishes, twoIds, kInvalidated, deleted, true},
       {"SIGN_ERROR", signFails, twoIds, "DEVICE_BINDING_SIGN_FAILED", {{"osErrorCode", -3}}, true},
+      {"KEY_INVALIDATED", secretChanged, twoIds, kInvalidated, deleted, true, false},
+      {"AUTH_FAILED", wrongSecret, twoIds, "DEVICE_BINDING_AUTH_FAILED", refusedExtra, true},
+      {"AUTH_FAILED", noSecret, twoIds, "DEVICE_BINDING_AUTH_FAILED", refusedExtra, true},
+      {"LOCKOUT", lockedOut, twoIds, "DEVICE_BINDING_AUTH_FAILED", refusedExtra, true},
   };
   const std::map<std::string, std::string> messages = {
       {"INVALID_CHALLENGE", "Invalid or empty challenge provided."},
       {"DEVICE_BINDING_NOT_ENROLLED", "Device is not enrolled. Please enroll before signing a challenge."},
       {"DEVICE_BINDING_KEY_INVALIDATED", "Device binding key is no longer valid. Please enroll again."},
       {"DEVICE_BINDING_SIGN_FAILED", "Failed to sign the device binding challenge."},
+      {"AUTH_FAILED", "Device authentication failed."},
+      {"LOCKOUT", "Too many failed attempts. Unlock the device and try again."},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.reason) + " " + c.config.dump());
@@ -158,7 +168,7 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
     const auto outcomes = h.call(ZavloBindingHarness::kSign, c.config);
     ASSERT_EQ(outcomes.results.size(), 1U);
     ASSERT_FALSE(outcomes.results[0]);
-    const auto& message = messages.at(c.errorCode);
+    const auto& message = messages.count(c.reason) != 0 ? messages.at(c.reason) : messages.at(c.errorCode);
     EXPECT_EQ(outcomes.results[0].error(), ZavloAuthException::failure(c.errorCode, message));
     EXPECT_EQ(outcomes.beforeReturn, !c.prompted);
     EXPECT_EQ(h.owner.prompts().size(), c.prompted ? 1U : 0U);
@@ -180,6 +190,8 @@ TEST(ZavloDeviceBindingSign, FailuresCompleteFirstThenReportTheirReason) {
       if (!c.prompted) {
         EXPECT_TRUE(h.hasKey("k2")) << "later ids are not tried, and kept";
       }
+    } else if (c.prompted) {
+      EXPECT_EQ(h.hasKey("k1"), c.keyKept);
     }
   }
 }
@@ -255,7 +267,7 @@ TEST(ZavloDeviceBindingSign, AManagerDestroyedDuringThePromptNeverAnswers) {
   h.graph.platform.runUntilIdle();
   EXPECT_EQ(completions, 0);
   EXPECT_TRUE(h.order.empty());
-  EXPECT_EQ(h.keys.keyCount(), 1U) << "no key was created after the prompt";
+  EXPECT_EQ(h.store.keyCount(), 1U) << "no key was created after the prompt";
 }
 
 TEST(ZavloDeviceBindingSign, HostileKeyIdsAreUsedVerbatimAndLeaveOtherItemsAlone) {
@@ -266,7 +278,7 @@ TEST(ZavloDeviceBindingSign, HostileKeyIdsAreUsedVerbatimAndLeaveOtherItemsAlone
   };
   h.enrolled("bystander");
   for (const auto& id : ids) h.enrolled(id);
-  const auto items = h.keychain.itemCount();
+  const auto items = h.store.itemCount();
 
   for (const auto& id : ids) {
     SCOPED_TRACE(id.substr(0, 20));
@@ -274,13 +286,13 @@ TEST(ZavloDeviceBindingSign, HostileKeyIdsAreUsedVerbatimAndLeaveOtherItemsAlone
     const auto signed_ = h.success(ZavloBindingHarness::kSign, {{"challenge", id}, {"allowedKeyIds", {id}}});
     EXPECT_EQ(signed_.value("keyId", ""), id);
   }
-  EXPECT_EQ(h.keychain.itemCount(), items);
+  EXPECT_EQ(h.store.itemCount(), items);
   EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", "x"}}).value("state", ""), "NOT_ENROLLED");
 
   h.owner.setBiometryDomainState(zavloBytes("biometry-2"));
   for (const auto& id : ids) {
     EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", id}}).value("state", ""), "INVALIDATED");
   }
-  EXPECT_EQ(h.keychain.itemCount(), 2U);
+  EXPECT_EQ(h.store.itemCount(), 2U);
   EXPECT_TRUE(h.hasKey("bystander") && h.hasDomainState("bystander"));
 }

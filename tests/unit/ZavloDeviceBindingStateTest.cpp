@@ -1,11 +1,11 @@
-// The binding state query and the keychain layout behind it.
+// The binding state query and the key store calls behind it.
 #include <functional>
 
 #include "ZavloBindingHarness.hpp"
 
 using nlohmann::json;
 using Policy = ZavloOwnerAuthenticationPolicy;
-using Operation = ZavloTestKeychain::Operation;
+using Operation = ZavloTestKeyStore::Operation;
 
 namespace {
 
@@ -15,14 +15,9 @@ json stateOf(const char* state, std::optional<std::string> keyId = std::nullopt)
   return expected;
 }
 
-json with(json base, const json& extra) {
-  base.update(extra);
-  return base;
-}
-
-json described(const ZavloTestKeychain::Call& call) {
-  static const char* const kNames[] = {"copyMatching", "add", "remove"};
-  return {{kNames[static_cast<int>(call.operation)], ZavloTestKeychain::describe(call.attributes)}};
+std::string described(const ZavloTestKeyStore::Call& call) {
+  static const char* const kNames[] = {"createKey", "findKey", "sign", "deleteKey", "domainState", "setDomainState"};
+  return std::string(kNames[static_cast<int>(call.operation)]) + " " + call.subject;
 }
 
 }  // namespace
@@ -34,7 +29,7 @@ TEST(ZavloDeviceBindingState, ReportsEveryStateWordSynchronouslyWithoutTelemetry
     Arrange arrange;
     json config;
     json expected;
-    bool keychainUntouched;
+    bool storeUntouched;
   };
   const json k1 = {{"keyId", "k1"}};
   const Arrange none = [](auto&) {};
@@ -47,24 +42,17 @@ TEST(ZavloDeviceBindingState, ReportsEveryStateWordSynchronouslyWithoutTelemetry
   const Arrange hardware = [](auto& h) {
     h.owner.queueCanEvaluatePolicyAnswers(Policy::deviceOwnerAuthentication, {true, false});
   };
-  const Arrange needsInteraction = [](auto& h) {
-    h.keychain.answer(Operation::copyMatching,
-                      {{ZavloKeychainKey::kSecAttrApplicationTag, ZavloBindingHarness::tag("k9")}},
-                      ZavloKeychainStatus::interactionNotAllowed);
-  };
   const Arrange biometricsRemoved = [](auto& h) {
     h.enrolled("k1", "biometry-0");
     h.owner.setCanEvaluatePolicy(Policy::deviceOwnerAuthenticationWithBiometrics, false);
   };
   const Arrange recordFails = [](auto& h) {
     h.enrolled("k1", "biometry-0");
-    h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"),
-                      ZavloKeychainStatus::decode);
+    h.store.fail(Operation::domainState, {ZavloKeyStoreFailure::unavailable, 5, "busy"});
   };
-  const Arrange recordNotBytes = [](auto& h) {
-    h.enrolled("k1", "biometry-0");
-    h.keychain.answer(Operation::copyMatching, ZavloBindingHarness::domainStateRecord("k1"), 0,
-                      ZavloKeychainItem{std::shared_ptr<ZavloSecureKey>()});
+  const Arrange lookupFails = [](auto& h) {
+    h.enrolled("k1");
+    h.store.fail(Operation::findKey, {ZavloKeyStoreFailure::damaged, 11, "damaged"});
   };
   const std::vector<Case> cases = {
       {"no screen lock", noScreenLock, k1, stateOf("NO_SCREEN_LOCK"), false},
@@ -74,12 +62,13 @@ TEST(ZavloDeviceBindingState, ReportsEveryStateWordSynchronouslyWithoutTelemetry
       {"no key", none, {{"keyId", "nobody"}}, stateOf("NOT_ENROLLED"), false},
       {"enrolled, padded id", enrolled, {{"keyId", "  k1\n"}}, stateOf("ENROLLED", "k1"), false},
       {"number as key id", [](auto& h) { h.enrolled("42"); }, {{"keyId", 42}}, stateOf("ENROLLED", "42"), false},
-      {"key that needs interaction", needsInteraction, {{"keyId", "k9"}}, stateOf("ENROLLED", "k9"), false},
       {"biometrics changed", changed, k1, stateOf("INVALIDATED", "k1"), false},
       {"enrolled without biometrics, biometrics added since", noRecord, k1, stateOf("ENROLLED", "k1"), false},
       {"biometrics changed, then removed", biometricsRemoved, k1, stateOf("ENROLLED", "k1"), false},
       {"record lookup fails", recordFails, k1, stateOf("ENROLLED", "k1"), false},
-      {"record answers something other than bytes", recordNotBytes, k1, stateOf("ENROLLED", "k1"), false},
+      {"record unreadable, so equal to no state", [](auto& h) { h.enrolled("k1", ""); }, k1,
+       stateOf("INVALIDATED", "k1"), false},
+      {"key lookup fails", lookupFails, k1, stateOf("NOT_ENROLLED"), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -91,8 +80,8 @@ TEST(ZavloDeviceBindingState, ReportsEveryStateWordSynchronouslyWithoutTelemetry
     ASSERT_TRUE(outcomes.results[0]);
     EXPECT_EQ(outcomes.results[0].value(), c.expected);
     EXPECT_TRUE(h.order == std::vector<std::string>{"completion"}) << "no telemetry";
-    if (c.keychainUntouched) {
-      EXPECT_TRUE(h.keychain.calls().empty()) << "an empty id never reaches the keychain";
+    if (c.storeUntouched) {
+      EXPECT_TRUE(h.store.calls().empty()) << "an empty id never reaches the key store";
     }
   }
 }
@@ -102,26 +91,15 @@ TEST(ZavloDeviceBindingState, InvalidationDeletesExactlyThatKeyAndItsRecordOnce)
   h.enrolled("k1", "biometry-0");
   h.enrolled("k2", "biometry-0");
   h.enrolled("  blank  ");  // never looked at: ids are trimmed first
-  const auto before = h.keychain.itemCount();
+  const auto before = h.store.itemCount();
 
   EXPECT_EQ(h.success(ZavloBindingHarness::kState, {{"keyId", " k1 "}}), stateOf("INVALIDATED", "k1"));
-  const json key = {{"kSecClass", "kSecClassKey"},
-                    {"kSecAttrApplicationTag", {{"bytes", "in.zavlo.authsdk.devicebinding.k1"}}},
-                    {"kSecAttrKeyType", "kSecAttrKeyTypeECSECPrimeRandom"}};
-  const json record = {{"kSecClass", "kSecClassGenericPassword"},
-                       {"kSecAttrService", "in.zavlo.authsdk.devicebinding.domainstate"},
-                       {"kSecAttrAccount", "k1"}};
-  std::vector<json> calls;
-  for (const auto& call : h.keychain.calls()) calls.push_back(described(call));
-  const std::vector<json> expected = {
-      {{"copyMatching",
-        with(key, {{"kSecReturnRef", false}, {"kSecUseAuthenticationUI", "kSecUseAuthenticationUISkip"}})}},
-      {{"copyMatching", with(record, {{"kSecReturnData", true}})}},
-      {{"remove", key}},
-      {{"remove", record}},
-  };
-  EXPECT_EQ(calls, expected);
-  EXPECT_EQ(h.keychain.itemCount(), before - 2);
+  const std::string tag = "in.zavlo.authsdk.devicebinding.k1";
+  std::vector<std::string> calls;
+  for (const auto& call : h.store.calls()) calls.push_back(described(call));
+  EXPECT_EQ(calls,
+            (std::vector<std::string>{"findKey " + tag, "domainState k1", "deleteKey " + tag, "setDomainState k1"}));
+  EXPECT_EQ(h.store.itemCount(), before - 2);
   EXPECT_FALSE(h.hasKey("k1"));
   EXPECT_FALSE(h.hasDomainState("k1"));
   EXPECT_TRUE(h.hasKey("k2") && h.hasDomainState("k2") && h.hasKey("  blank  "));

@@ -7,7 +7,7 @@
 
 #include "Core/ZavloAuthResponseUtils.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxPkcs11Token.hpp"
-#include "ZavloCliKeychainTrace.hpp"
+#include "ZavloCliKeyStoreTrace.hpp"
 #include "ZavloCliTelemetry.hpp"
 
 void ZavloCliContext::printCompletion(const nlohmann::json& dictionary) {
@@ -74,9 +74,9 @@ ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
   static auto* const platform = [&options] {
     ZavloLinuxPlatform::Options platformOptions;
     platformOptions.cellularInterfaces = options.cellularInterfaces;
-    platformOptions.keychainPath = zavloCliKeychainPath(options);
+    platformOptions.keyFilePath = zavloCliKeychainPath(options);
     platformOptions.keyToken = zavloCliKeyToken(options);
-    platformOptions.keychain.trace = keyStoreFailure;
+    platformOptions.keyFile.trace = keyStoreFailure;
     platformOptions.ownerAuthentication.mode = ownerMode(options.ownerAuth);
     auto made = std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions));
     ZavloCliTracingPlatform::Trace trace;

@@ -15,7 +15,7 @@
 
 namespace {
 
-namespace Status = ZavloKeychainStatus;
+namespace Status = ZavloLinuxTokenStatus;
 
 // DER of the named curve prime256v1 (1.2.840.10045.3.1.7), as CKA_EC_PARAMS holds it.
 constexpr std::array<CK_BYTE, 10> kP256Parameters = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};

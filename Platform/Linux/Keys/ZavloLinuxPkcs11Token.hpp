@@ -10,10 +10,21 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/ZavloKeychain.hpp"
+#include "Platform/ZavloKeyStore.hpp"
 #include "Platform/ZavloResult.hpp"
 
 struct p11_kit_uri;  // p11-kit's parsed URI; kept out of the installed headers
+
+/// The statuses of token calls (the values of the platform's keychain statuses).
+namespace ZavloLinuxTokenStatus {
+inline constexpr std::int32_t success = 0;
+inline constexpr std::int32_t param = -50;
+inline constexpr std::int32_t io = -36;
+inline constexpr std::int32_t notAvailable = -25291;
+inline constexpr std::int32_t duplicateItem = -25299;
+inline constexpr std::int32_t itemNotFound = -25300;
+inline constexpr std::int32_t decode = -26275;
+}  // namespace ZavloLinuxTokenStatus
 
 /// One PKCS#11 token (a TPM through tpm2-pkcs11, a smart card through OpenSC, an HSM,
 /// SoftHSM2 in tests), named by an RFC 7512 URI, holding P-256 key pairs by tag.

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/ZavloKeychain.hpp"
+#include "Platform/ZavloKeyStore.hpp"
 
 /// What the fingerprint daemon (fprintd) says about one user's fingers on its default
 /// device.

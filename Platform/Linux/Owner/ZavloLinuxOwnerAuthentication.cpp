@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "Platform/Linux/Owner/ZavloLinuxFingerprints.hpp"
+#include "Platform/Linux/ZavloLinuxSecret.hpp"
 
 using Policy = ZavloOwnerAuthenticationPolicy;
 using Error = ZavloOwnerAuthenticationError;
@@ -40,7 +41,7 @@ struct ZavloLinuxOwnerAuthenticationContext::State {
   std::optional<ZavloLinuxEnrolledFingers> fingers;  // read on first need
   int cancelFd = -1;                                 // made with the first evaluation
   std::atomic<bool> cancelled{false};
-  std::atomic<bool> authenticated{false};
+  std::unique_ptr<ZavloOwnerProof> proof;  // under mutex; set by a successful evaluation
 
   State() = default;
   State(const State&) = delete;
@@ -339,7 +340,8 @@ void runEvaluation(std::shared_ptr<Shared> shared, std::shared_ptr<State> state,
   if (state->cancelled) {
     outcome = failure(laError(ZavloLAError::appCancel, "The authentication context was destroyed."));
   } else if (outcome.success) {
-    state->authenticated = true;
+    const std::lock_guard lock(state->mutex);
+    state->proof = std::make_unique<ZavloLinuxOwnerProof>(ZavloLinuxSecret(), false);
   }
   state.reset();
   try {
@@ -439,4 +441,7 @@ std::optional<ZavloBytes> ZavloLinuxOwnerAuthenticationContext::evaluatedPolicyD
   return zavloEnrolledFingersDigest(fingers.fingers);
 }
 
-bool ZavloLinuxOwnerAuthenticationContext::isAuthenticated() const { return state_->authenticated; }
+std::unique_ptr<ZavloOwnerProof> ZavloLinuxOwnerAuthenticationContext::takeOwnerProof() {
+  const std::lock_guard lock(state_->mutex);
+  return std::move(state_->proof);
+}

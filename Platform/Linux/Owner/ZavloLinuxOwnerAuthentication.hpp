@@ -113,7 +113,7 @@ class ZavloLinuxOwnerAuthenticationContext final : public ZavloOwnerAuthenticati
   void setLocalizedFallbackTitle(std::optional<std::string> title) override;
   void evaluatePolicy(ZavloOwnerAuthenticationPolicy policy, const std::string& localizedReason, Reply reply) override;
   std::optional<ZavloBytes> evaluatedPolicyDomainState() override;
-  [[nodiscard]] bool isAuthenticated() const override;
+  std::unique_ptr<ZavloOwnerProof> takeOwnerProof() override;
 
   /// Why policy cannot be evaluated now (an LAError: passcodeNotSet, biometryNotAvailable,
   /// biometryNotEnrolled); absent when it can.
