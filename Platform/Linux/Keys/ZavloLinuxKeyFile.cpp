@@ -34,8 +34,6 @@ constexpr const char* kSchema =
 
 // The first format's names: an attribute keychain whose key items held plain keys.
 constexpr const char* kFormat1KeyClass = "kSecClassKey";
-constexpr const char* kFormat1PasswordClass = "kSecClassGenericPassword";
-constexpr const char* kFormat1DomainStateService = "in.zavlo.authsdk.devicebinding.domainstate";
 
 struct StatementDeleter {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
@@ -175,9 +173,9 @@ ZavloKeyStoreError ZavloLinuxKeyFile::fail(Failure failure, std::int64_t code, s
 ZavloKeyStoreError ZavloLinuxKeyFile::failSqlite(int code, const std::string& action, const char* message) {
   // SQLite's messages never quote bound values, so no record's content reaches the text.
   if (message == nullptr) message = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(code);
-  return fail(failureFor(code), code,
-              "Key file " + path_ + ": " + action + " failed: " + message + " (SQLite code " + std::to_string(code) +
-                  ")");
+  return fail(
+      failureFor(code), code,
+      "Key file " + path_ + ": " + action + " failed: " + message + " (SQLite code " + std::to_string(code) + ")");
 }
 
 void ZavloLinuxKeyFile::closeLocked() {
@@ -195,7 +193,8 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::openLocked() {
   if (stat(directory.c_str(), &info) != 0) {
     const int error = errno;
     if (error != ENOENT || !options_.createDirectory) {
-      return fail(Failure::unavailable, error, "Key file directory " + directory + " is not usable: " + systemError(error));
+      return fail(Failure::unavailable, error,
+                  "Key file directory " + directory + " is not usable: " + systemError(error));
     }
     // Only the last level: a wrong parent path should fail, not grow a tree.
     if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -203,10 +202,12 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::openLocked() {
                   "Key file directory " + directory + " cannot be created: " + systemError(errno));
     }
     if (stat(directory.c_str(), &info) != 0) {
-      return fail(Failure::unavailable, errno, "Key file directory " + directory + " is not usable: " + systemError(errno));
+      return fail(Failure::unavailable, errno,
+                  "Key file directory " + directory + " is not usable: " + systemError(errno));
     }
   }
-  if (!S_ISDIR(info.st_mode)) return fail(Failure::unavailable, 0, "Key file directory " + directory + " is no directory");
+  if (!S_ISDIR(info.st_mode))
+    return fail(Failure::unavailable, 0, "Key file directory " + directory + " is no directory");
   if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     return fail(Failure::unavailable, 0,
                 "Key file directory " + directory + " may be written by others (mode " + octalMode(info.st_mode) +
@@ -216,7 +217,8 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::openLocked() {
   // The file is made here, not by SQLite, which would create it with mode 0644.
   const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
-    return fail(Failure::unavailable, errno, "Key file " + path_ + " cannot be opened for writing: " + systemError(errno));
+    return fail(Failure::unavailable, errno,
+                "Key file " + path_ + " cannot be opened for writing: " + systemError(errno));
   }
   struct stat fileInfo {};
   std::string problem;
@@ -289,15 +291,10 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::prepareLocked() {
   if (empty && (code = sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr)) != SQLITE_OK) {
     return failSqlite(code, "creating the tables");
   }
-  const bool converting = format == 1;
-  if (converting) {
+  if (format == 1) {
     if (auto problem = migrateFormat1Locked()) return problem;
   }
   if ((code = transaction.commit()) != SQLITE_OK) return failSqlite(code, "opening");
-  // The old tables' pages are free now; rewriting the file leaves none of them behind.
-  if (converting && (code = sqlite3_exec(db_, "VACUUM", nullptr, nullptr, nullptr)) != SQLITE_OK) {
-    return failSqlite(code, "compacting the converted file");
-  }
   return std::nullopt;
 }
 
@@ -335,21 +332,9 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::migrateFormat1Locked() {
   if (code != SQLITE_DONE) return failSqlite(code, "converting the first format's keys", message.c_str());
   keys.reset();
 
-  code = execute(
-      db_,
-      "INSERT OR IGNORE INTO domain_states(key_id, state)"
-      " SELECT CAST(account.value AS BLOB), data.value FROM items i"
-      " JOIN attributes service ON service.item = i.id AND service.name = 'kSecAttrService' AND service.value = ?2"
-      " JOIN attributes account ON account.item = i.id AND account.name = 'kSecAttrAccount' AND account.kind = 2"
-      " JOIN attributes data ON data.item = i.id AND data.name = 'kSecValueData' AND data.kind = 3"
-      " WHERE i.class = ?1",
-      [](sqlite3_stmt* insert) {
-        int bound = sqlite3_bind_text(insert, 1, kFormat1PasswordClass, -1, SQLITE_STATIC);
-        if (bound == SQLITE_OK) bound = sqlite3_bind_text(insert, 2, kFormat1DomainStateService, -1, SQLITE_STATIC);
-        return bound;
-      },
-      message);
-  if (code != SQLITE_OK) return failSqlite(code, "converting the first format's records", message.c_str());
+  // The first format's domain states digest finger names only, which today's digest never
+  // equals: kept, they would invalidate every key at the first look. Its keys count as
+  // enrolled without biometrics instead, as the format cannot say more.
   // Deleted row by row first, so that secure_delete zeroes the plain keys' cells.
   code = sqlite3_exec(db_,
                       "DELETE FROM attributes; DELETE FROM items; DROP INDEX IF EXISTS attributes_by_value;"
@@ -360,8 +345,7 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::migrateFormat1Locked() {
 }
 
 ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::writeLocked(const std::string& action,
-                                                          const std::function<int(std::string&)>& rows,
-                                                          bool* nothing) {
+                                                          const std::function<int(std::string&)>& rows, bool* nothing) {
   if (auto problem = openLocked()) return problem;
   Transaction transaction(db_);
   int code = transaction.begin();
@@ -388,8 +372,8 @@ ZavloKeyStoreResult<std::optional<ZavloLinuxKeyRecord>> ZavloLinuxKeyFile::find(
     if (code == SQLITE_DONE) return std::optional<ZavloLinuxKeyRecord>();
     if (code != SQLITE_ROW) return zavloFailure(failSqlite(code, "reading a key"));
     const auto* protection = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
-    return std::optional(ZavloLinuxKeyRecord{tag, protection != nullptr ? protection : "",
-                                             columnBytes(select.get(), 1), columnBytes(select.get(), 2)});
+    return std::optional(ZavloLinuxKeyRecord{tag, protection != nullptr ? protection : "", columnBytes(select.get(), 1),
+                                             columnBytes(select.get(), 2)});
   });
 }
 

@@ -37,8 +37,9 @@ struct ZavloLinuxKeyRecord {
 /// freed content with zeros, and the rollback journal (journal_mode DELETE, no WAL) is
 /// removed at the end of every transaction. A file of the first format (the attribute
 /// keychain with plain keys, in WAL mode) is converted when it is opened: its keys become
-/// "plain" records, its domain-state records stay, and its WAL, old tables and free pages
-/// are gone afterwards.
+/// "plain" records, its domain-state records (finger names only, which no domain state of
+/// today equals) are dropped, and its WAL and old tables are gone afterwards (secure_delete
+/// zeroes the pages they free).
 ///
 /// Threading contract: every operation may be called from any thread and is synchronous;
 /// one mutex per object serialises its SQLite connection. Several objects and processes
@@ -92,8 +93,7 @@ class ZavloLinuxKeyFile {
   ZavloKeyStoreError failSqlite(int code, const std::string& action, const char* message = nullptr);
   /// One write transaction around rows(), which answers an SQLite code and its message;
   /// SQLITE_NOTFOUND from rows() commits nothing and sets *nothing.
-  Problem writeLocked(const std::string& action, const std::function<int(std::string&)>& rows,
-                      bool* nothing = nullptr);
+  Problem writeLocked(const std::string& action, const std::function<int(std::string&)>& rows, bool* nothing = nullptr);
 
   const std::string path_;
   const Options options_;

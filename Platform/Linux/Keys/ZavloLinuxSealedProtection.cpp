@@ -8,11 +8,13 @@
 #include <openssl/kdf.h>
 #include <openssl/param_build.h>
 #include <openssl/rand.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <climits>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <mutex>
 
@@ -175,10 +177,23 @@ std::optional<ZavloLinuxSecret> sealingKey(std::span<const std::uint8_t> secret,
   return key;
 }
 
-// What the GCM tag also covers: the key's tag and public point, so that a blob opens only
-// under the tag and for the key it was made for.
+// The machine and the user a key is sealed on: not secret, but a key file copied to
+// another machine or into another user's home does not open there, even with the secret.
+std::string ownerPlace() {
+  std::string machine;
+  for (const char* path : {"/etc/machine-id", "/var/lib/dbus/machine-id"}) {
+    std::ifstream file(path);
+    if (std::getline(file, machine) && !machine.empty()) break;
+  }
+  return "machine " + machine + "\nuser " + std::to_string(geteuid()) + "\n";
+}
+
+// What the GCM tag also covers: the key's tag and public point, and the place it was
+// sealed on, so that a blob opens only under its tag, for its key, where it was made.
 ZavloBytes associatedData(const ZavloBytes& tag, const ZavloBytes& point) {
   ZavloBytes data(std::begin(kAssociatedLabel), std::end(kAssociatedLabel));  // with its NUL
+  const auto place = ownerPlace();
+  data.insert(data.end(), place.begin(), place.end());
   const auto length = static_cast<std::uint32_t>(tag.size());
   for (int shift = 24; shift >= 0; shift -= 8) data.push_back(static_cast<std::uint8_t>(length >> shift));
   data.insert(data.end(), tag.begin(), tag.end());

@@ -8,10 +8,10 @@
 
 /// Software keys sealed under the owner's secret, for machines without a TPM. The private
 /// scalar is encrypted with AES-256-GCM under a key derived from the secret with scrypt
-/// (a salt of its own per key), the tag and the public key bound in as associated data, so
-/// the blob alone yields nothing and a blob moved to another tag does not open. The plain
-/// scalar exists only while one signature is made, in locked memory left out of core
-/// dumps, wiped afterwards.
+/// (a salt of its own per key), the tag, the public key, the machine id and the user bound
+/// in as associated data, so the blob alone yields nothing, and a blob moved to another
+/// tag, machine or user does not open, even with the secret. The plain scalar exists only
+/// while one signature is made, in locked memory left out of core dumps, wiped afterwards.
 ///
 /// Blob: "ZS1", scrypt log2(N), r, p (one byte each), salt (16), nonce (12), the sealed
 /// scalar (32) and the GCM tag (16).
