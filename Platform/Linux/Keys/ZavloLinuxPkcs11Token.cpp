@@ -381,12 +381,12 @@ ZavloLinuxPkcs11Token::Problem ZavloLinuxPkcs11Token::openLocked() {
   if (uriFailure_) return fail(Failure::invalidArgument, 0, "the URI is not usable: " + *uriFailure_);
   if (sessionOpen_) {
     // A session the token dropped in the meantime (a reset, a reinserted card), or a slot
-    // that now holds another token or none, makes the token be looked for again.
+    // that holds no token now (a software token keeps its sessions when it is deleted),
+    // makes the token be looked for again.
     CK_SESSION_INFO session{};
     CK_TOKEN_INFO token{};
     if (modules_->token->C_GetSessionInfo(session_, &session) == CKR_OK &&
-        modules_->token->C_GetTokenInfo(slot_, &token) == CKR_OK &&
-        p11_kit_uri_match_token_info(parsed_.get(), &token) != 0) {
+        modules_->token->C_GetTokenInfo(slot_, &token) == CKR_OK) {
       return std::nullopt;
     }
     closeSessionLocked();
