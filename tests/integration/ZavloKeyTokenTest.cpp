@@ -194,6 +194,8 @@ TEST_F(ZavloKeyToken, APinFromTheUriNeedsNoOwnerAndAWrongOneIsOfferedOnlyOnce) {
                            ": the token's PIN came from the URI's pin-source; the owner was not asked for it"),
             1);
 
+  EXPECT_TRUE(storeFor(zavloOwnerPinUri(hsm_) + "&pin-value=%34%37%31%31")->sign(tag_, kMessage, none_));
+
   // A token counts every wrong try, and locks after a few: this one after three.
   const auto wrongPin = storeFor(countingUri() + "&pin-value=0000");
   for (int attempt = 0; attempt < 4; ++attempt) {
@@ -247,6 +249,8 @@ TEST_F(ZavloKeyToken, AMissingModuleOrTokenOrAnUnusableUriFailsEveryCall) {
            Case{"pkcs11:token=zavlo?module-path=/nonexistent/libmissing.so", Failure::unavailable, "cannot be loaded"},
            Case{"pkcs11:token=absent?module-path=" + std::string(ZavloSoftHsm::kModule), Failure::unavailable,
                 "no token present matches the URI"},
+           Case{"pkcs11:token=absent;pin-value=0000?module-path=" + std::string(ZavloSoftHsm::kModule),
+                Failure::unavailable, "no token present matches the URI"},
            Case{"pkcs11:token=zavlo?pin-source=|/bin/echo", Failure::invalidArgument, "must name a file"},
        }) {
     const auto store = storeFor(uri);

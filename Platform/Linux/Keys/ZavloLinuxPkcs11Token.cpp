@@ -12,6 +12,7 @@
 #include <cstring>
 #include <mutex>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "Platform/Linux/Keys/ZavloLinuxTracedLock.hpp"
@@ -157,45 +158,48 @@ int hexDigit(char c) {
   return -1;
 }
 
-// Takes the pin-value attribute out of text, wiping its characters there first, and
-// answers its percent-decoded value; nothing when there is none. p11-kit never sees the
-// PIN, so none of its copies outlives the parse.
+// Takes every pin-value attribute out of text (the query's, or one written into the path),
+// wiping its characters there first, and answers the last one's percent-decoded value;
+// nothing when there is none. p11-kit never sees the PIN, so none of its copies outlives
+// the parse, and no description shows it.
 std::optional<ZavloLinuxSecret> takePinValue(std::string& text) {
-  const auto query = text.find('?');
-  if (query == std::string::npos) return std::nullopt;
-  std::size_t start = query + 1;
-  while (text.compare(start, kPinValue.size(), kPinValue) != 0) {
-    const auto next = text.find_first_of("&;", start);
-    if (next == std::string::npos) return std::nullopt;
-    start = next + 1;
-  }
-  const auto valueStart = start + kPinValue.size();
-  const auto valueEnd = std::min(text.find_first_of("&;", valueStart), text.size());
-  ZavloLinuxSecret pin(valueEnd - valueStart);
-  std::size_t length = 0;
-  for (std::size_t at = valueStart; at < valueEnd; ++at) {
-    const bool escaped =
-        text[at] == '%' && at + 2 < valueEnd && hexDigit(text[at + 1]) >= 0 && hexDigit(text[at + 2]) >= 0;
-    if (escaped) {
-      pin.data()[length++] = static_cast<std::uint8_t>(hexDigit(text[at + 1]) * 16 + hexDigit(text[at + 2]));
-      at += 2;
-    } else {
-      pin.data()[length++] = static_cast<std::uint8_t>(text[at]);
+  std::optional<ZavloLinuxSecret> taken;
+  for (auto start = text.find(kPinValue); start != std::string::npos; start = text.find(kPinValue, start)) {
+    if (start == 0 || std::string_view(":;?&").find(text[start - 1]) == std::string_view::npos) {
+      start += kPinValue.size();  // part of another attribute's value
+      continue;
     }
+    const auto valueStart = start + kPinValue.size();
+    const auto valueEnd = std::min(text.find_first_of("&;?", valueStart), text.size());
+    ZavloLinuxSecret pin(valueEnd - valueStart);
+    std::size_t length = 0;
+    for (std::size_t at = valueStart; at < valueEnd; ++at) {
+      const bool escaped =
+          text[at] == '%' && at + 2 < valueEnd && hexDigit(text[at + 1]) >= 0 && hexDigit(text[at + 2]) >= 0;
+      if (escaped) {
+        pin.data()[length++] = static_cast<std::uint8_t>(hexDigit(text[at + 1]) * 16 + hexDigit(text[at + 2]));
+        at += 2;
+      } else {
+        pin.data()[length++] = static_cast<std::uint8_t>(text[at]);
+      }
+    }
+    pin.shrink(length);
+    taken = std::move(pin);
+    std::memset(text.data() + valueStart, 'x', valueEnd - valueStart);
+    // The attribute goes with one separator: the one before it, else the one after it
+    // (not a '?', which divides the path from the query).
+    auto eraseStart = start;
+    auto eraseEnd = valueEnd;
+    if (text[start - 1] == ';' || text[start - 1] == '&') {
+      --eraseStart;
+    } else if (eraseEnd < text.size() && text[eraseEnd] != '?') {
+      ++eraseEnd;
+    }
+    text.erase(eraseStart, eraseEnd - eraseStart);
+    start = eraseStart;
   }
-  pin.shrink(length);
-  std::memset(text.data() + valueStart, 'x', valueEnd - valueStart);
-  // The attribute goes with one separator: the one before it, else the one after it.
-  auto eraseStart = start;
-  auto eraseEnd = valueEnd;
-  if (text[start - 1] != '?') {
-    --eraseStart;
-  } else if (eraseEnd < text.size()) {
-    ++eraseEnd;
-  }
-  text.erase(eraseStart, eraseEnd - eraseStart);
   if (text.ends_with('?')) text.pop_back();
-  return pin;
+  return taken;
 }
 
 // The 65-byte point of CKA_EC_POINT, which tokens give DER-wrapped (an OCTET STRING) or bare.
@@ -513,10 +517,15 @@ template <class T, class Body>
 ZavloKeyStoreResult<T> ZavloLinuxPkcs11Token::loggedInLocked(std::span<const std::uint8_t> pin, Body&& body) {
   if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
   if (auto problem = loginLocked(pin)) return zavloFailure(std::move(*problem));
+  // Whatever the body does, even throw, the login ends with it.
+  struct LogoutAtEnd {
+    ZavloLinuxPkcs11Token& token;
+    ~LogoutAtEnd() {
+      if (token.sessionOpen_) token.logoutLocked();
+    }
+  } logoutAtEnd{*this};
   sweepLocked();
-  ZavloKeyStoreResult<T> result = std::forward<Body>(body)();
-  if (sessionOpen_) logoutLocked();
-  return result;
+  return std::forward<Body>(body)();
 }
 
 void ZavloLinuxPkcs11Token::sweepLocked() {
