@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <set>
 #include <string_view>
 #include <utility>
 
@@ -524,33 +523,35 @@ ZavloKeyStoreResult<T> ZavloLinuxPkcs11Token::loggedInLocked(std::span<const std
       if (token.sessionOpen_) token.logoutLocked();
     }
   } logoutAtEnd{*this};
-  sweepLocked();
-  return std::forward<Body>(body)();
+  auto keys = keysLocked();
+  if (!keys) return zavloFailure(std::move(keys).error());
+  return std::forward<Body>(body)(keys.value());
 }
 
-void ZavloLinuxPkcs11Token::sweepLocked() {
-  // Best effort: a key whose public object went without a login can no longer be found or
-  // used, and its private object goes now; a failure here leaves it for the next login.
-  const auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, std::nullopt);
-  if (!privateKeys || privateKeys.value().empty()) return;
+ZavloLinuxPkcs11Token::Result<ZavloLinuxPkcs11Token::Keys> ZavloLinuxPkcs11Token::keysLocked() {
+  Keys keys;
   const auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, std::nullopt);
-  if (!publicKeys) return;
-  std::set<ZavloBytes> publicIds;
+  if (!publicKeys) return zavloFailure(publicKeys.error());
   for (const auto handle : publicKeys.value()) {
     auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
-    if (!id) return;
-    publicIds.insert(std::move(id).value());
+    if (!id) return zavloFailure(std::move(id).error());
+    keys.publicKeys.emplace(std::move(id).value(), handle);
   }
-  std::vector<unsigned long> orphans;
+  const auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, std::nullopt);
+  if (!privateKeys) return zavloFailure(privateKeys.error());
   for (const auto handle : privateKeys.value()) {
-    const auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
-    const auto label = attributeLocked(handle, CKA_LABEL, "CKA_LABEL");
-    if (!id || !label) return;
-    // Only keys made as this class makes them (the tag as both id and label): another
-    // application's key kept without a public object is left alone.
-    if (id.value() == label.value() && !publicIds.contains(id.value())) orphans.push_back(handle);
+    auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
+    if (!id) return zavloFailure(std::move(id).error());
+    if (!keys.publicKeys.contains(id.value())) {
+      // A key whose public object went without a login can no longer be found or used,
+      // and its private object goes now; a key of another application (its label not its
+      // id, as this class never makes them) is left alone, and so is one that will not go.
+      const auto label = attributeLocked(handle, CKA_LABEL, "CKA_LABEL");
+      if (label && label.value() == id.value() && !destroyObjectsLocked({handle})) continue;
+    }
+    keys.privateKeys.emplace(std::move(id).value(), handle);
   }
-  (void)destroyObjectsLocked(orphans);
+  return keys;
 }
 
 ZavloLinuxPkcs11Token::Result<std::vector<unsigned long>> ZavloLinuxPkcs11Token::findObjectsLocked(
@@ -583,13 +584,22 @@ ZavloLinuxPkcs11Token::Result<std::vector<unsigned long>> ZavloLinuxPkcs11Token:
 
 ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::attributeLocked(unsigned long object,
                                                                                  unsigned long type, const char* name) {
-  CK_ATTRIBUTE query{type, nullptr, 0};
+  // Ids, labels and points fit the first buffer: one call, not two, for each.
+  std::array<CK_BYTE, 128> buffer{};
+  CK_ATTRIBUTE query{type, buffer.data(), buffer.size()};
   CK_RV code = modules_->token->C_GetAttributeValue(session_, object, &query, 1);
+  if (code == CKR_OK && query.ulValueLen <= buffer.size()) {
+    return ZavloBytes(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(query.ulValueLen));
+  }
   ZavloBytes value;
-  if (code == CKR_OK && query.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
-    value.resize(query.ulValueLen);
-    query.pValue = value.data();
+  if (code == CKR_BUFFER_TOO_SMALL) {
+    query = {type, nullptr, 0};
     code = modules_->token->C_GetAttributeValue(session_, object, &query, 1);
+    if (code == CKR_OK && query.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
+      value.resize(query.ulValueLen);
+      query.pValue = value.data();
+      code = modules_->token->C_GetAttributeValue(session_, object, &query, 1);
+    }
   }
   if (code != CKR_OK) return zavloFailure(failCall(code, std::string("C_GetAttributeValue(") + name + ")"));
   value.resize(query.ulValueLen);
@@ -629,12 +639,10 @@ ZavloLinuxPkcs11Token::Result<std::optional<ZavloBytes>> ZavloLinuxPkcs11Token::
 ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::generate(const ZavloBytes& tag,
                                                                           std::span<const std::uint8_t> pin) {
   return locked([&] {
-    return loggedInLocked<ZavloBytes>(pin, [&]() -> Result<ZavloBytes> {
-      // Either half under the tag makes it taken (the sweep has removed lone private halves).
-      for (const auto objectClass : {CKO_PUBLIC_KEY, CKO_PRIVATE_KEY}) {
-        const auto existing = findObjectsLocked(objectClass, tag);
-        if (!existing) return zavloFailure(existing.error());
-        if (!existing.value().empty()) return zavloFailure(fail(Failure::duplicate, 0, "a key with this tag exists"));
+    return loggedInLocked<ZavloBytes>(pin, [&](const Keys& keys) -> Result<ZavloBytes> {
+      // Either half under the tag makes it taken.
+      if (keys.publicKeys.contains(tag) || keys.privateKeys.contains(tag)) {
+        return zavloFailure(fail(Failure::duplicate, 0, "a key with this tag exists"));
       }
       const CK_BBOOL yes = CK_TRUE;
       const CK_BBOOL no = CK_FALSE;
@@ -684,17 +692,14 @@ ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::sign(const Zavl
                                                                       std::span<const std::uint8_t> digest,
                                                                       std::span<const std::uint8_t> pin) {
   return locked([&] {
-    return loggedInLocked<ZavloBytes>(pin, [&]() -> Result<ZavloBytes> {
+    return loggedInLocked<ZavloBytes>(pin, [&](const Keys& keys) -> Result<ZavloBytes> {
       // The key is there while its public half is; its private half signs.
-      const auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, tag);
-      if (!publicKeys) return zavloFailure(publicKeys.error());
-      const auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, tag);
-      if (!privateKeys) return zavloFailure(privateKeys.error());
-      if (publicKeys.value().empty() || privateKeys.value().empty()) {
+      const auto privateKey = keys.privateKeys.find(tag);
+      if (!keys.publicKeys.contains(tag) || privateKey == keys.privateKeys.end()) {
         return zavloFailure(fail(Failure::notFound, 0, "no key with this tag is in the token"));
       }
       CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
-      CK_RV code = modules_->token->C_SignInit(session_, &mechanism, privateKeys.value().front());
+      CK_RV code = modules_->token->C_SignInit(session_, &mechanism, privateKey->second);
       std::array<CK_BYTE, 132> signature{};  // room for r and s of any curve up to P-521
       CK_ULONG length = signature.size();
       if (code == CKR_OK) {
@@ -708,22 +713,27 @@ ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::sign(const Zavl
 }
 
 ZavloLinuxPkcs11Token::Result<bool> ZavloLinuxPkcs11Token::destroy(const ZavloBytes& tag) {
-  const auto destroyTag = [this, &tag]() -> Result<bool> {
+  return locked([&]() -> Result<bool> {
+    if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
     // The private half first: a key that can no longer sign is gone, whatever follows. It
     // is seen only when logged in (or on a token without login); otherwise the next
     // logged-in operation sweeps it.
-    const auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, tag);
-    if (!privateKeys) return zavloFailure(privateKeys.error());
-    const auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, tag);
-    if (!publicKeys) return zavloFailure(publicKeys.error());
-    for (const auto* objects : {&privateKeys.value(), &publicKeys.value()}) {
-      if (auto problem = destroyObjectsLocked(*objects)) return zavloFailure(std::move(*problem));
+    if (pinFromUri() && loginRequiredLocked()) {
+      return loggedInLocked<bool>({}, [&](const Keys& keys) -> Result<bool> {
+        for (const auto* found : {&keys.privateKeys, &keys.publicKeys}) {
+          if (const auto key = found->find(tag); key != found->end()) {
+            if (auto problem = destroyObjectsLocked({key->second})) return zavloFailure(std::move(*problem));
+          }
+        }
+        return keys.publicKeys.contains(tag);
+      });
     }
-    return !publicKeys.value().empty();
-  };
-  return locked([&]() -> Result<bool> {
-    if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
-    if (pinFromUri() && loginRequiredLocked()) return loggedInLocked<bool>({}, destroyTag);
-    return destroyTag();
+    for (const auto objectClass : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
+      const auto found = findObjectsLocked(objectClass, tag);
+      if (!found) return zavloFailure(found.error());
+      if (auto problem = destroyObjectsLocked(found.value())) return zavloFailure(std::move(*problem));
+      if (objectClass == CKO_PUBLIC_KEY) return !found.value().empty();
+    }
+    return false;
   });
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -90,16 +91,23 @@ class ZavloLinuxPkcs11Token {
   struct Modules;  // the loaded PKCS#11 modules, and the one whose slot holds the token
   using Problem = std::optional<ZavloKeyStoreError>;
 
+  /// The token's EC keys by CKA_ID, as a logged-in session sees them.
+  struct Keys {
+    std::map<ZavloBytes, unsigned long> publicKeys;
+    std::map<ZavloBytes, unsigned long> privateKeys;
+  };
+
   template <class Body>
   auto locked(Body&& body);
-  /// open, log in with pin, sweep, body(), log out; the body answers a Result.
+  /// open, log in with pin, keysLocked(), body(keys), log out; the body answers a Result.
   template <class T, class Body>
   Result<T> loggedInLocked(std::span<const std::uint8_t> pin, Body&& body);
   Problem openLocked();
   Problem loadModulesLocked();
   Problem loginLocked(std::span<const std::uint8_t> ownerPin);
   void logoutLocked();
-  void sweepLocked();
+  /// The keys, once the private halves whose public half is gone have been destroyed.
+  Result<Keys> keysLocked();
   void closeSessionLocked();
   [[nodiscard]] bool loginRequiredLocked() const;
   /// The URI's PIN, read afresh from pin-source; a problem when it cannot be had.
