@@ -7,6 +7,8 @@
 #include <p11-kit/p11-kit.h>
 #include <p11-kit/pkcs11.h>
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
