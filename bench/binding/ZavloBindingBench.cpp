@@ -4,18 +4,11 @@
 // loopback collector), each next to its floor: the bare OpenSSL key generation and
 // ECDSA-SHA256 signature with the key already in memory. The ratio floor/library is the
 // share of the time that is cryptography; the rest is the store, the prompt round trip,
-// the checks and the telemetry hand-off.
-//
-// The token figures put a SoftHSM2 token (a folder of the benchmark's own) behind the key
-// service: token-sign/library signs through ZavloLinuxTokenSecureKeys with a loaded key,
-// token-enroll/library makes a permanent key through it (the duplicate check included) and
-// deletes it untimed; token-*/pkcs11 do the same with bare PKCS#11 calls on the module
-// loaded directly. Names are WHAT/WHO; scripts/bench compares WHAT/library with the others.
+// the checks and the telemetry hand-off. (The token figures are in ZavloTokenBench.cpp.)
+// Names are WHAT/WHO; scripts/bench compares WHAT/library with the others.
 #include <benchmark/benchmark.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
-#include <p11-kit/p11-kit.h>
-#include <p11-kit/pkcs11.h>
 #include <stdlib.h>
 
 #include <chrono>
@@ -29,9 +22,7 @@
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
-#include "Testing/Network/ZavloSoftHsm.hpp"
 
 namespace {
 
@@ -131,208 +122,8 @@ void BM_SignFloor(benchmark::State& state) {
   }
 }
 
-// MARK: token
-
-const std::string kChallenge = "3f9a1c7e-challenge-from-the-server";
-namespace Key = ZavloKeychainKey;
-
-ZavloKeychainAttributes tokenKeyAttributes(const ZavloBytes& tag) {
-  return {{Key::kSecAttrKeyType, std::string(Key::kSecAttrKeyTypeECSECPrimeRandom)},
-          {Key::kSecAttrKeySizeInBits, std::int64_t{256}},
-          {Key::kSecPrivateKeyAttrs, std::make_shared<const ZavloKeychainAttributes>(ZavloKeychainAttributes{
-                                         {Key::kSecAttrIsPermanent, true}, {Key::kSecAttrApplicationTag, tag}})}};
-}
-
-// An owner who has authenticated, as the binding flow hands the key store after its prompt.
-class AuthenticatedOwner final : public ZavloOwnerAuthenticationContext {
- public:
-  bool canEvaluatePolicy(ZavloOwnerAuthenticationPolicy /*policy*/) override { return true; }
-  void setLocalizedFallbackTitle(std::optional<std::string> /*title*/) override {}
-  void evaluatePolicy(ZavloOwnerAuthenticationPolicy /*policy*/, const std::string& /*reason*/, Reply reply) override {
-    reply(true, std::nullopt);
-  }
-  std::optional<ZavloBytes> evaluatedPolicyDomainState() override { return std::nullopt; }
-  [[nodiscard]] bool isAuthenticated() const override { return true; }
-};
-
-// The token behind the library's key service, in a folder of its own.
-struct TokenStore {
-  ZavloSoftHsm hsm;
-  std::shared_ptr<ZavloLinuxPkcs11Token> token = std::make_shared<ZavloLinuxPkcs11Token>(hsm.uri());
-  ZavloLinuxTokenKeychain keychain{
-      token, std::make_shared<ZavloLinuxKeychain>((hsm.tokens().parent_path() / "kc.db").string())};
-  ZavloLinuxTokenSecureKeys keys{token};
-};
-
-// The same token through bare PKCS#11: the module loaded without p11-kit's management, one
-// logged-in session.
-class RawToken {
- public:
-  explicit RawToken(const ZavloSoftHsm& hsm)
-      : module_(p11_kit_module_load(ZavloSoftHsm::kModule, P11_KIT_MODULE_UNMANAGED)) {
-    if (module_ == nullptr) throw std::runtime_error("the module cannot be loaded");
-    const CK_RV initialised = module_->C_Initialize(nullptr);
-    if (initialised != CKR_OK && initialised != CKR_CRYPTOKI_ALREADY_INITIALIZED)
-      throw std::runtime_error("C_Initialize");
-    CK_SLOT_ID slots[8];
-    CK_ULONG count = 8;
-    if (module_->C_GetSlotList(CK_TRUE, slots, &count) != CKR_OK || count == 0) throw std::runtime_error("no slot");
-    for (CK_ULONG index = 0; index < count; ++index) {
-      CK_TOKEN_INFO info{};
-      if (module_->C_GetTokenInfo(slots[index], &info) != CKR_OK) continue;
-      if (std::string(reinterpret_cast<const char*>(info.label), hsm.label().size()) != hsm.label()) continue;
-      if (module_->C_OpenSession(slots[index], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session_) !=
-          CKR_OK) {
-        throw std::runtime_error("C_OpenSession");
-      }
-      std::string pin = ZavloSoftHsm::kPin;
-      module_->C_Login(session_, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(pin.data()), pin.size());
-      return;
-    }
-    throw std::runtime_error("no token " + hsm.label());
-  }
-  RawToken(const RawToken&) = delete;
-  RawToken& operator=(const RawToken&) = delete;
-  ~RawToken() {
-    module_->C_CloseSession(session_);
-    module_->C_Finalize(nullptr);
-    p11_kit_module_release(module_);
-  }
-
-  // A permanent key pair and its point, as an enrolment makes them.
-  std::pair<CK_OBJECT_HANDLE, CK_OBJECT_HANDLE> generate(std::vector<CK_BYTE>& point) {
-    static const CK_BYTE parameters[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-    CK_BBOOL yes = CK_TRUE;
-    CK_BYTE id[] = {'r', 'a', 'w'};
-    CK_ATTRIBUTE publicTemplate[] = {{CKA_TOKEN, &yes, 1},
-                                     {CKA_VERIFY, &yes, 1},
-                                     {CKA_EC_PARAMS, const_cast<CK_BYTE*>(parameters), sizeof parameters},
-                                     {CKA_ID, id, sizeof id}};
-    CK_ATTRIBUTE privateTemplate[] = {{CKA_TOKEN, &yes, 1},
-                                      {CKA_PRIVATE, &yes, 1},
-                                      {CKA_SENSITIVE, &yes, 1},
-                                      {CKA_SIGN, &yes, 1},
-                                      {CKA_ID, id, sizeof id}};
-    CK_MECHANISM mechanism{CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    CK_OBJECT_HANDLE publicKey = 0;
-    CK_OBJECT_HANDLE privateKey = 0;
-    if (module_->C_GenerateKeyPair(session_, &mechanism, publicTemplate, 4, privateTemplate, 5, &publicKey,
-                                   &privateKey) != CKR_OK) {
-      throw std::runtime_error("C_GenerateKeyPair");
-    }
-    point.resize(80);
-    CK_ATTRIBUTE read{CKA_EC_POINT, point.data(), point.size()};
-    if (module_->C_GetAttributeValue(session_, publicKey, &read, 1) != CKR_OK) throw std::runtime_error("CKA_EC_POINT");
-    point.resize(read.ulValueLen);
-    return {publicKey, privateKey};
-  }
-  void destroy(std::pair<CK_OBJECT_HANDLE, CK_OBJECT_HANDLE> pair) {
-    module_->C_DestroyObject(session_, pair.second);
-    module_->C_DestroyObject(session_, pair.first);
-  }
-  std::size_t sign(CK_OBJECT_HANDLE key, CK_BYTE* digest, CK_BYTE* signature) {
-    CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
-    CK_ULONG length = 64;
-    if (module_->C_SignInit(session_, &mechanism, key) != CKR_OK ||
-        module_->C_Sign(session_, digest, 32, signature, &length) != CKR_OK) {
-      throw std::runtime_error("C_Sign");
-    }
-    return length;
-  }
-
- private:
-  CK_FUNCTION_LIST* module_;
-  CK_SESSION_HANDLE session_ = 0;
-};
-
-bool tokenUnavailable(benchmark::State& state) {
-  if (const auto why = ZavloSoftHsm::unavailable()) {
-    state.SkipWithError(why->c_str());
-    return true;
-  }
-  return false;
-}
-
-void BM_TokenEnrollLibrary(benchmark::State& state) {
-  if (tokenUnavailable(state)) return;
-  TokenStore store;
-  const auto tag = zavloBytes("in.zavlo.authsdk.devicebinding.bench");
-  ZavloKeychainAttributes remove{{Key::kSecClass, std::string(Key::kSecClassKey)}, {Key::kSecAttrApplicationTag, tag}};
-  for (auto _ : state) {
-    const auto key = store.keys.createRandomKey(tokenKeyAttributes(tag));
-    if (!key) {
-      state.SkipWithError(key.error().description.c_str());
-      break;
-    }
-    const auto point = store.keys.copyExternalRepresentation(*store.keys.copyPublicKey(*key.value()));
-    benchmark::DoNotOptimize(point);
-    state.PauseTiming();  // the delete keeps the token at one key; it is no part of an enrolment
-    store.keychain.remove(remove);
-    state.ResumeTiming();
-  }
-}
-
-void BM_TokenEnrollRaw(benchmark::State& state) {
-  if (tokenUnavailable(state)) return;
-  ZavloSoftHsm hsm;
-  RawToken token(hsm);
-  std::vector<CK_BYTE> point;
-  for (auto _ : state) {
-    const auto pair = token.generate(point);
-    benchmark::DoNotOptimize(point);
-    state.PauseTiming();
-    token.destroy(pair);
-    state.ResumeTiming();
-  }
-}
-
-void BM_TokenSignLibrary(benchmark::State& state) {
-  if (tokenUnavailable(state)) return;
-  TokenStore store;
-  const auto tag = zavloBytes("in.zavlo.authsdk.devicebinding.bench");
-  if (!store.keys.createRandomKey(tokenKeyAttributes(tag))) {
-    state.SkipWithError("the token made no key");
-    return;
-  }
-  const auto loaded = store.keychain.copyMatching(
-      {{Key::kSecClass, std::string(Key::kSecClassKey)},
-       {Key::kSecAttrApplicationTag, tag},
-       {Key::kSecReturnRef, true},
-       {Key::kSecUseAuthenticationContext,
-        std::shared_ptr<ZavloOwnerAuthenticationContext>(std::make_shared<AuthenticatedOwner>())}});
-  const auto key = std::get<std::shared_ptr<ZavloSecureKey>>(*loaded.item);
-  const auto message = zavloBytes(kChallenge);
-  for (auto _ : state) {
-    auto signature =
-        store.keys.createSignature(*key, ZavloSecureKeys::kSecKeyAlgorithmECDSASignatureMessageX962SHA256, message);
-    if (!signature) {
-      state.SkipWithError(signature.error().description.c_str());
-      break;
-    }
-    benchmark::DoNotOptimize(signature);
-  }
-}
-
-void BM_TokenSignRaw(benchmark::State& state) {
-  if (tokenUnavailable(state)) return;
-  ZavloSoftHsm hsm;
-  RawToken token(hsm);
-  std::vector<CK_BYTE> point;
-  const auto pair = token.generate(point);
-  CK_BYTE digest[32];
-  CK_BYTE signature[64];
-  for (auto _ : state) {
-    EVP_Digest(kChallenge.data(), kChallenge.size(), digest, nullptr, EVP_sha256(), nullptr);
-    benchmark::DoNotOptimize(token.sign(pair.second, digest, signature));
-  }
-}
-
 }  // namespace
 
-BENCHMARK(BM_TokenEnrollLibrary)->Name("token-enroll/library")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_TokenEnrollRaw)->Name("token-enroll/pkcs11")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_TokenSignLibrary)->Name("token-sign/library")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_TokenSignRaw)->Name("token-sign/pkcs11")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EnrollLibrary)->Name("enroll/library")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EnrollFloor)->Name("enroll/openssl")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SignLibrary)->Name("sign/library")->Unit(benchmark::kMicrosecond);

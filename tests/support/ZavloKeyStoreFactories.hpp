@@ -10,6 +10,8 @@
 
 #include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
+#include "Testing/Network/ZavloSoftHsm.hpp"
 #include "Testing/ZavloTestKeyStore.hpp"
 #include "ZavloEs256.hpp"
 #include "tools/peers/ZavloTemporaryDirectory.hpp"
@@ -50,5 +52,31 @@ class ZavloSealedKeyStoreFactory {
   std::unique_ptr<ZavloLinuxFileKeyStore> store_;
 };
 
+/// The token's URI without a PIN: the owner's PIN, from the proof, is what logs in.
+inline std::string zavloOwnerPinUri(const ZavloSoftHsm& hsm) {
+  return "pkcs11:token=" + hsm.label() + "?module-path=" + ZavloSoftHsm::kModule;
+}
+
+/// Keys in a SoftHSM2 token of a private folder (the domain states in a key file beside
+/// it), unlocked by the owner's secret: the token's user PIN.
+class ZavloSoftHsmKeyStoreFactory {
+ public:
+  ZavloSoftHsmKeyStoreFactory()
+      : store_(std::make_shared<ZavloLinuxPkcs11Token>(zavloOwnerPinUri(hsm_)),
+               std::make_shared<ZavloLinuxKeyFile>((hsm_.tokens().parent_path() / "keys.db").string())) {}
+  static std::optional<std::string> unavailable() { return ZavloSoftHsm::unavailable(); }
+  ZavloLinuxTokenKeyStore& keyStore() { return store_; }
+  std::string ownerSecret() { return ZavloSoftHsm::kPin; }
+  static bool verify(const ZavloBytes& point, std::span<const std::uint8_t> message, const ZavloBytes& signature) {
+    return zavloVerifyEs256(point, message, signature);
+  }
+  [[nodiscard]] const ZavloSoftHsm& hsm() const { return hsm_; }
+
+ private:
+  ZavloSoftHsm hsm_;
+  ZavloLinuxTokenKeyStore store_;
+};
+
 /// Every key store the key store contract runs on.
-using ZavloKeyStoreFactories = ::testing::Types<ZavloInMemoryKeyStoreFactory, ZavloSealedKeyStoreFactory>;
+using ZavloKeyStoreFactories =
+    ::testing::Types<ZavloInMemoryKeyStoreFactory, ZavloSealedKeyStoreFactory, ZavloSoftHsmKeyStoreFactory>;

@@ -6,6 +6,7 @@
 
 #include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 #include "Platform/Linux/ZavloLinuxPlatformServices.hpp"
 
 namespace {
@@ -23,7 +24,17 @@ ZavloLinuxKeyStoreService makeKeyStore(ZavloLinuxKeyStoreSettings settings) {
     options.createDirectory = true;
   }
   const auto path = settings.path;
+  const auto trace = options.trace;
   auto file = std::make_shared<ZavloLinuxKeyFile>(std::move(settings.path), std::move(options));
+  if (settings.keyToken) {
+    // Keys in the token, the domain-state records in the key file.
+    auto token =
+        std::make_shared<ZavloLinuxPkcs11Token>(std::move(*settings.keyToken), ZavloLinuxPkcs11Token::Options{trace});
+    auto description = "keys in the PKCS#11 token " + token->shownUri() + ", unlocked by " +
+                       (token->pinFromUri() ? "the URI's PIN (the owner is not asked for it)" : "the owner's PIN") +
+                       ", key file " + path;
+    return {std::make_shared<ZavloLinuxTokenKeyStore>(std::move(token), std::move(file)), std::move(description)};
+  }
   auto sealed = std::make_shared<ZavloLinuxSealedProtection>();
   return {std::make_shared<ZavloLinuxFileKeyStore>(std::move(file), sealed, sealed),
           "keys sealed under the owner's secret, key file " + path};

@@ -1,26 +1,38 @@
 #include "Platform/Linux/Keys/ZavloLinuxPkcs11Token.hpp"
 
-#include <openssl/crypto.h>
+#include <fcntl.h>
 #include <p11-kit/p11-kit.h>
 #include <p11-kit/pkcs11.h>
 #include <p11-kit/uri.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <mutex>
+#include <string_view>
 #include <utility>
 
 #include "Platform/Linux/Keys/ZavloLinuxTracedLock.hpp"
 
 namespace {
 
-namespace Status = ZavloLinuxTokenStatus;
+using Failure = ZavloKeyStoreFailure;
 
 // DER of the named curve prime256v1 (1.2.840.10045.3.1.7), as CKA_EC_PARAMS holds it.
 constexpr std::array<CK_BYTE, 10> kP256Parameters = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
 constexpr std::size_t kPointSize = 65;
 constexpr CK_ULONG kFindBatch = 32;
+constexpr std::size_t kMaxPinFile = 4096;  // a PIN file is a line, not a document
+constexpr std::string_view kPinValue = "pin-value=";
+
+// PKCS#11 keeps the login per process and token: every token object takes this one lock
+// for a whole operation, so that no logout lands inside another object's login.
+std::mutex& processLock() {
+  static std::mutex lock;
+  return lock;
+}
 
 const char* returnCodeName(CK_RV code) {
   switch (code) {
@@ -90,6 +102,8 @@ const char* returnCodeName(CK_RV code) {
       return "CKR_TOKEN_WRITE_PROTECTED";
     case CKR_USER_NOT_LOGGED_IN:
       return "CKR_USER_NOT_LOGGED_IN";
+    case CKR_USER_ALREADY_LOGGED_IN:
+      return "CKR_USER_ALREADY_LOGGED_IN";
     case CKR_USER_PIN_NOT_INITIALIZED:
       return "CKR_USER_PIN_NOT_INITIALIZED";
     case CKR_DOMAIN_PARAMS_INVALID:
@@ -119,20 +133,11 @@ bool sessionLost(CK_RV code) {
          code == CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
-// A PIN held only as long as it is needed, wiped afterwards.
-class Pin {
- public:
-  Pin() = default;
-  Pin(const Pin&) = delete;
-  Pin& operator=(const Pin&) = delete;
-  ~Pin() {
-    if (!text_.empty()) OPENSSL_cleanse(text_.data(), text_.size());
-  }
-  std::string& text() { return text_; }
-
- private:
-  std::string text_;
-};
+// Codes with which the token refuses a PIN itself (not the lack of one).
+bool pinRefusal(CK_RV code) {
+  return code == CKR_PIN_INCORRECT || code == CKR_PIN_INVALID || code == CKR_PIN_LEN_RANGE || code == CKR_PIN_LOCKED ||
+         code == CKR_PIN_EXPIRED;
+}
 
 // The file a pin-source names: "file:PATH" (RFC 8089 local form, file:///PATH too) or a path.
 std::optional<std::string> pinFile(const std::string& source) {
@@ -143,6 +148,57 @@ std::optional<std::string> pinFile(const std::string& source) {
   if (source.starts_with("file:")) return source.substr(5);
   if (source.starts_with('/')) return source;
   return std::nullopt;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Takes every pin-value attribute out of text (the query's, or one written into the path),
+// wiping its characters there first, and answers the last one's percent-decoded value;
+// nothing when there is none. p11-kit never sees the PIN, so none of its copies outlives
+// the parse, and no description shows it.
+std::optional<ZavloLinuxSecret> takePinValue(std::string& text) {
+  std::optional<ZavloLinuxSecret> taken;
+  for (auto start = text.find(kPinValue); start != std::string::npos; start = text.find(kPinValue, start)) {
+    if (start == 0 || std::string_view(":;?&").find(text[start - 1]) == std::string_view::npos) {
+      start += kPinValue.size();  // part of another attribute's value
+      continue;
+    }
+    const auto valueStart = start + kPinValue.size();
+    const auto valueEnd = std::min(text.find_first_of("&;?", valueStart), text.size());
+    ZavloLinuxSecret pin(valueEnd - valueStart);
+    std::size_t length = 0;
+    for (std::size_t at = valueStart; at < valueEnd; ++at) {
+      const bool escaped =
+          text[at] == '%' && at + 2 < valueEnd && hexDigit(text[at + 1]) >= 0 && hexDigit(text[at + 2]) >= 0;
+      if (escaped) {
+        pin.data()[length++] = static_cast<std::uint8_t>(hexDigit(text[at + 1]) * 16 + hexDigit(text[at + 2]));
+        at += 2;
+      } else {
+        pin.data()[length++] = static_cast<std::uint8_t>(text[at]);
+      }
+    }
+    pin.shrink(length);
+    taken = std::move(pin);
+    std::memset(text.data() + valueStart, 'x', valueEnd - valueStart);
+    // The attribute goes with one separator: the one before it, else the one after it
+    // (not a '?', which divides the path from the query).
+    auto eraseStart = start;
+    auto eraseEnd = valueEnd;
+    if (text[start - 1] == ';' || text[start - 1] == '&') {
+      --eraseStart;
+    } else if (eraseEnd < text.size() && text[eraseEnd] != '?') {
+      ++eraseEnd;
+    }
+    text.erase(eraseStart, eraseEnd - eraseStart);
+    start = eraseStart;
+  }
+  if (text.ends_with('?')) text.pop_back();
+  return taken;
 }
 
 // The 65-byte point of CKA_EC_POINT, which tokens give DER-wrapped (an OCTET STRING) or bare.
@@ -191,117 +247,108 @@ struct ZavloLinuxPkcs11Token::Modules {
 };
 
 ZavloLinuxPkcs11Token::ZavloLinuxPkcs11Token(std::string uri, Options options)
-    : uri_(std::move(uri)),
-      options_(std::move(options)),
+    : options_(std::move(options)),
       parsed_(p11_kit_uri_new(), p11_kit_uri_free),
       modules_(std::make_unique<Modules>()) {
-  // Descriptions show the URI without a PIN written into it.
-  shownUri_ = uri_;
-  if (const auto start = shownUri_.find("pin-value="); start != std::string::npos) {
-    const auto end = shownUri_.find_first_of("&;", start);
-    shownUri_.replace(start, end == std::string::npos ? std::string::npos : end - start, "pin-value=(hidden)");
-  }
-  uriFailure_ = uriProblem(uri_);
-  if (!uriFailure_ && p11_kit_uri_parse(uri_.c_str(), P11_KIT_URI_FOR_ANY, parsed_.get()) != P11_KIT_URI_OK) {
+  uriFailure_ = uriProblem(uri);
+  pinValue_ = takePinValue(uri);
+  // Descriptions show the URI without its PIN.
+  shownUri_ =
+      uri + (pinValue_ ? std::string(uri.find('?') == std::string::npos ? "?" : "&") + "pin-value=(hidden)" : "");
+  if (uriFailure_) return;
+  if (p11_kit_uri_parse(uri.c_str(), P11_KIT_URI_FOR_ANY, parsed_.get()) != P11_KIT_URI_OK) {
     uriFailure_ = "it cannot be parsed";
+    return;
   }
+  if (const char* source = p11_kit_uri_get_pin_source(parsed_.get())) pinSource_ = pinFile(source);
 }
 
-ZavloLinuxPkcs11Token::~ZavloLinuxPkcs11Token() { closeSessionLocked(); }
+ZavloLinuxPkcs11Token::~ZavloLinuxPkcs11Token() {
+  const std::lock_guard lock(processLock());
+  closeSessionLocked();
+}
 
 std::optional<std::string> ZavloLinuxPkcs11Token::uriProblem(const std::string& text) {
+  std::string withoutPin = text;
+  const bool pinValue = takePinValue(withoutPin).has_value();
   const std::unique_ptr<P11KitUri, void (*)(P11KitUri*)> parsed(p11_kit_uri_new(), p11_kit_uri_free);
   if (parsed == nullptr) return "no memory to parse it";
-  if (const int code = p11_kit_uri_parse(text.c_str(), P11_KIT_URI_FOR_ANY, parsed.get()); code != P11_KIT_URI_OK) {
+  if (const int code = p11_kit_uri_parse(withoutPin.c_str(), P11_KIT_URI_FOR_ANY, parsed.get());
+      code != P11_KIT_URI_OK) {
     return std::string("it is no PKCS#11 URI: ") + p11_kit_uri_message(code);
   }
   if (p11_kit_uri_any_unrecognized(parsed.get()) != 0) return "it has attributes this library does not know";
-  if (p11_kit_uri_get_pin_value(parsed.get()) != nullptr && p11_kit_uri_get_pin_source(parsed.get()) != nullptr) {
-    return "it gives both pin-value and pin-source";
-  }
-  if (const char* source = p11_kit_uri_get_pin_source(parsed.get()); source != nullptr && !pinFile(source)) {
+  const char* source = p11_kit_uri_get_pin_source(parsed.get());
+  if (pinValue && source != nullptr) return "it gives both pin-value and pin-source";
+  if (source != nullptr && !pinFile(source)) {
     return std::string("its pin-source must name a file (file:/path or /path), not \"") + source + "\"";
   }
   return std::nullopt;
 }
 
-std::int32_t ZavloLinuxPkcs11Token::statusFor(unsigned long returnCode) {
+ZavloKeyStoreFailure ZavloLinuxPkcs11Token::failureFor(unsigned long returnCode, bool pinFromUri) {
   switch (returnCode) {
-    case CKR_OK:
-      return Status::success;
     case CKR_PIN_INCORRECT:
     case CKR_PIN_INVALID:
     case CKR_PIN_LEN_RANGE:
-    case CKR_PIN_EXPIRED:
+      // The owner's PIN is their answer; the URI's is the host's setting, which no
+      // answer at the prompt repairs.
+      return pinFromUri ? Failure::unavailable : Failure::ownerRefused;
     case CKR_PIN_LOCKED:
+    case CKR_PIN_EXPIRED:  // no PIN opens it before the PIN is changed
+      return Failure::lockedOut;
     case CKR_USER_NOT_LOGGED_IN:
-    case CKR_USER_PIN_NOT_INITIALIZED:
-      return authFailed;
+      return Failure::noOwnerSecret;
+    case CKR_KEY_HANDLE_INVALID:
+    case CKR_OBJECT_HANDLE_INVALID:
+      return Failure::notFound;
     case CKR_SLOT_ID_INVALID:
     case CKR_DEVICE_ERROR:
     case CKR_DEVICE_REMOVED:
+    case CKR_DEVICE_MEMORY:
     case CKR_TOKEN_NOT_PRESENT:
     case CKR_TOKEN_NOT_RECOGNIZED:
+    case CKR_TOKEN_WRITE_PROTECTED:
     case CKR_SESSION_CLOSED:
     case CKR_SESSION_HANDLE_INVALID:
     case CKR_SESSION_COUNT:
-    case CKR_CRYPTOKI_NOT_INITIALIZED:
-      return Status::notAvailable;
-    case CKR_KEY_HANDLE_INVALID:
-    case CKR_OBJECT_HANDLE_INVALID:
-      return Status::itemNotFound;
-    case CKR_ARGUMENTS_BAD:
-    case CKR_ATTRIBUTE_TYPE_INVALID:
-    case CKR_ATTRIBUTE_VALUE_INVALID:
-    case CKR_TEMPLATE_INCOMPLETE:
-    case CKR_TEMPLATE_INCONSISTENT:
-    case CKR_MECHANISM_INVALID:
-    case CKR_DOMAIN_PARAMS_INVALID:
-    case CKR_CURVE_NOT_SUPPORTED:
-    case CKR_KEY_TYPE_INCONSISTENT:
-    case CKR_KEY_FUNCTION_NOT_PERMITTED:
-      return Status::param;
-    case CKR_TOKEN_WRITE_PROTECTED:
     case CKR_SESSION_READ_ONLY:
-    case CKR_DEVICE_MEMORY:
-    case CKR_HOST_MEMORY:
-      return Status::io;
+    case CKR_CRYPTOKI_NOT_INITIALIZED:
+    case CKR_USER_PIN_NOT_INITIALIZED:
+      return Failure::unavailable;
     default:
-      return internalComponent;
+      // Templates, mechanisms and curves the token refuses, and its own faults.
+      return Failure::internal;
   }
 }
 
 template <class Body>
 auto ZavloLinuxPkcs11Token::locked(Body&& body) {
-  return zavloLockedThenTraced(mutex_, pendingTrace_, options_.trace, std::forward<Body>(body));
+  return zavloLockedThenTraced(processLock(), pendingTrace_, options_.trace, std::forward<Body>(body));
 }
 
-std::optional<ZavloLinuxPkcs11Token::Failure> ZavloLinuxPkcs11Token::lastFailure() const {
-  std::lock_guard lock(mutex_);
-  return lastFailure_;
-}
-
-std::int32_t ZavloLinuxPkcs11Token::fail(std::int32_t status, std::string description) {
+ZavloKeyStoreError ZavloLinuxPkcs11Token::fail(ZavloKeyStoreFailure failure, std::int64_t code,
+                                               std::string description) {
   description = "PKCS#11 token " + shownUri_ + ": " + description;
-  lastFailure_ = Failure{status, description};
-  pendingTrace_ = std::move(description);
-  return status;
+  pendingTrace_ = pendingTrace_ ? *pendingTrace_ + "\n" + description : description;
+  return {failure, code, std::move(description)};
 }
 
-std::int32_t ZavloLinuxPkcs11Token::failCall(unsigned long returnCode, const std::string& call) {
+ZavloKeyStoreError ZavloLinuxPkcs11Token::failCall(unsigned long returnCode, const std::string& call, bool pinFromUri) {
   if (sessionLost(returnCode)) closeSessionLocked();
-  if (returnCode == CKR_PIN_INCORRECT || returnCode == CKR_PIN_LOCKED) pinRefused_ = true;
-  return fail(statusFor(returnCode), call + " failed: " + describe(returnCode));
+  return fail(failureFor(returnCode, pinFromUri), static_cast<std::int64_t>(returnCode),
+              call + " failed: " + describe(returnCode));
 }
 
 void ZavloLinuxPkcs11Token::closeSessionLocked() {
+  // Closing the session also ends a login it held.
   if (sessionOpen_ && modules_->token != nullptr) (void)modules_->token->C_CloseSession(session_);
   sessionOpen_ = false;
-  handles_.clear();
+  loggedIn_ = false;
 }
 
-std::int32_t ZavloLinuxPkcs11Token::loadModulesLocked() {
-  if (!modules_->loaded.empty()) return Status::success;
+ZavloLinuxPkcs11Token::Problem ZavloLinuxPkcs11Token::loadModulesLocked() {
+  if (!modules_->loaded.empty()) return std::nullopt;
   const char* path = p11_kit_uri_get_module_path(parsed_.get());
   const char* name = p11_kit_uri_get_module_name(parsed_.get());
   if (path != nullptr || name != nullptr) {
@@ -310,62 +357,47 @@ std::int32_t ZavloLinuxPkcs11Token::loadModulesLocked() {
     CK_FUNCTION_LIST* module = p11_kit_module_load(which, 0);
     if (module == nullptr) {
       const char* message = p11_kit_message();
-      return fail(Status::notAvailable, std::string("the module ") + which + " cannot be loaded" +
-                                            (message != nullptr ? std::string(": ") + message : std::string()));
+      return fail(Failure::unavailable, 0,
+                  std::string("the module ") + which + " cannot be loaded" +
+                      (message != nullptr ? std::string(": ") + message : std::string()));
     }
     if (const CK_RV code = p11_kit_module_initialize(module); code != CKR_OK) {
       p11_kit_module_release(module);
-      return fail(statusFor(code) == Status::success ? internalComponent : Status::notAvailable,
+      return fail(Failure::unavailable, static_cast<std::int64_t>(code),
                   std::string("the module ") + which + " cannot be initialised: " + describe(code));
     }
     modules_->loaded.push_back(module);
-    return Status::success;
+    return std::nullopt;
   }
   CK_FUNCTION_LIST** registered = p11_kit_modules_load_and_initialize(0);
   if (registered == nullptr || registered[0] == nullptr) {
     if (registered != nullptr) p11_kit_modules_finalize_and_release(registered);
-    return fail(Status::notAvailable,
+    return fail(Failure::unavailable, 0,
                 "the URI names no module (module-path or module-name) and p11-kit has none registered");
   }
   for (auto** module = registered; *module != nullptr; ++module) modules_->loaded.push_back(*module);
   modules_->registered = registered;
-  return Status::success;
+  return std::nullopt;
 }
 
-std::int32_t ZavloLinuxPkcs11Token::loginLocked(unsigned long flags) {
-  if ((flags & CKF_LOGIN_REQUIRED) == 0) return Status::success;
-  if (pinRefused_) {
-    return fail(authFailed, "the token refused this PIN before; it is not offered again, so the token does not lock");
+ZavloLinuxPkcs11Token::Problem ZavloLinuxPkcs11Token::openLocked() {
+  if (uriFailure_) return fail(Failure::invalidArgument, 0, "the URI is not usable: " + *uriFailure_);
+  if (sessionOpen_) {
+    // A session the token dropped in the meantime (a reset, a reinserted card), or a slot
+    // that holds no token now (a software token keeps its sessions when it is deleted),
+    // makes the token be looked for again.
+    CK_SESSION_INFO session{};
+    CK_TOKEN_INFO token{};
+    if (modules_->token->C_GetSessionInfo(session_, &session) == CKR_OK &&
+        modules_->token->C_GetTokenInfo(slot_, &token) == CKR_OK) {
+      return std::nullopt;
+    }
+    closeSessionLocked();
   }
-  Pin pin;
-  if (const char* value = p11_kit_uri_get_pin_value(parsed_.get())) {
-    pin.text() = value;
-  } else if (const char* source = p11_kit_uri_get_pin_source(parsed_.get())) {
-    const auto file = pinFile(source).value_or(source);
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream) return fail(authFailed, "the PIN file " + file + " cannot be read");
-    pin.text().assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-    if (pin.text().ends_with('\n')) pin.text().pop_back();
-    if (pin.text().ends_with('\r')) pin.text().pop_back();
-  } else if ((flags & CKF_PROTECTED_AUTHENTICATION_PATH) == 0) {
-    return fail(authFailed, "the token needs a PIN: give pin-source (a file) or pin-value in the URI");
-  }
-  const bool onPad = pin.text().empty() && (flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
-  const CK_RV code =
-      modules_->token->C_Login(session_, CKU_USER, onPad ? nullptr : reinterpret_cast<CK_UTF8CHAR*>(pin.text().data()),
-                               static_cast<CK_ULONG>(pin.text().size()));
-  if (code != CKR_OK && code != CKR_USER_ALREADY_LOGGED_IN) return failCall(code, "C_Login");
-  return Status::success;
-}
-
-std::int32_t ZavloLinuxPkcs11Token::openLocked() {
-  if (uriFailure_) return fail(Status::param, "the URI is not usable: " + *uriFailure_);
-  if (sessionOpen_) return Status::success;
-  if (const auto status = loadModulesLocked(); status != Status::success) return status;
+  if (auto problem = loadModulesLocked()) return problem;
 
   auto*& chosen = modules_->token;
   chosen = nullptr;
-  CK_ULONG tokenFlags = 0;
   for (auto* module : modules_->loaded) {
     CK_INFO info{};
     if (module->C_GetInfo(&info) != CKR_OK || p11_kit_uri_match_module_info(parsed_.get(), &info) == 0) continue;
@@ -386,24 +418,140 @@ std::int32_t ZavloLinuxPkcs11Token::openLocked() {
       }
       chosen = module;
       slot_ = slot;
-      tokenFlags = tokenInfo.flags;
+      tokenFlags_ = tokenInfo.flags;
       break;
     }
     if (chosen != nullptr) break;
   }
-  if (chosen == nullptr) return fail(Status::notAvailable, "no token present matches the URI");
+  if (chosen == nullptr) return fail(Failure::unavailable, 0, "no token present matches the URI");
 
   if (const CK_RV code = chosen->C_OpenSession(slot_, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session_);
       code != CKR_OK) {
     return failCall(code, "C_OpenSession");
   }
   sessionOpen_ = true;
-  ++generation_;
-  if (const auto status = loginLocked(tokenFlags); status != Status::success) {
-    closeSessionLocked();
-    return status;
+  return std::nullopt;
+}
+
+bool ZavloLinuxPkcs11Token::loginRequiredLocked() const { return (tokenFlags_ & CKF_LOGIN_REQUIRED) != 0; }
+
+ZavloKeyStoreResult<ZavloLinuxSecret> ZavloLinuxPkcs11Token::uriPinLocked() {
+  if (pinValue_) return ZavloLinuxSecret::copyOf(pinValue_->bytes());
+  // Read straight into locked memory: no stream buffer keeps a copy.
+  const int file = ::open(pinSource_->c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat status {};
+  if (file < 0 || fstat(file, &status) != 0 || !S_ISREG(status.st_mode) ||
+      static_cast<std::size_t>(status.st_size) > kMaxPinFile) {
+    if (file >= 0) ::close(file);
+    return zavloFailure(fail(Failure::unavailable, 0, "the PIN file " + *pinSource_ + " cannot be read"));
   }
-  return Status::success;
+  ZavloLinuxSecret pin(static_cast<std::size_t>(status.st_size));
+  std::size_t length = 0;
+  while (length < pin.size()) {
+    const auto count = ::read(file, pin.data() + length, pin.size() - length);
+    if (count <= 0) break;
+    length += static_cast<std::size_t>(count);
+  }
+  ::close(file);
+  if (length > 0 && pin.data()[length - 1] == '\n') --length;
+  if (length > 0 && pin.data()[length - 1] == '\r') --length;
+  pin.shrink(length);
+  return pin;
+}
+
+ZavloLinuxPkcs11Token::Problem ZavloLinuxPkcs11Token::loginLocked(std::span<const std::uint8_t> ownerPin) {
+  if (!loginRequiredLocked()) return std::nullopt;
+  const bool fromUri = pinFromUri();
+  if (fromUri && uriPinRefused_) {
+    return fail(uriPinRefused_->failure, uriPinRefused_->code,
+                "the token refused the URI's PIN before; it is not offered again, so the token does not lock");
+  }
+  ZavloLinuxSecret pin;
+  if (fromUri) {
+    auto read = uriPinLocked();
+    if (!read) return std::move(read).error();
+    pin = std::move(read).value();
+  } else {
+    pin = ZavloLinuxSecret::copyOf(ownerPin);
+  }
+  // A reader with its own PIN pad asks there when no PIN is given.
+  const bool onPad = pin.empty() && (tokenFlags_ & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
+  if (pin.empty() && !onPad && !fromUri) {
+    return fail(Failure::noOwnerSecret, 0, "the token needs the owner's PIN, and none was given");
+  }
+  const auto login = [&] {
+    return modules_->token->C_Login(session_, CKU_USER, onPad ? nullptr : static_cast<CK_UTF8CHAR*>(pin.data()),
+                                    static_cast<CK_ULONG>(pin.size()));
+  };
+  CK_RV code = login();
+  if (code == CKR_USER_ALREADY_LOGGED_IN) {
+    // Someone else's login must not stand in for this PIN: it is checked afresh.
+    (void)modules_->token->C_Logout(session_);
+    code = login();
+  }
+  if (code != CKR_OK) {
+    auto error = failCall(code, "C_Login", fromUri);
+    if (fromUri && pinRefusal(code)) uriPinRefused_ = error;
+    return error;
+  }
+  loggedIn_ = true;
+  if (fromUri && !uriPinNoted_) {
+    uriPinNoted_ = true;
+    const std::string note = std::string("PKCS#11 token ") + shownUri_ + ": the token's PIN came from the URI's " +
+                             (pinValue_ ? "pin-value" : "pin-source") + "; the owner was not asked for it";
+    pendingTrace_ = pendingTrace_ ? *pendingTrace_ + "\n" + note : note;
+  }
+  return std::nullopt;
+}
+
+void ZavloLinuxPkcs11Token::logoutLocked() {
+  if (!loggedIn_) return;
+  loggedIn_ = false;
+  const CK_RV code = modules_->token->C_Logout(session_);
+  // A login that does not end with the call ends with the session.
+  if (code != CKR_OK && code != CKR_USER_NOT_LOGGED_IN) closeSessionLocked();
+}
+
+template <class T, class Body>
+ZavloKeyStoreResult<T> ZavloLinuxPkcs11Token::loggedInLocked(std::span<const std::uint8_t> pin, Body&& body) {
+  if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
+  if (auto problem = loginLocked(pin)) return zavloFailure(std::move(*problem));
+  // Whatever the body does, even throw, the login ends with it.
+  struct LogoutAtEnd {
+    ZavloLinuxPkcs11Token& token;
+    ~LogoutAtEnd() {
+      if (token.sessionOpen_) token.logoutLocked();
+    }
+  } logoutAtEnd{*this};
+  auto keys = keysLocked();
+  if (!keys) return zavloFailure(std::move(keys).error());
+  return std::forward<Body>(body)(keys.value());
+}
+
+ZavloLinuxPkcs11Token::Result<ZavloLinuxPkcs11Token::Keys> ZavloLinuxPkcs11Token::keysLocked() {
+  Keys keys;
+  const auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, std::nullopt);
+  if (!publicKeys) return zavloFailure(publicKeys.error());
+  for (const auto handle : publicKeys.value()) {
+    auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
+    if (!id) return zavloFailure(std::move(id).error());
+    keys.publicKeys.emplace(std::move(id).value(), handle);
+  }
+  const auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, std::nullopt);
+  if (!privateKeys) return zavloFailure(privateKeys.error());
+  for (const auto handle : privateKeys.value()) {
+    auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
+    if (!id) return zavloFailure(std::move(id).error());
+    if (!keys.publicKeys.contains(id.value())) {
+      // A key whose public object went without a login can no longer be found or used,
+      // and its private object goes now; a key of another application (its label not its
+      // id, as this class never makes them) is left alone, and so is one that will not go.
+      const auto label = attributeLocked(handle, CKA_LABEL, "CKA_LABEL");
+      if (label && label.value() == id.value() && !destroyObjectsLocked({handle})) continue;
+    }
+    keys.privateKeys.emplace(std::move(id).value(), handle);
+  }
+  return keys;
 }
 
 ZavloLinuxPkcs11Token::Result<std::vector<unsigned long>> ZavloLinuxPkcs11Token::findObjectsLocked(
@@ -417,8 +565,7 @@ ZavloLinuxPkcs11Token::Result<std::vector<unsigned long>> ZavloLinuxPkcs11Token:
   if (const CK_RV code =
           modules_->token->C_FindObjectsInit(session_, match.data(), static_cast<CK_ULONG>(match.size()));
       code != CKR_OK) {
-    const auto status = failCall(code, "C_FindObjectsInit");
-    return zavloFailure(Failure{status, lastFailure_->description});
+    return zavloFailure(failCall(code, "C_FindObjectsInit"));
   }
   std::vector<unsigned long> found;
   CK_RV code = CKR_OK;
@@ -429,29 +576,32 @@ ZavloLinuxPkcs11Token::Result<std::vector<unsigned long>> ZavloLinuxPkcs11Token:
     if (code != CKR_OK || count == 0) break;
     found.insert(found.end(), batch.begin(), batch.begin() + static_cast<std::ptrdiff_t>(count));
   }
-  const CK_RV finalCode = sessionOpen_ ? modules_->token->C_FindObjectsFinal(session_) : CKR_OK;
+  const CK_RV finalCode = modules_->token->C_FindObjectsFinal(session_);
   if (code == CKR_OK) code = finalCode;
-  if (code != CKR_OK) {
-    const auto status = failCall(code, "C_FindObjects");
-    return zavloFailure(Failure{status, lastFailure_->description});
-  }
+  if (code != CKR_OK) return zavloFailure(failCall(code, "C_FindObjects"));
   return found;
 }
 
 ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::attributeLocked(unsigned long object,
                                                                                  unsigned long type, const char* name) {
-  CK_ATTRIBUTE query{type, nullptr, 0};
+  // Ids, labels and points fit the first buffer: one call, not two, for each.
+  std::array<CK_BYTE, 128> buffer{};
+  CK_ATTRIBUTE query{type, buffer.data(), buffer.size()};
   CK_RV code = modules_->token->C_GetAttributeValue(session_, object, &query, 1);
+  if (code == CKR_OK && query.ulValueLen <= buffer.size()) {
+    return ZavloBytes(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(query.ulValueLen));
+  }
   ZavloBytes value;
-  if (code == CKR_OK && query.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
-    value.resize(query.ulValueLen);
-    query.pValue = value.data();
+  if (code == CKR_BUFFER_TOO_SMALL) {
+    query = {type, nullptr, 0};
     code = modules_->token->C_GetAttributeValue(session_, object, &query, 1);
+    if (code == CKR_OK && query.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
+      value.resize(query.ulValueLen);
+      query.pValue = value.data();
+      code = modules_->token->C_GetAttributeValue(session_, object, &query, 1);
+    }
   }
-  if (code != CKR_OK) {
-    const auto status = failCall(code, std::string("C_GetAttributeValue(") + name + ")");
-    return zavloFailure(Failure{status, lastFailure_->description});
-  }
+  if (code != CKR_OK) return zavloFailure(failCall(code, std::string("C_GetAttributeValue(") + name + ")"));
   value.resize(query.ulValueLen);
   return value;
 }
@@ -460,209 +610,130 @@ ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::pointLocked(uns
   auto value = attributeLocked(publicKey, CKA_EC_POINT, "CKA_EC_POINT");
   if (!value) return value;
   auto point = uncompressedPoint(value.value());
-  if (!point) {
-    const auto status = fail(Status::decode, "a public key's CKA_EC_POINT is no uncompressed P-256 point");
-    return zavloFailure(Failure{status, lastFailure_->description});
-  }
+  if (!point)
+    return zavloFailure(fail(Failure::damaged, 0, "a public key's CKA_EC_POINT is no uncompressed P-256 point"));
   return std::move(*point);
 }
 
-ZavloLinuxPkcs11Token::Result<ZavloLinuxPkcs11Token::KeyPair> ZavloLinuxPkcs11Token::generate(const ZavloBytes& tag,
-                                                                                              bool permanent) {
-  return locked([&]() -> Result<KeyPair> {
-    const auto failed = [this](std::int32_t status) {
-      return zavloFailure(Failure{status, lastFailure_->description});
-    };
-    if (const auto status = openLocked(); status != Status::success) return failed(status);
-    if (permanent) {
-      auto existing = findObjectsLocked(CKO_PRIVATE_KEY, tag);
-      if (!existing) return zavloFailure(existing.error());
-      if (!existing.value().empty()) return failed(fail(Status::duplicateItem, "a key with this tag exists"));
+ZavloLinuxPkcs11Token::Problem ZavloLinuxPkcs11Token::destroyObjectsLocked(const std::vector<unsigned long>& objects) {
+  for (const auto object : objects) {
+    if (const CK_RV code = modules_->token->C_DestroyObject(session_, object); code != CKR_OK) {
+      return failCall(code, "C_DestroyObject");
     }
-    const CK_BBOOL yes = CK_TRUE;
-    const CK_BBOOL no = CK_FALSE;
-    const CK_BBOOL onToken = permanent ? CK_TRUE : CK_FALSE;
-    // Each half does one thing: the public key verifies, the private key signs.
-    const std::array publicTemplate{
-        attribute(CKA_TOKEN, onToken),
-        attribute(CKA_PRIVATE, no),
-        attribute(CKA_VERIFY, yes),
-        attribute(CKA_ENCRYPT, no),
-        attribute(CKA_WRAP, no),
-        attribute(CKA_DERIVE, no),
-        attribute(CKA_EC_PARAMS, kP256Parameters.data(), kP256Parameters.size()),
-        attribute(CKA_ID, tag),
-        attribute(CKA_LABEL, tag),
-    };
-    const std::array privateTemplate{
-        attribute(CKA_TOKEN, onToken),  attribute(CKA_PRIVATE, yes), attribute(CKA_SENSITIVE, yes),
-        attribute(CKA_EXTRACTABLE, no), attribute(CKA_SIGN, yes),    attribute(CKA_DECRYPT, no),
-        attribute(CKA_UNWRAP, no),      attribute(CKA_DERIVE, no),   attribute(CKA_ID, tag),
-        attribute(CKA_LABEL, tag),
-    };
-    CK_MECHANISM mechanism{CKM_EC_KEY_PAIR_GEN, nullptr, 0};
-    KeyPair pair{tag, {}, permanent, 0, 0, generation_};
-    // The templates are only read; PKCS#11 has no const in its types.
-    if (const CK_RV code = modules_->token->C_GenerateKeyPair(
-            session_, &mechanism, const_cast<CK_ATTRIBUTE*>(publicTemplate.data()),    // NOLINT
-            publicTemplate.size(), const_cast<CK_ATTRIBUTE*>(privateTemplate.data()),  // NOLINT
-            privateTemplate.size(), &pair.publicKey, &pair.privateKey);
-        code != CKR_OK) {
-      return failed(failCall(code, "C_GenerateKeyPair"));
-    }
-    auto point = pointLocked(pair.publicKey);
-    if (!point) {
-      // No half-made key stays behind.
-      if (sessionOpen_) {
-        (void)modules_->token->C_DestroyObject(session_, pair.privateKey);
-        (void)modules_->token->C_DestroyObject(session_, pair.publicKey);
-      }
-      return zavloFailure(point.error());
-    }
-    pair.point = std::move(point).value();
-    if (permanent) handles_[tag] = pair.privateKey;
-    return pair;
-  });
+  }
+  return std::nullopt;
 }
 
-ZavloLinuxPkcs11Token::Result<std::vector<ZavloLinuxPkcs11Token::KeyPair>> ZavloLinuxPkcs11Token::find(
-    const std::optional<ZavloBytes>& tag, bool withPoints) {
-  return locked([&]() -> Result<std::vector<KeyPair>> {
-    if (const auto status = openLocked(); status != Status::success) {
-      return zavloFailure(Failure{status, lastFailure_->description});
-    }
-    auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, tag);
-    if (!privateKeys) return zavloFailure(privateKeys.error());
-    std::vector<KeyPair> pairs;
-    for (const auto handle : privateKeys.value()) {
-      KeyPair pair{{}, {}, true, handle, 0, generation_};
-      if (tag) {
-        pair.tag = *tag;
-      } else {
-        auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
-        if (!id) return zavloFailure(id.error());
-        pair.tag = std::move(id).value();
-      }
-      if (withPoints) {
-        // The point is the public object's; a key without one has no point to give.
-        auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, pair.tag);
-        if (!publicKeys) return zavloFailure(publicKeys.error());
-        if (!publicKeys.value().empty()) {
-          pair.publicKey = publicKeys.value().front();
-          auto point = pointLocked(pair.publicKey);
-          if (!point) return zavloFailure(point.error());
-          pair.point = std::move(point).value();
-        }
-      }
-      handles_[pair.tag] = handle;
-      pairs.push_back(std::move(pair));
-    }
-    return pairs;
-  });
-}
-
-ZavloLinuxPkcs11Token::Result<unsigned long> ZavloLinuxPkcs11Token::privateHandleLocked(const KeyPair& key,
-                                                                                        bool lookUp) {
-  if (!key.permanent) {
-    if (key.session == generation_ && sessionOpen_) return key.privateKey;
-    const auto status = fail(Status::itemNotFound, "a session key ended with the session it was made in");
-    return zavloFailure(Failure{status, lastFailure_->description});
-  }
-  if (!lookUp && key.session == generation_ && sessionOpen_) return key.privateKey;
-  if (const auto cached = handles_.find(key.tag); !lookUp && cached != handles_.end()) return cached->second;
-  auto found = findObjectsLocked(CKO_PRIVATE_KEY, key.tag);
-  if (!found) return zavloFailure(found.error());
-  if (found.value().empty()) {
-    const auto status = fail(Status::itemNotFound, "the key is no longer in the token");
-    return zavloFailure(Failure{status, lastFailure_->description});
-  }
-  // The key found by tag must still be this key: one made again under the same tag would
-  // sign challenges its enrolled public key does not verify.
-  if (!key.point.empty()) {
-    auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, key.tag);
+ZavloLinuxPkcs11Token::Result<std::optional<ZavloBytes>> ZavloLinuxPkcs11Token::find(const ZavloBytes& tag) {
+  return locked([&]() -> Result<std::optional<ZavloBytes>> {
+    if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
+    const auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, tag);
     if (!publicKeys) return zavloFailure(publicKeys.error());
-    auto point =
-        publicKeys.value().empty() ? Result<ZavloBytes>(ZavloBytes{}) : pointLocked(publicKeys.value().front());
-    if (!point) return zavloFailure(point.error());
-    if (point.value() != key.point) {
-      const auto status = fail(Status::itemNotFound, "the key with this tag is not the key that was loaded");
-      return zavloFailure(Failure{status, lastFailure_->description});
-    }
-  }
-  handles_[key.tag] = found.value().front();
-  return found.value().front();
+    if (publicKeys.value().empty()) return std::optional<ZavloBytes>();
+    auto point = pointLocked(publicKeys.value().front());
+    if (!point) return zavloFailure(std::move(point).error());
+    return std::optional(std::move(point).value());
+  });
 }
 
-ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::sign(const KeyPair& key, const ZavloBytes& digest) {
-  return locked([&]() -> Result<ZavloBytes> {
-    const auto failed = [this](std::int32_t status) {
-      return zavloFailure(Failure{status, lastFailure_->description});
-    };
-    // A handle found in an earlier session, or one another process destroyed, is looked up
-    // once more before the answer is a failure.
-    for (int attempt = 0;; ++attempt) {
-      if (const auto status = openLocked(); status != Status::success) return failed(status);
-      auto handle = privateHandleLocked(key, attempt > 0);
-      if (!handle) return zavloFailure(handle.error());
+ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::generate(const ZavloBytes& tag,
+                                                                          std::span<const std::uint8_t> pin) {
+  return locked([&] {
+    return loggedInLocked<ZavloBytes>(pin, [&](const Keys& keys) -> Result<ZavloBytes> {
+      // Either half under the tag makes it taken.
+      if (keys.publicKeys.contains(tag) || keys.privateKeys.contains(tag)) {
+        return zavloFailure(fail(Failure::duplicate, 0, "a key with this tag exists"));
+      }
+      const CK_BBOOL yes = CK_TRUE;
+      const CK_BBOOL no = CK_FALSE;
+      // Each half does one thing: the public key verifies, the private key signs.
+      const std::array publicTemplate{
+          attribute(CKA_TOKEN, yes),
+          attribute(CKA_PRIVATE, no),
+          attribute(CKA_VERIFY, yes),
+          attribute(CKA_ENCRYPT, no),
+          attribute(CKA_WRAP, no),
+          attribute(CKA_DERIVE, no),
+          attribute(CKA_EC_PARAMS, kP256Parameters.data(), kP256Parameters.size()),
+          attribute(CKA_ID, tag),
+          attribute(CKA_LABEL, tag),
+      };
+      const std::array privateTemplate{
+          attribute(CKA_TOKEN, yes),      attribute(CKA_PRIVATE, yes), attribute(CKA_SENSITIVE, yes),
+          attribute(CKA_EXTRACTABLE, no), attribute(CKA_SIGN, yes),    attribute(CKA_DECRYPT, no),
+          attribute(CKA_UNWRAP, no),      attribute(CKA_DERIVE, no),   attribute(CKA_ID, tag),
+          attribute(CKA_LABEL, tag),
+      };
+      CK_MECHANISM mechanism{CKM_EC_KEY_PAIR_GEN, nullptr, 0};
+      CK_OBJECT_HANDLE publicKey = 0;
+      CK_OBJECT_HANDLE privateKey = 0;
+      // The templates are only read; PKCS#11 has no const in its types.
+      if (const CK_RV code = modules_->token->C_GenerateKeyPair(
+              session_, &mechanism, const_cast<CK_ATTRIBUTE*>(publicTemplate.data()),    // NOLINT
+              publicTemplate.size(), const_cast<CK_ATTRIBUTE*>(privateTemplate.data()),  // NOLINT
+              privateTemplate.size(), &publicKey, &privateKey);
+          code != CKR_OK) {
+        return zavloFailure(failCall(code, "C_GenerateKeyPair"));
+      }
+      auto point = pointLocked(publicKey);
+      if (!point) {
+        // No half-made key stays behind.
+        if (sessionOpen_) (void)destroyObjectsLocked({privateKey, publicKey});
+        auto error = std::move(point).error();
+        error.failure = Failure::publicKeyExport;
+        return zavloFailure(std::move(error));
+      }
+      return std::move(point).value();
+    });
+  });
+}
+
+ZavloLinuxPkcs11Token::Result<ZavloBytes> ZavloLinuxPkcs11Token::sign(const ZavloBytes& tag,
+                                                                      std::span<const std::uint8_t> digest,
+                                                                      std::span<const std::uint8_t> pin) {
+  return locked([&] {
+    return loggedInLocked<ZavloBytes>(pin, [&](const Keys& keys) -> Result<ZavloBytes> {
+      // The key is there while its public half is; its private half signs.
+      const auto privateKey = keys.privateKeys.find(tag);
+      if (!keys.publicKeys.contains(tag) || privateKey == keys.privateKeys.end()) {
+        return zavloFailure(fail(Failure::notFound, 0, "no key with this tag is in the token"));
+      }
       CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
-      CK_RV code = modules_->token->C_SignInit(session_, &mechanism, handle.value());
+      CK_RV code = modules_->token->C_SignInit(session_, &mechanism, privateKey->second);
       std::array<CK_BYTE, 132> signature{};  // room for r and s of any curve up to P-521
       CK_ULONG length = signature.size();
       if (code == CKR_OK) {
         code = modules_->token->C_Sign(session_, const_cast<CK_BYTE*>(digest.data()),  // NOLINT: only read
                                        static_cast<CK_ULONG>(digest.size()), signature.data(), &length);
       }
-      if (code == CKR_OK) return ZavloBytes(signature.begin(), signature.begin() + static_cast<std::ptrdiff_t>(length));
-      const bool stale = code == CKR_KEY_HANDLE_INVALID || code == CKR_OBJECT_HANDLE_INVALID || sessionLost(code);
-      handles_.erase(key.tag);
-      if (!stale || !key.permanent || attempt > 0) return failed(failCall(code, "C_Sign"));
-      if (sessionLost(code)) closeSessionLocked();  // quietly: the second try decides
-    }
+      if (code != CKR_OK) return zavloFailure(failCall(code, "C_Sign"));
+      return ZavloBytes(signature.begin(), signature.begin() + static_cast<std::ptrdiff_t>(length));
+    });
   });
 }
 
-std::int32_t ZavloLinuxPkcs11Token::destroy(const std::optional<ZavloBytes>& tag) {
-  return locked([&]() -> std::int32_t {
-    if (const auto status = openLocked(); status != Status::success) return status;
-    auto privateKeys = findObjectsLocked(CKO_PRIVATE_KEY, tag);
-    if (!privateKeys) return privateKeys.error().status;
-    if (privateKeys.value().empty()) return Status::itemNotFound;
-    // Without a tag, each key's own tag finds its public half.
-    std::vector<ZavloBytes> tags;
-    for (const auto handle : privateKeys.value()) {
-      if (tag) {
-        tags.push_back(*tag);
-        continue;
-      }
-      auto id = attributeLocked(handle, CKA_ID, "CKA_ID");
-      if (!id) return id.error().status;
-      tags.push_back(std::move(id).value());
-    }
-    for (std::size_t index = 0; index < tags.size(); ++index) {
-      // The private half first: a key that can no longer sign is gone, whatever follows.
-      if (const CK_RV code = modules_->token->C_DestroyObject(session_, privateKeys.value()[index]); code != CKR_OK) {
-        return failCall(code, "C_DestroyObject");
-      }
-      handles_.erase(tags[index]);
-      auto publicKeys = findObjectsLocked(CKO_PUBLIC_KEY, tags[index]);
-      if (!publicKeys) return publicKeys.error().status;
-      for (const auto handle : publicKeys.value()) {
-        if (const CK_RV code = modules_->token->C_DestroyObject(session_, handle); code != CKR_OK) {
-          return failCall(code, "C_DestroyObject");
+ZavloLinuxPkcs11Token::Result<bool> ZavloLinuxPkcs11Token::destroy(const ZavloBytes& tag) {
+  return locked([&]() -> Result<bool> {
+    if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
+    // The private half first: a key that can no longer sign is gone, whatever follows. It
+    // is seen only when logged in (or on a token without login); otherwise the next
+    // logged-in operation sweeps it.
+    if (pinFromUri() && loginRequiredLocked()) {
+      return loggedInLocked<bool>({}, [&](const Keys& keys) -> Result<bool> {
+        for (const auto* found : {&keys.privateKeys, &keys.publicKeys}) {
+          if (const auto key = found->find(tag); key != found->end()) {
+            if (auto problem = destroyObjectsLocked({key->second})) return zavloFailure(std::move(*problem));
+          }
         }
-      }
+        return keys.publicKeys.contains(tag);
+      });
     }
-    return Status::success;
-  });
-}
-
-void ZavloLinuxPkcs11Token::release(const KeyPair& key) {
-  if (key.permanent) return;
-  locked([&] {
-    if (sessionOpen_ && key.session == generation_) {
-      (void)modules_->token->C_DestroyObject(session_, key.privateKey);
-      (void)modules_->token->C_DestroyObject(session_, key.publicKey);
+    for (const auto objectClass : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
+      const auto found = findObjectsLocked(objectClass, tag);
+      if (!found) return zavloFailure(found.error());
+      if (auto problem = destroyObjectsLocked(found.value())) return zavloFailure(std::move(*problem));
+      if (objectClass == CKO_PUBLIC_KEY) return !found.value().empty();
     }
-    return 0;
+    return false;
   });
 }
