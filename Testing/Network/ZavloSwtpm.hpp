@@ -22,10 +22,9 @@
 /// A TPM 2.0 of a test's own (tests and benchmarks): swtpm on two free loopback ports (the
 /// TPM's and its control channel), its state in a private temporary folder. It can go away
 /// and come back on the same state, as a TPM behind a lost connection would, or come back
-/// empty, as another TPM. tool() runs a tpm2-tools program against it.
-///
-/// swtpm serves one connection at a time: a tool waits while a key store holds the TPM, so
-/// tests let go of their stores before they run tools.
+/// empty, as another TPM. tool() runs a tpm2-tools program against it. swtpm serves one
+/// connection at a time, and tpm2-tss's swtpm TCTI holds one per command, so key stores and
+/// tools take turns.
 class ZavloSwtpm {
  public:
   static constexpr const char* kProgram = "/usr/bin/swtpm";
@@ -75,6 +74,7 @@ class ZavloSwtpm {
                                                 "--flags",
                                                 "not-need-init,startup-clear"};
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     if (posix_spawn(&pid_, kProgram, nullptr, nullptr, argv.data(), environ) != 0) {

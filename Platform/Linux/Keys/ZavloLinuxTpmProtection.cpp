@@ -6,7 +6,6 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <signal.h>
 #include <tss2/tss2_esys.h>
 #include <tss2/tss2_mu.h>
 #include <tss2/tss2_rc.h>
@@ -15,8 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <ctime>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -103,36 +100,6 @@ bool contextLost(const ZavloKeyStoreError& error) {
   return error.code != 0 && layer != TSS2_TPM_RC_LAYER && layer != TSS2_RESMGR_TPM_RC_LAYER;
 }
 
-// A TCTI writing to a TPM that went away must not end the host with SIGPIPE: the signal
-// is held for the calling thread while it talks to the TPM, and one it raised is taken.
-class HeldSigpipe {
- public:
-  HeldSigpipe() {
-    sigemptyset(&pipe_);
-    sigaddset(&pipe_, SIGPIPE);
-    sigset_t pending;
-    wasPending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-    held_ = pthread_sigmask(SIG_BLOCK, &pipe_, &previous_) == 0;
-  }
-  HeldSigpipe(const HeldSigpipe&) = delete;
-  HeldSigpipe& operator=(const HeldSigpipe&) = delete;
-  ~HeldSigpipe() {
-    if (!held_) return;
-    if (!wasPending_) {
-      const timespec now{};
-      while (sigtimedwait(&pipe_, nullptr, &now) == SIGPIPE) {
-      }
-    }
-    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-  }
-
- private:
-  sigset_t pipe_{};
-  sigset_t previous_{};
-  bool wasPending_ = false;
-  bool held_ = false;
-};
-
 template <class T>
 struct EsysFree {
   void operator()(T* value) const { Esys_Free(value); }
@@ -215,8 +182,9 @@ std::optional<ZavloBytes> pointOf(const TPMT_PUBLIC& area) {
   if (x.size == 0 || x.size > kCoordinateSize || y.size == 0 || y.size > kCoordinateSize) return std::nullopt;
   ZavloBytes point(kPointSize, 0);
   point[0] = 0x04;
-  std::copy_n(x.buffer, x.size, point.begin() + 1 + (kCoordinateSize - x.size));
-  std::copy_n(y.buffer, y.size, point.begin() + 1 + kCoordinateSize + (kCoordinateSize - y.size));
+  // Coordinates the TPM gave shorter are padded on the left.
+  std::copy_n(x.buffer, x.size, point.data() + 1 + (kCoordinateSize - x.size));
+  std::copy_n(y.buffer, y.size, point.data() + 1 + kCoordinateSize + (kCoordinateSize - y.size));
   return point;
 }
 
@@ -233,8 +201,8 @@ struct Parsed {
 std::optional<Parsed> parse(std::span<const std::uint8_t> blob) {
   if (blob.size() < kHeaderSize || blob[0] != kVersion || blob[1] != kPbkdf2Sha256) return std::nullopt;
   Parsed parsed;
-  parsed.iterations = (std::uint32_t{blob[2]} << 24) | (std::uint32_t{blob[3]} << 16) |
-                      (std::uint32_t{blob[4]} << 8) | std::uint32_t{blob[5]};
+  parsed.iterations = (std::uint32_t{blob[2]} << 24) | (std::uint32_t{blob[3]} << 16) | (std::uint32_t{blob[4]} << 8) |
+                      std::uint32_t{blob[5]};
   const std::size_t saltSize = blob[6];
   if (parsed.iterations == 0 || parsed.iterations > kMaxIterations || saltSize < kSaltSize ||
       blob.size() < kHeaderSize + saltSize) {
@@ -299,23 +267,14 @@ struct ZavloLinuxTpmProtection::Tpm {
   Tpm& operator=(const Tpm&) = delete;
   ~Tpm() { closeLocked(); }
 
-  // Runs body(esys, storage key) with the context open. A context whose connection was
-  // lost before this call (the TPM went away and came back) is opened again and the body
-  // run once more, so that the caller sees only a TPM that is away now.
+  // Runs body(esys, storage key) with the context open; a context that lost its TPM is
+  // closed, and the next call opens another.
   template <class Body>
   auto run(Body&& body) -> decltype(body(nullptr, ESYS_TR_NONE)) {
     const std::lock_guard lock(mutex);
-    const HeldSigpipe held;
-    const bool fresh = esys == nullptr;
     if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
     auto result = body(esys, srk);
-    if (!result && contextLost(result.error())) {
-      closeLocked();
-      if (fresh) return result;
-      if (auto problem = openLocked()) return zavloFailure(std::move(*problem));
-      result = body(esys, srk);
-      if (!result && contextLost(result.error())) closeLocked();
-    }
+    if (!result && contextLost(result.error())) closeLocked();
     return result;
   }
 
@@ -391,9 +350,9 @@ ZavloKeyStoreResult<ZavloVoid> makePrimary(ESYS_CONTEXT* esys, Transient& primar
   const TPM2B_PUBLIC area = storageTemplate();
   const TPM2B_DATA outside{};
   const TPML_PCR_SELECTION pcrs{};
-  const TSS2_RC rc = Esys_CreatePrimary(esys, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
-                                        &sensitive, &area, &outside, &pcrs, primary.out(), nullptr, nullptr, nullptr,
-                                        nullptr);
+  const TSS2_RC rc =
+      Esys_CreatePrimary(esys, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, &sensitive, &area,
+                         &outside, &pcrs, primary.out(), nullptr, nullptr, nullptr, nullptr);
   if (rc != TSS2_RC_SUCCESS) return zavloFailure(tpmError(rc, Step::parent, "Esys_CreatePrimary"));
   return ZavloVoid{};
 }
@@ -465,8 +424,7 @@ ZavloKeyStoreResult<EsysPointer<TPMT_SIGNATURE>> signUnder(ESYS_CONTEXT* esys, E
   validation.tag = TPM2_ST_HASHCHECK;
   validation.hierarchy = TPM2_RH_NULL;
   TPMT_SIGNATURE* signature = nullptr;
-  rc = Esys_Sign(esys, key.get(), session.get(), ESYS_TR_NONE, ESYS_TR_NONE, &digest, &scheme, &validation,
-                 &signature);
+  rc = Esys_Sign(esys, key.get(), session.get(), ESYS_TR_NONE, ESYS_TR_NONE, &digest, &scheme, &validation, &signature);
   EsysPointer<TPMT_SIGNATURE> owned(signature);
   // ESAPI keeps its own copy of the authValue with the key until the flush frees it unwiped.
   const TPM2B_AUTH none{};
@@ -518,7 +476,6 @@ ZavloKeyStoreResult<ZavloVoid> ZavloLinuxTpmProtection::probe(const std::string&
     if (tcti.starts_with(device) && access(tcti.c_str() + device.size(), R_OK | W_OK) != 0) {
       return failure(Failure::unavailable, "TPM: " + tcti.substr(device.size()) + " cannot be opened");
     }
-    const HeldSigpipe held;
     TSS2_TCTI_CONTEXT* tctiContext = nullptr;
     ESYS_CONTEXT* esys = nullptr;
     if (auto problem = Tpm::connect(tcti, &tctiContext, &esys)) return zavloFailure(std::move(*problem));
@@ -575,8 +532,8 @@ ZavloKeyStoreResult<ZavloBytes> ZavloLinuxTpmProtection::sign(const ZavloLinuxKe
     TPM2B_DIGEST digest{};
     digest.size = kCoordinateSize;
     static const unsigned char kNothing = 0;
-    if (EVP_Digest(message.empty() ? &kNothing : message.data(), message.size(), digest.buffer, nullptr,
-                   EVP_sha256(), nullptr) != 1) {
+    if (EVP_Digest(message.empty() ? &kNothing : message.data(), message.size(), digest.buffer, nullptr, EVP_sha256(),
+                   nullptr) != 1) {
       ERR_clear_error();
       return failure(Failure::internal, "TPM key: SHA-256 failed");
     }
@@ -599,7 +556,8 @@ ZavloKeyStoreResult<ZavloBytes> ZavloLinuxTpmProtection::sign(const ZavloLinuxKe
     });
     if (!signature) return zavloFailure(std::move(signature).error());
     const auto& value = *signature.value();
-    if (value.sigAlg != TPM2_ALG_ECDSA) return failure(Failure::internal, "TPM key: the TPM signed with another scheme");
+    if (value.sigAlg != TPM2_ALG_ECDSA)
+      return failure(Failure::internal, "TPM key: the TPM signed with another scheme");
     auto der = derOf(value.signature.ecdsa);
     if (!der) return failure(Failure::internal, "TPM key: the signature cannot be encoded");
     return std::move(*der);
