@@ -6,11 +6,10 @@
 // share of the time that is cryptography; the rest is the store, the prompt round trip,
 // the checks and the telemetry hand-off.
 //
-// The token figures put a SoftHSM2 token (a folder of the benchmark's own) behind the key
-// service: token-sign/library signs through ZavloLinuxTokenSecureKeys with a loaded key,
-// token-enroll/library makes a permanent key through it (the duplicate check included) and
-// deletes it untimed; token-*/pkcs11 do the same with bare PKCS#11 calls on the module
-// loaded directly. Names are WHAT/WHO; scripts/bench compares WHAT/library with the others.
+// The token figures: token-*/pkcs11 make a permanent key and sign with bare PKCS#11 calls on
+// a SoftHSM2 token (a folder of the benchmark's own); their library counterparts went with
+// the key service they used, and come back with the token key store. Names are WHAT/WHO;
+// scripts/bench compares WHAT/library with the others.
 #include <benchmark/benchmark.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
@@ -27,9 +26,7 @@
 
 #include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
-#include "Platform/Linux/Keys/ZavloLinuxKeychain.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 #include "Testing/Network/ZavloSoftHsm.hpp"
 
@@ -74,7 +71,7 @@ class BindingHost {
   }
   static ZavloLinuxPlatform::Options options(const std::string& folder) {
     ZavloLinuxPlatform::Options options;
-    options.keychainPath = folder + "/keychain.db";
+    options.keyFilePath = folder + "/keychain.db";
     options.ownerAuthentication.mode = ZavloLinuxOwnerAuthentication::Mode::allow;
     return options;
   }
@@ -134,36 +131,6 @@ void BM_SignFloor(benchmark::State& state) {
 // MARK: token
 
 const std::string kChallenge = "3f9a1c7e-challenge-from-the-server";
-namespace Key = ZavloKeychainKey;
-
-ZavloKeychainAttributes tokenKeyAttributes(const ZavloBytes& tag) {
-  return {{Key::kSecAttrKeyType, std::string(Key::kSecAttrKeyTypeECSECPrimeRandom)},
-          {Key::kSecAttrKeySizeInBits, std::int64_t{256}},
-          {Key::kSecPrivateKeyAttrs, std::make_shared<const ZavloKeychainAttributes>(ZavloKeychainAttributes{
-                                         {Key::kSecAttrIsPermanent, true}, {Key::kSecAttrApplicationTag, tag}})}};
-}
-
-// An owner who has authenticated, as the binding flow hands the key store after its prompt.
-class AuthenticatedOwner final : public ZavloOwnerAuthenticationContext {
- public:
-  bool canEvaluatePolicy(ZavloOwnerAuthenticationPolicy /*policy*/) override { return true; }
-  void setLocalizedFallbackTitle(std::optional<std::string> /*title*/) override {}
-  void evaluatePolicy(ZavloOwnerAuthenticationPolicy /*policy*/, const std::string& /*reason*/, Reply reply) override {
-    reply(true, std::nullopt);
-  }
-  std::optional<ZavloBytes> evaluatedPolicyDomainState() override { return std::nullopt; }
-  [[nodiscard]] bool isAuthenticated() const override { return true; }
-};
-
-// The token behind the library's key service, in a folder of its own.
-struct TokenStore {
-  ZavloSoftHsm hsm;
-  std::shared_ptr<ZavloLinuxPkcs11Token> token = std::make_shared<ZavloLinuxPkcs11Token>(hsm.uri());
-  ZavloLinuxTokenKeychain keychain{
-      token, std::make_shared<ZavloLinuxKeychain>((hsm.tokens().parent_path() / "kc.db").string())};
-  ZavloLinuxTokenSecureKeys keys{token};
-};
-
 // The same token through bare PKCS#11: the module loaded without p11-kit's management, one
 // logged-in session.
 class RawToken {
@@ -253,25 +220,6 @@ bool tokenUnavailable(benchmark::State& state) {
   return false;
 }
 
-void BM_TokenEnrollLibrary(benchmark::State& state) {
-  if (tokenUnavailable(state)) return;
-  TokenStore store;
-  const auto tag = zavloBytes("in.zavlo.authsdk.devicebinding.bench");
-  ZavloKeychainAttributes remove{{Key::kSecClass, std::string(Key::kSecClassKey)}, {Key::kSecAttrApplicationTag, tag}};
-  for (auto _ : state) {
-    const auto key = store.keys.createRandomKey(tokenKeyAttributes(tag));
-    if (!key) {
-      state.SkipWithError(key.error().description.c_str());
-      break;
-    }
-    const auto point = store.keys.copyExternalRepresentation(*store.keys.copyPublicKey(*key.value()));
-    benchmark::DoNotOptimize(point);
-    state.PauseTiming();  // the delete keeps the token at one key; it is no part of an enrolment
-    store.keychain.remove(remove);
-    state.ResumeTiming();
-  }
-}
-
 void BM_TokenEnrollRaw(benchmark::State& state) {
   if (tokenUnavailable(state)) return;
   ZavloSoftHsm hsm;
@@ -283,33 +231,6 @@ void BM_TokenEnrollRaw(benchmark::State& state) {
     state.PauseTiming();
     token.destroy(pair);
     state.ResumeTiming();
-  }
-}
-
-void BM_TokenSignLibrary(benchmark::State& state) {
-  if (tokenUnavailable(state)) return;
-  TokenStore store;
-  const auto tag = zavloBytes("in.zavlo.authsdk.devicebinding.bench");
-  if (!store.keys.createRandomKey(tokenKeyAttributes(tag))) {
-    state.SkipWithError("the token made no key");
-    return;
-  }
-  const auto loaded = store.keychain.copyMatching(
-      {{Key::kSecClass, std::string(Key::kSecClassKey)},
-       {Key::kSecAttrApplicationTag, tag},
-       {Key::kSecReturnRef, true},
-       {Key::kSecUseAuthenticationContext,
-        std::shared_ptr<ZavloOwnerAuthenticationContext>(std::make_shared<AuthenticatedOwner>())}});
-  const auto key = std::get<std::shared_ptr<ZavloSecureKey>>(*loaded.item);
-  const auto message = zavloBytes(kChallenge);
-  for (auto _ : state) {
-    auto signature =
-        store.keys.createSignature(*key, ZavloSecureKeys::kSecKeyAlgorithmECDSASignatureMessageX962SHA256, message);
-    if (!signature) {
-      state.SkipWithError(signature.error().description.c_str());
-      break;
-    }
-    benchmark::DoNotOptimize(signature);
   }
 }
 
@@ -329,9 +250,7 @@ void BM_TokenSignRaw(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_TokenEnrollLibrary)->Name("token-enroll/library")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_TokenEnrollRaw)->Name("token-enroll/pkcs11")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_TokenSignLibrary)->Name("token-sign/library")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_TokenSignRaw)->Name("token-sign/pkcs11")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EnrollLibrary)->Name("enroll/library")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EnrollFloor)->Name("enroll/openssl")->Unit(benchmark::kMicrosecond);

@@ -222,12 +222,19 @@ TEST_F(ZavloTpmKeyStoreTest, ATpmThatGoesAwayIsUnavailableUntilItIsBack) {
 }
 
 TEST_F(ZavloTpmKeyStoreTest, TheFactoryMakesTpmKeysWhereATpmIsNamed) {
-  ZavloLinuxKeyStoreSettings settings{.path = path(), .tpm = tpm.tcti()};
+  std::vector<std::string> traced;
+  ZavloLinuxKeyStoreSettings settings{.path = path(),
+                                      .file = {.trace = [&traced](const std::string& line) { traced.push_back(line); }},
+                                      .tpm = tpm.tcti()};
   auto named = zavloLinuxKeyStoreFactory(settings);
   EXPECT_EQ(named.description, "TPM 2.0 (" + tpm.tcti() + "), key file " + path());
   const auto created = named.store->createKey(kTag, ZavloTestOwnerProof(kSecret));
   ASSERT_TRUE(created) << created.error().description;
   EXPECT_EQ(created.value().location, (ZavloKeyLocation{"tpm", true}));
+  tpm.stop();
+  EXPECT_FALSE(named.store->sign(kTag, kChallenge, ZavloTestOwnerProof(kSecret)));
+  ASSERT_FALSE(traced.empty());
+  EXPECT_EQ(traced.back().rfind("TPM: Esys_", 0), 0U) << traced.back();
   named.store.reset();
   if (std::filesystem::exists("/dev/tpmrm0")) GTEST_SKIP() << "this machine has a TPM: the default would use it";
   settings.tpm.reset();

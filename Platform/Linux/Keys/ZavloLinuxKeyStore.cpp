@@ -24,6 +24,7 @@ ZavloLinuxKeyStoreService makeKeyStore(ZavloLinuxKeyStoreSettings settings) {
     options.createDirectory = true;
   }
   const auto path = settings.path;
+  const auto trace = options.trace;
   auto file = std::make_shared<ZavloLinuxKeyFile>(std::move(settings.path), std::move(options));
   auto sealed = std::make_shared<ZavloLinuxSealedProtection>();
   // A TPM named in the settings makes every new key, reachable or not; without one, the
@@ -32,7 +33,9 @@ ZavloLinuxKeyStoreService makeKeyStore(ZavloLinuxKeyStoreSettings settings) {
   std::optional<std::string> tpm = std::move(settings.tpm);
   if (!tpm && ZavloLinuxTpmProtection::probe(std::string(ZavloLinuxTpmProtection::kSystemTcti))) tpm.emplace();
   if (tpm) {
-    auto protection = std::make_shared<ZavloLinuxTpmProtection>(std::move(*tpm));
+    auto protection = std::make_shared<ZavloLinuxTpmProtection>(
+        std::move(*tpm),
+        ZavloLinuxTpmProtection::Options{.iterations = ZavloLinuxTpmProtection::kDefaultIterations, .trace = trace});
     std::string description = "TPM 2.0 (" + protection->tcti() + "), key file " + path;
     return {std::make_shared<ZavloLinuxFileKeyStore>(std::move(file), std::move(protection), sealed),
             std::move(description)};

@@ -435,11 +435,24 @@ ZavloKeyStoreResult<EsysPointer<TPMT_SIGNATURE>> signUnder(ESYS_CONTEXT* esys, E
 
 }  // namespace
 
-ZavloLinuxTpmProtection::ZavloLinuxTpmProtection(std::string tcti, std::uint32_t iterations)
+ZavloLinuxTpmProtection::ZavloLinuxTpmProtection(std::string tcti, Options options)
     : tpm_(std::make_unique<Tpm>(tcti.empty() ? std::string(kSystemTcti) : std::move(tcti))),
-      iterations_(std::clamp<std::uint32_t>(iterations, 1, kMaxIterations)) {}
+      options_(std::move(options)) {
+  options_.iterations = std::clamp<std::uint32_t>(options_.iterations, 1, kMaxIterations);
+}
 
 ZavloLinuxTpmProtection::~ZavloLinuxTpmProtection() = default;
+
+template <class T>
+ZavloKeyStoreResult<T> ZavloLinuxTpmProtection::traced(ZavloKeyStoreResult<T> result) const {
+  if (!result && options_.trace) {
+    try {
+      options_.trace(result.error().description);
+    } catch (...) {  // a sink's failure is not the key's
+    }
+  }
+  return result;
+}
 
 const std::string& ZavloLinuxTpmProtection::tcti() const { return tpm_->tcti; }
 
@@ -495,73 +508,77 @@ ZavloKeyStoreResult<ZavloVoid> ZavloLinuxTpmProtection::probe(const std::string&
 
 ZavloKeyStoreResult<ZavloLinuxKeyProtection::Made> ZavloLinuxTpmProtection::create(const ZavloBytes& /*tag*/,
                                                                                    const ZavloOwnerProof& proof) {
-  try {
-    if (proof.secret().empty()) return failure(Failure::noOwnerSecret, "TPM key: the owner gave no secret");
-    std::array<std::uint8_t, kSaltSize> salt{};
-    if (RAND_bytes(salt.data(), static_cast<int>(salt.size())) != 1) {
-      ERR_clear_error();
-      return failure(Failure::internal, "TPM key: RAND_bytes failed");
+  return traced([&]() -> ZavloKeyStoreResult<Made> {
+    try {
+      if (proof.secret().empty()) return failure(Failure::noOwnerSecret, "TPM key: the owner gave no secret");
+      std::array<std::uint8_t, kSaltSize> salt{};
+      if (RAND_bytes(salt.data(), static_cast<int>(salt.size())) != 1) {
+        ERR_clear_error();
+        return failure(Failure::internal, "TPM key: RAND_bytes failed");
+      }
+      const std::uint32_t iterations = options_.iterations;
+      // The KDF runs before the lock: it needs no TPM, and other callers need not wait for it.
+      const auto auth = authValue(proof.secret(), salt, iterations);
+      if (!auth) return failure(Failure::internal, "TPM key: PBKDF2 failed");
+      auto created = tpm_->run([&](ESYS_CONTEXT* esys, ESYS_TR srk) { return createUnder(esys, srk, *auth); });
+      if (!created) return zavloFailure(std::move(created).error());
+      auto point = pointOf(created.value().publicArea->publicArea);
+      if (!point) return failure(Failure::publicKeyExport, "TPM key: the TPM made a key that is not the one asked for");
+      auto blob = wrap(iterations, salt, *created.value().publicArea, *created.value().privateArea);
+      if (!blob) return failure(Failure::internal, "TPM key: the key's blob cannot be written");
+      return Made{std::move(*point), std::move(*blob)};
+    } catch (...) {
+      return failure(Failure::internal, "TPM key: creation failed");
     }
-    const std::uint32_t iterations = iterations_;
-    // The KDF runs before the lock: it needs no TPM, and other callers need not wait for it.
-    const auto auth = authValue(proof.secret(), salt, iterations);
-    if (!auth) return failure(Failure::internal, "TPM key: PBKDF2 failed");
-    auto created = tpm_->run([&](ESYS_CONTEXT* esys, ESYS_TR srk) { return createUnder(esys, srk, *auth); });
-    if (!created) return zavloFailure(std::move(created).error());
-    auto point = pointOf(created.value().publicArea->publicArea);
-    if (!point) return failure(Failure::publicKeyExport, "TPM key: the TPM made a key that is not the one asked for");
-    auto blob = wrap(iterations, salt, *created.value().publicArea, *created.value().privateArea);
-    if (!blob) return failure(Failure::internal, "TPM key: the key's blob cannot be written");
-    return Made{std::move(*point), std::move(*blob)};
-  } catch (...) {
-    return failure(Failure::internal, "TPM key: creation failed");
-  }
+  }());
 }
 
 ZavloKeyStoreResult<ZavloBytes> ZavloLinuxTpmProtection::sign(const ZavloLinuxKeyRecord& record,
                                                               std::span<const std::uint8_t> message,
                                                               const ZavloOwnerProof& proof) {
-  try {
-    const auto parsed = parse(record.blob);
-    if (!parsed || pointOf(parsed->publicArea.publicArea) != record.publicKey) {
-      return failure(Failure::damaged, "TPM key: the blob is not a key this library made");
-    }
-    if (proof.secret().empty()) return failure(Failure::noOwnerSecret, "TPM key: the key needs the owner's secret");
-    const auto auth = authValue(proof.secret(), parsed->salt, parsed->iterations);
-    if (!auth) return failure(Failure::internal, "TPM key: PBKDF2 failed");
-    TPM2B_DIGEST digest{};
-    digest.size = kCoordinateSize;
-    static const unsigned char kNothing = 0;
-    if (EVP_Digest(message.empty() ? &kNothing : message.data(), message.size(), digest.buffer, nullptr, EVP_sha256(),
-                   nullptr) != 1) {
-      ERR_clear_error();
-      return failure(Failure::internal, "TPM key: SHA-256 failed");
-    }
-    auto signature = tpm_->run([&](ESYS_CONTEXT* esys, ESYS_TR srk) {
-      if (srk == ESYS_TR_NONE) {
-        Transient primary(esys);
-        if (auto made = makePrimary(esys, primary); !made) {
-          return ZavloKeyStoreResult<EsysPointer<TPMT_SIGNATURE>>(zavloFailure(std::move(made).error()));
-        }
-        return signUnder(esys, primary.get(), *parsed, *auth, digest);
+  return traced([&]() -> ZavloKeyStoreResult<ZavloBytes> {
+    try {
+      const auto parsed = parse(record.blob);
+      if (!parsed || pointOf(parsed->publicArea.publicArea) != record.publicKey) {
+        return failure(Failure::damaged, "TPM key: the blob is not a key this library made");
       }
-      auto underSrk = signUnder(esys, srk, *parsed, *auth, digest);
-      // A key made before the SRK was put in place lives under the primary of the
-      // standard template, which the SRK need not be.
-      if (underSrk || underSrk.error().failure != Failure::damaged) return underSrk;
-      Transient primary(esys);
-      if (auto made = makePrimary(esys, primary); !made) return underSrk;
-      auto underPrimary = signUnder(esys, primary.get(), *parsed, *auth, digest);
-      return underPrimary ? std::move(underPrimary) : std::move(underSrk);
-    });
-    if (!signature) return zavloFailure(std::move(signature).error());
-    const auto& value = *signature.value();
-    if (value.sigAlg != TPM2_ALG_ECDSA)
-      return failure(Failure::internal, "TPM key: the TPM signed with another scheme");
-    auto der = derOf(value.signature.ecdsa);
-    if (!der) return failure(Failure::internal, "TPM key: the signature cannot be encoded");
-    return std::move(*der);
-  } catch (...) {
-    return failure(Failure::internal, "TPM key: signing failed");
-  }
+      if (proof.secret().empty()) return failure(Failure::noOwnerSecret, "TPM key: the key needs the owner's secret");
+      const auto auth = authValue(proof.secret(), parsed->salt, parsed->iterations);
+      if (!auth) return failure(Failure::internal, "TPM key: PBKDF2 failed");
+      TPM2B_DIGEST digest{};
+      digest.size = kCoordinateSize;
+      static const unsigned char kNothing = 0;
+      if (EVP_Digest(message.empty() ? &kNothing : message.data(), message.size(), digest.buffer, nullptr, EVP_sha256(),
+                     nullptr) != 1) {
+        ERR_clear_error();
+        return failure(Failure::internal, "TPM key: SHA-256 failed");
+      }
+      auto signature = tpm_->run([&](ESYS_CONTEXT* esys, ESYS_TR srk) {
+        if (srk == ESYS_TR_NONE) {
+          Transient primary(esys);
+          if (auto made = makePrimary(esys, primary); !made) {
+            return ZavloKeyStoreResult<EsysPointer<TPMT_SIGNATURE>>(zavloFailure(std::move(made).error()));
+          }
+          return signUnder(esys, primary.get(), *parsed, *auth, digest);
+        }
+        auto underSrk = signUnder(esys, srk, *parsed, *auth, digest);
+        // A key made before the SRK was put in place lives under the primary of the
+        // standard template, which the SRK need not be.
+        if (underSrk || underSrk.error().failure != Failure::damaged) return underSrk;
+        Transient primary(esys);
+        if (auto made = makePrimary(esys, primary); !made) return underSrk;
+        auto underPrimary = signUnder(esys, primary.get(), *parsed, *auth, digest);
+        return underPrimary ? std::move(underPrimary) : std::move(underSrk);
+      });
+      if (!signature) return zavloFailure(std::move(signature).error());
+      const auto& value = *signature.value();
+      if (value.sigAlg != TPM2_ALG_ECDSA)
+        return failure(Failure::internal, "TPM key: the TPM signed with another scheme");
+      auto der = derOf(value.signature.ecdsa);
+      if (!der) return failure(Failure::internal, "TPM key: the signature cannot be encoded");
+      return std::move(*der);
+    } catch (...) {
+      return failure(Failure::internal, "TPM key: signing failed");
+    }
+  }());
 }

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Platform/Linux/Keys/ZavloLinuxKeyProtection.hpp"
 #include "Platform/Linux/ZavloLinuxSecret.hpp"
@@ -36,8 +38,16 @@ class ZavloLinuxTpmProtection final : public ZavloLinuxKeyProtection {
   /// comment), so the count is small: about 0.5 ms here, beside a TPM signature.
   static constexpr std::uint32_t kDefaultIterations = 1000;
 
+  struct Options {
+    /// PBKDF2 iterations of the keys it makes.
+    std::uint32_t iterations = kDefaultIterations;
+    /// Receives each failure's description (never a secret), after the call's lock.
+    std::function<void(const std::string&)> trace = {};
+  };
+
   /// tcti: a tctildr string; empty means kSystemTcti.
-  explicit ZavloLinuxTpmProtection(std::string tcti, std::uint32_t iterations = kDefaultIterations);
+  explicit ZavloLinuxTpmProtection(std::string tcti) : ZavloLinuxTpmProtection(std::move(tcti), Options{}) {}
+  ZavloLinuxTpmProtection(std::string tcti, Options options);
   ~ZavloLinuxTpmProtection() override;
 
   [[nodiscard]] std::string_view name() const override { return "tpm"; }
@@ -65,7 +75,10 @@ class ZavloLinuxTpmProtection final : public ZavloLinuxKeyProtection {
                                                    std::span<const std::uint8_t> salt, std::uint32_t iterations);
 
  private:
+  template <class T>
+  ZavloKeyStoreResult<T> traced(ZavloKeyStoreResult<T> result) const;
+
   struct Tpm;
   std::unique_ptr<Tpm> tpm_;
-  std::uint32_t iterations_;
+  Options options_;
 };
