@@ -1,8 +1,9 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -77,10 +78,19 @@ class ZavloSwtpm {
     argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
-    if (posix_spawn(&pid_, kProgram, nullptr, nullptr, argv.data(), environ) != 0) {
-      pid_ = -1;
-      return false;
+    // swtpm ends with the test even when the test is killed, and holds none of its output:
+    // a pipe it kept open would keep whoever reads the test's output waiting.
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+      if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
+      for (const int stream : {0, 1, 2}) dup2(nothing, stream);
+      execv(kProgram, argv.data());
+      _exit(127);
     }
+    if (nothing >= 0) close(nothing);
+    if (pid_ < 0) return false;
     // A bound on the wait, not a measurement: swtpm listens within milliseconds.
     for (int round = 0; round < 1000; ++round) {
       if (accepts()) return true;

@@ -6,12 +6,15 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 
+#include <atomic>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTpmProtection.hpp"
@@ -219,6 +222,23 @@ TEST_F(ZavloTpmKeyStoreTest, ATpmThatGoesAwayIsUnavailableUntilItIsBack) {
   const auto signature = keys->sign(kTag, kChallenge, ZavloTestOwnerProof(kSecret));
   ASSERT_TRUE(signature) << signature.error().description;
   EXPECT_TRUE(zavloVerifyEs256(point, kChallenge, signature.value()));
+}
+
+TEST_F(ZavloTpmKeyStoreTest, CallersOnManyThreadsTakeTurnsOnTheTpm) {
+  const auto keys = store();
+  const auto point = keys->createKey(kTag, ZavloTestOwnerProof(kSecret)).value().publicKey;
+  std::atomic<int> verified = 0;
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < 4; ++caller) {
+    callers.emplace_back([&] {
+      for (int round = 0; round < 3; ++round) {
+        const auto signature = keys->sign(kTag, kChallenge, ZavloTestOwnerProof(kSecret));
+        if (signature && zavloVerifyEs256(point, kChallenge, signature.value())) ++verified;
+      }
+    });
+  }
+  for (auto& caller : callers) caller.join();
+  EXPECT_EQ(verified, 12);
 }
 
 TEST_F(ZavloTpmKeyStoreTest, TheFactoryMakesTpmKeysWhereATpmIsNamed) {
