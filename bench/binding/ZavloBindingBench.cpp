@@ -24,11 +24,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "tools/peers/ZavloHttpTestServer.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Testing/Network/ZavloSoftHsm.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 
 namespace {
 

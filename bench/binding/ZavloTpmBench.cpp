@@ -18,8 +18,8 @@
 #include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTpmProtection.hpp"
-#include "Testing/Network/ZavloSwtpm.hpp"
 #include "Platform/Linux/ZavloLinuxSecret.hpp"
+#include "Testing/Network/ZavloSwtpm.hpp"
 
 namespace {
 
@@ -79,8 +79,7 @@ struct TpmStore {
                            &area, &outside, &pcrs, &primary, nullptr, nullptr, nullptr, nullptr) == TSS2_RC_SUCCESS &&
         Esys_EvictControl(esys.get(), ESYS_TR_RH_OWNER, primary, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
                           0x81000001, &persistent) == TSS2_RC_SUCCESS &&
-        Esys_FlushContext(esys.get(), primary) == TSS2_RC_SUCCESS &&
-        store.createKey(kTag, owner());
+        Esys_FlushContext(esys.get(), primary) == TSS2_RC_SUCCESS && store.createKey(kTag, owner());
   }
 
   ZavloSwtpm tpm;
