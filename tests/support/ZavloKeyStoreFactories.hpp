@@ -12,6 +12,8 @@
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 #include "Testing/Network/ZavloSoftHsm.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTpmProtection.hpp"
+#include "Testing/Network/ZavloSwtpm.hpp"
 #include "Testing/ZavloTestKeyStore.hpp"
 #include "ZavloEs256.hpp"
 #include "tools/peers/ZavloTemporaryDirectory.hpp"
@@ -75,8 +77,25 @@ class ZavloSoftHsmKeyStoreFactory {
  private:
   ZavloSoftHsm hsm_;
   ZavloLinuxTokenKeyStore store_;
+/// Keys made inside a TPM of the test's own (swtpm), their blobs in a key file beside it.
+class ZavloTpmKeyStoreFactory {
+ public:
+  ZavloTpmKeyStoreFactory()
+      : store_(std::make_shared<ZavloLinuxKeyFile>((swtpm_.folder() / "keychain.db").string()),
+               std::make_shared<ZavloLinuxTpmProtection>(swtpm_.tcti()),
+               std::make_shared<ZavloLinuxSealedProtection>(ZavloLinuxSealedProtection::Cost{10, 8, 1})) {}
+  static std::optional<std::string> unavailable() { return ZavloSwtpm::unavailable(); }
+  ZavloKeyStore& keyStore() { return store_; }
+  std::string ownerSecret() { return "correct horse battery staple"; }
+  static bool verify(const ZavloBytes& point, std::span<const std::uint8_t> message, const ZavloBytes& signature) {
+    return zavloVerifyEs256(point, message, signature);
+  }
+
+ private:
+  ZavloSwtpm swtpm_;
+  ZavloLinuxFileKeyStore store_;
 };
 
 /// Every key store the key store contract runs on.
-using ZavloKeyStoreFactories =
-    ::testing::Types<ZavloInMemoryKeyStoreFactory, ZavloSealedKeyStoreFactory, ZavloSoftHsmKeyStoreFactory>;
+using ZavloKeyStoreFactories = ::testing::Types<ZavloInMemoryKeyStoreFactory, ZavloSealedKeyStoreFactory,
+                                                ZavloSoftHsmKeyStoreFactory, ZavloTpmKeyStoreFactory>;

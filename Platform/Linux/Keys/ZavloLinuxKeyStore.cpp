@@ -7,6 +7,7 @@
 #include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxTpmProtection.hpp"
 #include "Platform/Linux/ZavloLinuxPlatformServices.hpp"
 
 namespace {
@@ -36,6 +37,19 @@ ZavloLinuxKeyStoreService makeKeyStore(ZavloLinuxKeyStoreSettings settings) {
     return {std::make_shared<ZavloLinuxTokenKeyStore>(std::move(token), std::move(file)), std::move(description)};
   }
   auto sealed = std::make_shared<ZavloLinuxSealedProtection>();
+  // A TPM named in the settings makes every new key, reachable or not; without one, the
+  // system's TPM does when it answers once now, else keys are sealed in software. Sealed
+  // keys already in the file keep signing either way.
+  std::optional<std::string> tpm = std::move(settings.tpm);
+  if (!tpm && ZavloLinuxTpmProtection::probe(std::string(ZavloLinuxTpmProtection::kSystemTcti))) tpm.emplace();
+  if (tpm) {
+    auto protection = std::make_shared<ZavloLinuxTpmProtection>(
+        std::move(*tpm),
+        ZavloLinuxTpmProtection::Options{.iterations = ZavloLinuxTpmProtection::kDefaultIterations, .trace = trace});
+    std::string description = "TPM 2.0 (" + protection->tcti() + "), key file " + path;
+    return {std::make_shared<ZavloLinuxFileKeyStore>(std::move(file), std::move(protection), sealed),
+            std::move(description)};
+  }
   return {std::make_shared<ZavloLinuxFileKeyStore>(std::move(file), sealed, sealed),
           "keys sealed under the owner's secret, key file " + path};
 }
