@@ -122,14 +122,16 @@ ZavloBytes fileSha256(const std::filesystem::path& path) {
 
 // The prints of the enrolled fingers under storage/user/DRIVER/DEVICE/, for every device
 // folder there: the D-Bus interface does not tell which folder is the default device's.
-std::optional<std::vector<ZavloLinuxEnrolledFingers::StoredPrint>> readStoredPrints(
-    const std::string& storage, const std::string& user, const std::vector<std::string>& fingers) {
+// None when the folder cannot be read.
+std::vector<ZavloLinuxEnrolledFingers::StoredPrint> readStoredPrints(const std::string& storage,
+                                                                     const std::string& user,
+                                                                     const std::vector<std::string>& fingers) {
   namespace fs = std::filesystem;
-  if (user.find('/') != std::string::npos || user == "." || user == "..") return std::nullopt;
   std::vector<ZavloLinuxEnrolledFingers::StoredPrint> prints;
-  std::error_code error;
-  const auto folders = [&](const fs::path& folder) {
+  if (user.find('/') != std::string::npos || user == "." || user == "..") return prints;
+  const auto folders = [](const fs::path& folder) {
     std::vector<fs::path> found;
+    std::error_code error;
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
       std::error_code typeError;
       if (entry->is_directory(typeError)) found.push_back(entry->path());
@@ -137,15 +139,8 @@ std::optional<std::vector<ZavloLinuxEnrolledFingers::StoredPrint>> readStoredPri
     return found;
   };
   const fs::path userFolder = fs::path(storage) / user;
-  const auto drivers = folders(userFolder);
-  // No folder at all is storage that holds no print; any other failure is storage this
-  // process cannot read.
-  if (error == std::errc::no_such_file_or_directory) return prints;
-  if (error) return std::nullopt;
-  for (const auto& driver : drivers) {
-    const auto devices = folders(driver);
-    if (error) return std::nullopt;
-    for (const auto& device : devices) {
+  for (const auto& driver : folders(userFolder)) {
+    for (const auto& device : folders(driver)) {
       for (const auto& finger : fingers) {
         const auto known = std::find_if(kFingerFiles.begin(), kFingerFiles.end(),
                                         [&](const auto& entry) { return entry.first == finger; });
@@ -161,10 +156,9 @@ std::optional<std::vector<ZavloLinuxEnrolledFingers::StoredPrint>> readStoredPri
   return prints;
 }
 
-std::optional<std::string> stringProperty(GVariant* properties, const char* name) {
+std::string stringProperty(GVariant* properties, const char* name) {
   const VariantPointer value(g_variant_lookup_value(properties, name, G_VARIANT_TYPE_STRING));
-  if (!value) return std::nullopt;
-  return std::string(g_variant_get_string(value.get(), nullptr));
+  return value ? std::string(g_variant_get_string(value.get(), nullptr)) : std::string();
 }
 
 void appendField(std::string& out, std::string_view tag, std::string_view value) {
@@ -242,23 +236,12 @@ ZavloLinuxEnrolledFingers zavloReadEnrolledFingers(const std::optional<std::stri
 ZavloBytes zavloFingerprintDomainState(const ZavloLinuxEnrolledFingers& enrolment) {
   std::string text;
   appendField(text, "device", enrolment.devicePath);
-  const auto property = [&](std::string_view tag, const std::optional<std::string>& value) {
-    if (value) {
-      appendField(text, tag, *value);
-    } else {
-      appendField(text, std::string(tag) + "-untold", "");
-    }
-  };
-  property("name", enrolment.deviceName);
-  property("scan-type", enrolment.scanType);
+  appendField(text, "name", enrolment.deviceName);
+  appendField(text, "scan-type", enrolment.scanType);
   for (const auto& finger : enrolment.fingers) appendField(text, "finger", finger);
-  if (!enrolment.prints) {
-    appendField(text, "prints-unreadable", "");
-  } else {
-    for (const auto& print : *enrolment.prints) {
-      appendField(text, "print", print.path);
-      appendField(text, "sha256", {reinterpret_cast<const char*>(print.sha256.data()), print.sha256.size()});
-    }
+  for (const auto& print : enrolment.prints) {
+    appendField(text, "print", print.path);
+    appendField(text, "sha256", {reinterpret_cast<const char*>(print.sha256.data()), print.sha256.size()});
   }
   ZavloBytes digest(EVP_MAX_MD_SIZE);
   unsigned int size = 0;

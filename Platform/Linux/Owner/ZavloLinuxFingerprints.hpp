@@ -25,12 +25,12 @@ struct ZavloLinuxEnrolledFingers {
   std::vector<std::string> fingers;  ///< sorted; empty unless enrolled
   std::string detail;                ///< why not enrolled or unavailable, for error descriptions
   std::string devicePath;            ///< the default device's D-Bus object path
-  /// The device's "name" and "scan-type" properties; absent where the daemon did not tell.
-  std::optional<std::string> deviceName;
-  std::optional<std::string> scanType;
-  /// The stored prints of the enrolled fingers, sorted by path; absent when the user's
+  /// The device's "name" and "scan-type" properties; empty where the daemon did not tell.
+  std::string deviceName;
+  std::string scanType;
+  /// The stored prints of the enrolled fingers, sorted by path; empty when the user's
   /// storage folder cannot be read (fprintd keeps it root's alone).
-  std::optional<std::vector<StoredPrint>> prints;
+  std::vector<StoredPrint> prints;
 };
 
 /// Asks fprintd at busAddress (the system bus when absent) over a private connection of
@@ -41,7 +41,6 @@ ZavloLinuxEnrolledFingers zavloReadEnrolledFingers(const std::optional<std::stri
                                                    const std::string& user, const std::string& printStorage);
 
 /// SHA-256 over the device (path, name, scan type), the sorted finger names and the stored
-/// prints or the mark that they could not be read, each field length-prefixed. A property
-/// the daemon did not tell is a mark of its own, so that the state differs from the one a
-/// complete answer gives. Empty only if OpenSSL fails.
+/// prints, each field length-prefixed. What could not be read adds nothing, so that the
+/// state then differs from the one a complete answer gave. Empty only if OpenSSL fails.
 ZavloBytes zavloFingerprintDomainState(const ZavloLinuxEnrolledFingers& enrolment);
