@@ -157,7 +157,7 @@ TEST(ZavloLinuxOwnerAuthentication, WaitingForEvaluationsFromInsideOneIsRefused)
   Auth authentication(modeOptions(Auth::Mode::allow));
   auto context = authentication.makeContext();
   std::promise<bool> refused;
-  context->evaluatePolicy(kOwner, "reason", [&](bool, std::optional<ZavloOwnerAuthenticationError>) {
+  context->evaluatePolicy(kOwner, "reason", [&](bool, const std::optional<ZavloOwnerAuthenticationError>&) {
     try {
       authentication.waitForEvaluations();
       refused.set_value(false);
@@ -202,7 +202,7 @@ class ZavloLinuxTerminalConversation : public testing::Test {
     EXPECT_EQ(after.c_lflag, before_.c_lflag);
     EXPECT_EQ(after.c_cc[VMIN], before_.c_cc[VMIN]);
   }
-  std::future<std::optional<Auth::Answers>> ask(Auth::ConversationRound round) {
+  std::future<std::optional<Auth::Answers>> ask(const Auth::ConversationRound& round) {
     return std::async(std::launch::async,
                       [conversation = Auth::terminalConversation(name_), round] { return conversation(round); });
   }

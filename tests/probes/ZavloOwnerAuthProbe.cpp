@@ -121,7 +121,7 @@ int run(const std::map<std::string, std::string>& options, const std::string& se
   const auto caller = std::this_thread::get_id();
   std::weak_ptr<ZavloLinuxOwnerAuthenticationContext> weakContext = context;
   auto reply = [&, owned = scenario == "reply-owns" ? context : nullptr](
-                   bool success, std::optional<ZavloOwnerAuthenticationError> error) {
+                   bool success, const std::optional<ZavloOwnerAuthenticationError>& error) {
     const std::lock_guard lock(mutex);
     report["replies"] = report["replies"].get<int>() + 1;
     report["success"] = success;

@@ -105,7 +105,7 @@ using Reply = ZavloOwnerAuthenticationContext::Reply;
 thread_local const Shared* tlsEvaluationOwner = nullptr;
 
 // A secret file longer than this is not a password.
-constexpr std::size_t kLongestSecretFile = 64 * 1024;
+constexpr std::size_t kLongestSecretFile = std::size_t{64} * 1024;
 
 struct Outcome {
   bool success = false;
