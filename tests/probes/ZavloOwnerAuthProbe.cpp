@@ -14,6 +14,8 @@
 //   destroy            the context goes while its prompt is up
 //   reply-owns TEXT    the reply holds the last reference to the context
 //   no-descriptors     the evaluation starts with no file descriptor left to make
+//   no-threads         the evaluation starts with no thread left to make (the probe
+//                      becomes nobody for it)
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -61,6 +63,25 @@ class NoDescriptorsLeft {
   NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
   NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
   ~NoDescriptorsLeft() { setrlimit(RLIMIT_NOFILE, &saved_); }
+
+ private:
+  rlimit saved_{};
+};
+
+// Becomes nobody with no process left to start, so that the next thread cannot be made;
+// the soft limit comes back afterwards (the leak sanitizer starts a thread at exit).
+class NoThreadsLeft {
+ public:
+  NoThreadsLeft() {
+    getrlimit(RLIMIT_NPROC, &saved_);
+    if (setgid(65534) != 0 || setuid(65534) != 0) throw std::runtime_error("cannot become nobody");
+    rlimit none = saved_;
+    none.rlim_cur = 0;
+    if (setrlimit(RLIMIT_NPROC, &none) != 0) throw std::runtime_error("cannot lower RLIMIT_NPROC");
+  }
+  NoThreadsLeft(const NoThreadsLeft&) = delete;
+  NoThreadsLeft& operator=(const NoThreadsLeft&) = delete;
+  ~NoThreadsLeft() { setrlimit(RLIMIT_NPROC, &saved_); }
 
  private:
   rlimit saved_{};
@@ -130,8 +151,10 @@ int run(const std::map<std::string, std::string>& options, const std::string& se
     if (owned) report["proofInReply"] = proofJson(owned->takeOwnerProof());
   };
   {
-    std::optional<NoDescriptorsLeft> limit;
-    if (scenario == "no-descriptors") limit.emplace();
+    std::optional<NoDescriptorsLeft> noDescriptors;
+    std::optional<NoThreadsLeft> noThreads;
+    if (scenario == "no-descriptors") noDescriptors.emplace();
+    if (scenario == "no-threads") noThreads.emplace();
     context->evaluatePolicy(ZavloOwnerAuthenticationPolicy::deviceOwnerAuthentication, "Sign in to the probe",
                             std::move(reply));
     if (scenario == "destroy") {
