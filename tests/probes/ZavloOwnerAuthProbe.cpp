@@ -28,6 +28,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
@@ -86,6 +87,20 @@ class NoThreadsLeft {
  private:
   rlimit saved_{};
 };
+
+// The undefined-behaviour sanitizer checks the dynamic type of a call the first time it
+// sees it, through a pipe, which cannot be made once the limits bite: one evaluation and one
+// error message beforehand make those checks.
+void warmUpTypeChecks() {
+  Auth::Options options;
+  options.mode = Auth::Mode::allow;
+  options.conversation = [](const Auth::ConversationRound&) { return std::optional<Auth::Answers>(); };
+  Auth authentication(std::move(options));
+  authentication.makeContext()->evaluatePolicy(ZavloOwnerAuthenticationPolicy::deviceOwnerAuthentication, "warm-up",
+                                               [](bool, const std::optional<ZavloOwnerAuthenticationError>&) {});
+  authentication.waitForEvaluations();
+  (void)std::generic_category().message(EMFILE);
+}
 
 int run(const std::map<std::string, std::string>& options, const std::string& service, const std::string& scenario,
         const std::string& text) {
@@ -151,6 +166,7 @@ int run(const std::map<std::string, std::string>& options, const std::string& se
     if (owned) report["proofInReply"] = proofJson(owned->takeOwnerProof());
   };
   {
+    if (scenario.rfind("no-", 0) == 0) warmUpTypeChecks();
     std::optional<NoDescriptorsLeft> noDescriptors;
     std::optional<NoThreadsLeft> noThreads;
     if (scenario == "no-descriptors") noDescriptors.emplace();
