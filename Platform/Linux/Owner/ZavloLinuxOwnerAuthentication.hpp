@@ -44,9 +44,9 @@ class ZavloLinuxOwnerAuthentication {
   /// Which secret a prompt collects for the key store: what the proof's secret() holds.
   /// ZavloLinuxPlatform sets it from its key store settings.
   enum class Secret {
-    /// The owner's login password, which PAM verifies: the proof is verified(). When PAM
-    /// accepts the owner without a password (a fingerprint), the conversation is asked
-    /// for the password afterwards, unverified.
+    /// The owner's login password, which PAM verifies: the first answer PAM asked for with
+    /// echo off, and the proof is verified(). When PAM accepts the owner without asking so
+    /// (a fingerprint), the conversation is asked for the password afterwards, unverified.
     loginPassword,
     /// The PIN of the PKCS#11 token that keeps the keys: the token checks it, PAM is not
     /// asked. The proof is not verified().
