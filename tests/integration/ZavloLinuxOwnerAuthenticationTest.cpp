@@ -471,6 +471,12 @@ TEST_F(ZavloLinuxOwnerAuthenticationPam, APromptRepliesOnceOffTheCallingThreadWi
       EXPECT_EQ(report["error"]["domain"], domain) << what << ": " << report;
       EXPECT_EQ(report["error"]["code"], code) << what << ": " << report;
     }
+    if (code == 19) {
+      EXPECT_EQ(report["error"]["description"], "This probe has no terminal to ask on.") << report;
+    }
+    if (!asked.empty()) {
+      EXPECT_EQ(report["reason"], "Sign in to the probe") << what << ": " << report;
+    }
     EXPECT_EQ(report["proof"], expectedProof) << what << ": " << report;
     EXPECT_EQ(report["proofTakenTwice"], false) << what << ": " << report;
     std::vector<std::string> purposes;
