@@ -18,8 +18,20 @@
 
 namespace {
 
-ZavloLinuxOwnerAuthenticationService makeOwnerAuthentication(ZavloLinuxOwnerAuthentication::Options options) {
+// The secret the key store needs, told by its settings alone: the core does not call into
+// the key target to ask.
+ZavloLinuxOwnerAuthentication::Secret secretFor(const std::optional<std::string>& keyToken) {
+  using Secret = ZavloLinuxOwnerAuthentication::Secret;
+  if (!keyToken) return Secret::loginPassword;
+  const bool carriesPin =
+      keyToken->find("pin-source=") != std::string::npos || keyToken->find("pin-value=") != std::string::npos;
+  return carriesPin ? Secret::none : Secret::tokenPin;
+}
+
+ZavloLinuxOwnerAuthenticationService makeOwnerAuthentication(ZavloLinuxOwnerAuthentication::Options options,
+                                                             const std::optional<std::string>& keyToken) {
   if (&zavloLinuxOwnerAuthenticationFactory == nullptr) return {};
+  options.secret = secretFor(keyToken);
   return zavloLinuxOwnerAuthenticationFactory(std::move(options));
 }
 
@@ -35,7 +47,7 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
                         .file = std::move(options.keyFile),
                         .keyToken = std::move(options.keyToken),
                         .tpm = std::move(options.tpm)},
-      ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication))),
+      ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication), keyStoreSettings_.keyToken)),
       connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_)
                               : ZavloLinuxConnectionService(classifier_, runLoop_)) {}
 

@@ -45,7 +45,10 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// TPM, device:/dev/tpmrm0). Absent: the system's TPM when it answers, else keys sealed
     /// under the owner's secret in the key file.
     std::optional<std::string> tpm = {};
-    /// How the device owner is authenticated: PAM by default.
+    /// How the device owner is authenticated: PAM by default. Its secret is set here from
+    /// keyToken, whatever the host gave: the login password without a token, the token's
+    /// PIN for a token whose URI has none, no secret when the URI carries its PIN
+    /// (pin-source= or pin-value=).
     ZavloLinuxOwnerAuthentication::Options ownerAuthentication = {};
     /// The main queue: every completion, connection event, timer and prompt reply of the
     /// library is delivered there. Absent: runLoop(), which the host then runs, and which

@@ -2,7 +2,9 @@
 // with OpenSSL against the published public key.
 #ifdef ZAVLO_AUTH_BINARY
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -156,26 +158,76 @@ TEST_F(ZavloCliBinding, WithoutAKeyStoreOptionKeysGoToThePrivateDataFolderOfTheU
 }
 
 // PAM decides by default, through the service "zavlo-auth" (pam_wrapper points PAM at a
-// service folder of the test's own).
+// service folder of the test's own, nss_wrapper gives the owner's shadow entry). A stack
+// that accepts without a password leaves the key's password to be typed on the terminal:
+// util-linux's script gives the binary one and types it.
 TEST_F(ZavloCliBinding, ByDefaultThePamServiceNamedAfterTheHostDecides) {
   if (std::string(ZAVLO_PAM_WRAPPER).empty()) GTEST_SKIP() << "pam_wrapper (Debian libpam-wrapper) is not installed";
+  if (std::string(ZAVLO_NSS_WRAPPER).empty()) GTEST_SKIP() << "nss_wrapper (Debian libnss-wrapper) is not installed";
+  if (access("/usr/bin/script", X_OK) != 0) GTEST_SKIP() << "script (Debian bsdutils) is not installed";
   ZavloTemporaryDirectory services;
-  const auto enrolWithStack = [&](const std::string& module) {
+  const passwd* owner = getpwuid(geteuid());
+  ASSERT_NE(owner, nullptr);
+  std::ofstream(services.path() / "passwd")
+      << owner->pw_name << ":x:" << geteuid() << ":" << getegid() << "::/:/bin/sh\n";
+  std::ofstream(services.path() / "group") << "owners:x:" << getegid() << ":\n";
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  const std::vector<std::string> environment{
+      std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER + ":" + ZAVLO_NSS_WRAPPER,
+      "PAM_WRAPPER=1",
+      "PAM_WRAPPER_SERVICE_DIR=" + services.path().string(),
+      "PAM_WRAPPER_DISABLE_DEEPBIND=1",
+      "UID_WRAPPER_DISABLE_DEEPBIND=1",
+      "NSS_WRAPPER_DISABLE_DEEPBIND=1",
+      "NSS_WRAPPER_PASSWD=" + (services.path() / "passwd").string(),
+      "NSS_WRAPPER_GROUP=" + (services.path() / "group").string(),
+      "NSS_WRAPPER_SHADOW=" + (services.path() / "shadow").string(),
+      std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
+  struct Case {
+    const char* module;
+    const char* password;  // the owner's shadow entry
+    std::vector<std::string> command;
+    const char* typed;  // on the terminal; null: no terminal
+    int exitStatus;
+    nlohmann::json answer;  // what the output's JSON line holds, in part
+  };
+  const std::vector<Case> cases{
+      {"pam_permit.so", "$6$zavlo$usable", {"binding", "enroll"}, "key words", 0, {{"status", "SUCCESS"}}},
+      {"pam_deny.so",
+       "$6$zavlo$usable",
+       {"binding", "enroll"},
+       nullptr,
+       1,
+       {{"errorCode", "DEVICE_BINDING_AUTH_FAILED"}}},
+      {"pam_permit.so", "!", {"binding", "enroll"}, nullptr, 1, {{"errorCode", "DEVICE_NOT_SECURE"}}},
+      {"pam_permit.so", "", {"binding", "state", "k"}, nullptr, 0, {{"state", "NO_SCREEN_LOCK"}}},
+  };
+  for (const auto& [module, password, command, typed, exitStatus, answer] : cases) {
     std::ofstream(services.path() / "zavlo-auth")
         << "auth required " << module << "\naccount required " << module << "\n";
-    const char* asan = std::getenv("ASAN_OPTIONS");
-    return run({"binding", "enroll"}, "",
-               {std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER, "PAM_WRAPPER=1",
-                "PAM_WRAPPER_SERVICE_DIR=" + services.path().string(), "PAM_WRAPPER_DISABLE_DEEPBIND=1",
-                "UID_WRAPPER_DISABLE_DEEPBIND=1",
-                std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"});
-  };
-  const auto permitted = enrolWithStack("pam_permit.so");
-  ASSERT_EQ(permitted.exitStatus, 0) << permitted.standardOutput << permitted.standardError;
-  EXPECT_EQ(permitted.standardError.find("--owner-auth"), std::string::npos) << "the owner really was asked";
-  const auto denied = enrolWithStack("pam_deny.so");
-  EXPECT_EQ(denied.exitStatus, 1);
-  EXPECT_EQ(onlyLine(denied).value("errorCode", ""), "DEVICE_BINDING_AUTH_FAILED") << denied.standardError;
+    std::ofstream(services.path() / "shadow") << owner->pw_name << ":" << password << ":19000:0:99999:7:::\n";
+    ZavloProcessResult result;
+    if (typed == nullptr) {
+      result = run(command, "", environment);
+    } else {
+      std::string line = std::string(ZAVLO_AUTH_BINARY) + " --keystore '" + keystore_ + "'";
+      for (const auto& argument : command) line += " " + argument;
+      auto arguments = environment;
+      arguments.insert(arguments.begin(), "/usr/bin/env");
+      arguments.insert(arguments.end(), {"/usr/bin/script", "--quiet", "--return", "--command", line, "/dev/null"});
+      result = zavloRunProcess(arguments, std::string(typed) + "\n");
+    }
+    const auto output = result.standardOutput + result.standardError;
+    EXPECT_EQ(result.exitStatus, exitStatus) << module << " " << password << ": " << output;
+    EXPECT_EQ(output.find("--owner-auth"), std::string::npos) << "the owner really was asked: " << output;
+    const auto json = output.find('{');
+    ASSERT_NE(json, std::string::npos) << output;
+    const auto reported = nlohmann::json::parse(output.substr(json, output.find('\n', json) - json), nullptr, false);
+    for (const auto& [key, value] : answer.items()) EXPECT_EQ(reported.value(key, nlohmann::json()), value) << output;
+    if (typed != nullptr) {
+      EXPECT_NE(output.find("(the key needs it)"), std::string::npos) << output;
+    }
+  }
 }
 
 TEST_F(ZavloCliBinding, AnUnusableKeyStoreFailsClearlyAndLeavesOtherKeysAlone) {

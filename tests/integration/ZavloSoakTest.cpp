@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -63,11 +64,14 @@ std::size_t scaled(std::size_t count) {
              : count;
 }
 
-ZavloLinuxPlatform::Options loopbackCellular(const std::string& keyFilePath) {
+// Prompts are allowed, with a secret file for the sealed keys.
+ZavloLinuxPlatform::Options loopbackCellular(const std::filesystem::path& folder) {
   ZavloLinuxPlatform::Options options;
   options.cellularInterfaces = {"lo"};
-  options.keyFilePath = keyFilePath;
+  options.keyFilePath = (folder / "keychain.db").string();
   options.ownerAuthentication.mode = ZavloLinuxOwnerAuthentication::Mode::allow;
+  std::ofstream(folder / "owner-secret") << "soak secret\n";
+  options.ownerAuthentication.secretFile = (folder / "owner-secret").string();
   return options;
 }
 
@@ -79,7 +83,7 @@ std::size_t residentAfterTrim() {
 
 class ZavloSoakTest : public ::testing::Test {
  protected:
-  ZavloSoakTest() : platform(loopbackCellular((folder.path() / "keychain.db").string())) {}
+  ZavloSoakTest() : platform(loopbackCellular(folder.path())) {}
 
   bool runUntil(const std::function<bool()>& done, std::chrono::nanoseconds bound) {
     return platform.runLoop().runUntil(done, std::chrono::duration_cast<ZavloQueue::Duration>(bound));

@@ -2,11 +2,14 @@
 
     python3 zavlo-fprintd-standin.py BUS_ADDRESS STATE_FILE
 
-Answers the two calls the library makes, GetDefaultDevice and ListEnrolledFingers, with
-the daemon's own error names. STATE_FILE is JSON, read again on every call so that a test
-changes the enrolled fingers between calls by rewriting it:
+Answers the calls the library makes, GetDefaultDevice, ListEnrolledFingers and the
+device's properties, with the daemon's own error names. STATE_FILE is JSON, read again on
+every call so that a test changes the enrolled fingers between calls by rewriting it:
 
-    {"device": true, "fingers": {"USER": ["right-index-finger", ...]}}
+    {"device": true, "name": "...", "scan-type": "press",
+     "fingers": {"USER": ["right-index-finger", ...]}}
+
+The stored prints are plain files the test writes itself.
 
 Prints "ready" once it owns the daemon's name.
 """
@@ -49,6 +52,9 @@ class Manager(dbus.service.Object):
         return dbus.ObjectPath(DEVICE_PATH)
 
 
+DEVICE_INTERFACE = "net.reactivated.Fprint.Device"
+
+
 class Device(dbus.service.Object):
     def __init__(self, bus, state_path):
         super().__init__(bus, DEVICE_PATH)
@@ -60,6 +66,20 @@ class Device(dbus.service.Object):
         if not fingers:
             raise NoEnrolledPrints("Failed to discover prints")
         return dbus.Array(fingers, signature="s")
+
+    @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="s", out_signature="a{sv}")
+    def GetAll(self, interface):
+        state = read_state(self.state_path)
+        if interface != DEVICE_INTERFACE:
+            return dbus.Dictionary({}, signature="sv")
+        return dbus.Dictionary(
+            {
+                "name": dbus.String(state.get("name", "Stand-in reader")),
+                "scan-type": dbus.String(state.get("scan-type", "press")),
+                "num-enroll-stages": dbus.Int32(5),
+            },
+            signature="sv",
+        )
 
 
 def main():

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 
@@ -19,17 +20,37 @@ constexpr char kEndOfFile = 0x04;  // Ctrl-D
 constexpr char kBackspace = 0x08;
 constexpr char kKill = 0x15;  // Ctrl-U
 constexpr char kDelete = 0x7f;
+constexpr std::size_t kLongestAnswer = 512;  // PAM_MAX_RESP_SIZE: PAM takes no more
 
 std::runtime_error terminalError(const std::string& what) {
   return std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-void wipe(std::string& secret) {
-  explicit_bzero(secret.data(), secret.size());
-  secret.clear();
-}
+bool isContinuationByte(std::uint8_t byte) { return (byte & 0xC0) == 0x80; }
 
-bool isContinuationByte(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
+// A line being typed, in locked memory from the first key on.
+class Line {
+ public:
+  Line() : bytes_(kLongestAnswer) {}
+  void push(std::uint8_t byte) {
+    if (size_ < bytes_.size()) bytes_.data()[size_++] = byte;
+  }
+  [[nodiscard]] bool empty() const { return size_ == 0; }
+  // One character, all of its UTF-8 bytes.
+  void eraseLast() {
+    while (size_ > 1 && isContinuationByte(bytes_.data()[size_ - 1])) bytes_.data()[--size_] = 0;
+    if (size_ > 0) bytes_.data()[--size_] = 0;
+  }
+  ZavloLinuxSecret take() {
+    bytes_.shrink(size_);
+    size_ = 0;
+    return std::move(bytes_);
+  }
+
+ private:
+  ZavloLinuxSecret bytes_;
+  std::size_t size_ = 0;
+};
 
 // The terminal, opened for one round. Its settings as found are put back by the
 // destructor, so no path (an answer, a cancel, an exception) leaves echo off.
@@ -63,7 +84,7 @@ class Terminal {
 
   /// Shows prompt and reads one line byte by byte, echoing it only when echo is true.
   /// std::nullopt when the owner cancels, the terminal hangs up or cancelFd fires.
-  std::optional<std::string> readLine(const std::string& prompt, bool echo, int cancelFd) {
+  std::optional<ZavloLinuxSecret> readLine(const std::string& prompt, bool echo, int cancelFd) {
     // Byte by byte with signals off: Ctrl-C then cancels this prompt instead of ending the
     // process with the terminal left silent.
     termios raw = saved_;
@@ -72,21 +93,15 @@ class Terminal {
     raw.c_cc[VTIME] = 0;
     set(raw);
     write(prompt);
-    std::string line;
-    try {
-      auto answer = readRaw(line, echo, cancelFd);
-      restore();
-      return answer;
-    } catch (...) {
-      wipe(line);
-      throw;
-    }
+    Line line;  // wipes itself on every path
+    auto answer = readRaw(line, echo, cancelFd);
+    restore();
+    return answer;
   }
 
  private:
-  std::optional<std::string> readRaw(std::string& line, bool echo, int cancelFd) {
-    const auto cancel = [&]() -> std::optional<std::string> {
-      wipe(line);
+  std::optional<ZavloLinuxSecret> readRaw(Line& line, bool echo, int cancelFd) {
+    const auto cancel = [&]() -> std::optional<ZavloLinuxSecret> {
       write("\n");
       return std::nullopt;
     };
@@ -105,12 +120,9 @@ class Terminal {
       if (n == 0) return cancel();
       switch (byte) {
         case '\r':
-        case '\n': {
+        case '\n':
           write("\n");  // the line feed was not echoed
-          auto answer = std::move(line);
-          line.clear();
-          return answer;
-        }
+          return line.take();
         case kInterrupt:
           return cancel();
         case kEndOfFile:
@@ -125,17 +137,15 @@ class Terminal {
           break;
         default:
           if (static_cast<unsigned char>(byte) < 0x20) break;  // other control keys mean nothing here
-          line.push_back(byte);
+          line.push(static_cast<std::uint8_t>(byte));
           if (echo) write(std::string(1, byte));
       }
     }
   }
 
-  void eraseLast(std::string& line, bool echo) {
+  void eraseLast(Line& line, bool echo) {
     if (line.empty()) return;
-    // One character, all of its UTF-8 bytes.
-    while (line.size() > 1 && isContinuationByte(line.back())) line.pop_back();
-    line.pop_back();
+    line.eraseLast();
     if (echo) write("\b \b");
   }
 
@@ -158,31 +168,23 @@ class Terminal {
 }  // namespace
 
 ZavloLinuxOwnerAuthentication::Conversation ZavloLinuxOwnerAuthentication::terminalConversation(std::string device) {
-  return [device = std::move(device)](const Round& round) -> std::optional<std::vector<std::string>> {
+  return [device = std::move(device)](const Round& round) -> std::optional<Answers> {
     Terminal terminal(device);
-    std::vector<std::string> answers;
-    try {
-      bool reasonShown = false;
-      for (const auto& message : round.messages) {
-        if (message.style == Style::errorMessage || message.style == Style::textInfo) {
-          terminal.write(message.text + "\n");
-          answers.emplace_back();
-          continue;
-        }
-        if (!reasonShown && !round.reason.empty()) {
-          terminal.write(round.reason + "\n");
-          reasonShown = true;
-        }
-        auto answer = terminal.readLine(message.text, message.style == Style::promptEchoOn, round.cancelFd);
-        if (!answer) {
-          for (auto& secret : answers) wipe(secret);
-          return std::nullopt;
-        }
-        answers.push_back(std::move(*answer));
+    Answers answers;  // each answer wipes itself on every path
+    bool reasonShown = false;
+    for (const auto& message : round.messages) {
+      if (message.style == Style::errorMessage || message.style == Style::textInfo) {
+        terminal.write(message.text + "\n");
+        answers.emplace_back();
+        continue;
       }
-    } catch (...) {
-      for (auto& secret : answers) wipe(secret);
-      throw;
+      if (!reasonShown && !round.reason.empty()) {
+        terminal.write(round.reason + "\n");
+        reasonShown = true;
+      }
+      auto answer = terminal.readLine(message.text, message.style == Style::promptEchoOn, round.cancelFd);
+      if (!answer) return std::nullopt;
+      answers.push_back(std::move(*answer));
     }
     return answers;
   };
