@@ -1,6 +1,6 @@
 // zavlo-fuzz-bridge: the web bridge's message dispatch with arbitrary message bodies, on a
 // complete object graph of the test platform (recording web view, scripted owner
-// authentication that succeeds, in-memory keychain and keys, virtual time).
+// authentication that succeeds, an in-memory key store, virtual time).
 //
 // Input: one line per page message, each JSON text (any value; text that is not JSON or
 // nests deeper than the page limit is dropped, as the Linux web views drop it). A line

@@ -46,7 +46,8 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
                         .defaultPath = !options.keyFilePath,
                         .file = std::move(options.keyFile),
                         .keyToken = std::move(options.keyToken),
-                        .tpm = std::move(options.tpm)},
+                        .tpm = std::move(options.tpm),
+                        .sealingCost = options.sealingCost},
       ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication), keyStoreSettings_.keyToken)),
       connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_)
                               : ZavloLinuxConnectionService(classifier_, runLoop_)) {}

@@ -45,6 +45,10 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// TPM, device:/dev/tpmrm0). Absent: the system's TPM when it answers, else keys sealed
     /// under the owner's secret in the key file.
     std::optional<std::string> tpm = {};
+    /// scrypt's cost for keys sealed under the owner's secret (the default takes some
+    /// 32 MiB and tens of milliseconds per signature, which is what slows a guess down).
+    /// Lower it only where signatures must be cheap and secrets are strong, as in load tests.
+    ZavloLinuxSealedProtection::Cost sealingCost = {};
     /// How the device owner is authenticated: PAM by default. Its secret is set here from
     /// keyToken, whatever the host gave: the login password without a token, the token's
     /// PIN for a token whose URI has none, no secret when the URI carries its PIN

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/Linux/Keys/ZavloLinuxKeyFile.hpp"
+#include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
 #include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
 #include "Platform/ZavloKeyStore.hpp"
 #include "Platform/ZavloOwnerAuthentication.hpp"
@@ -27,6 +28,8 @@ struct ZavloLinuxKeyStoreSettings {
   /// A tpm2-tss TCTI string for the TPM that makes new keys ("" for the system's TPM).
   /// Absent: the system's TPM where one answers, else sealed software keys.
   std::optional<std::string> tpm = {};
+  /// scrypt's cost for keys sealed in software.
+  ZavloLinuxSealedProtection::Cost sealingCost = {};
 };
 
 /// The key store the settings made, and what it is, for traces and `binding state -v`.

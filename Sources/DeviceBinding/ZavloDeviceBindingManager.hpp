@@ -39,7 +39,7 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
   using StateCompletion = std::function<void(ZavloResult<ZavloDeviceBindingStateResponse>)>;
   using EnrollCompletion = std::function<void(ZavloResult<ZavloDeviceBindingEnrollResponse>)>;
   using SignCompletion = std::function<void(ZavloResult<ZavloDeviceBindingSignResponse>)>;
-  /// Receives the diagnostic texts of failed keychain and key operations (never shown to
+  /// Receives the diagnostic texts of failed key store operations (never shown to
   /// a caller).
   using DiagnosticLog = std::function<void(const std::string&)>;
 

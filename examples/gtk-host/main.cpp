@@ -39,6 +39,7 @@ struct Options {
   std::optional<std::string> operatorUrl;
   std::optional<std::string> keystore;
   std::string ownerAuth = "pam";
+  std::optional<std::string> ownerSecretFile;
   std::string environment = "production";
   std::optional<std::string> telemetryEndpoint;
 };
@@ -154,6 +155,9 @@ int main(int argc, char** argv) {
                  "How the device owner is authenticated: pam (on the terminal), "
                  "allow or deny (at once, asking nobody)")
       ->check(CLI::IsMember({"pam", "allow", "deny"}));
+  app.add_option("--owner-secret-file", options.ownerSecretFile,
+                 "What the owner would type at a prompt, read from this file (allow: the key store checks it)")
+      ->check(CLI::ExistingFile);
   app.add_option("--environment", options.environment, "development or production")
       ->check(CLI::IsMember({"development", "production"}));
   app.add_option("--telemetry-endpoint", options.telemetryEndpoint,
@@ -201,6 +205,7 @@ int main(int argc, char** argv) {
     std::cerr << "zavlo-gtk-host: key store: " << line << '\n';
   };
   platformOptions.ownerAuthentication.mode = ownerMode(options.ownerAuth);
+  platformOptions.ownerAuthentication.secretFile = options.ownerSecretFile;
   platformOptions.mainQueue = std::make_shared<ZavloGLibMainQueue>();
   ZavloPlatform::install(std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions)));
 

@@ -1,5 +1,5 @@
-// zavlo-auth binding as a black box: a real key store file, real keys, the signature checked
-// with OpenSSL against the published public key.
+// zavlo-auth binding as a black box: a real key file, keys sealed under the owner's secret,
+// the signature checked with OpenSSL against the published public key.
 #ifdef ZAVLO_AUTH_BINARY
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "Core/ZavloBase64.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
@@ -25,10 +26,17 @@ namespace fs = std::filesystem;
 
 class ZavloCliBinding : public ::testing::Test {
  protected:
-  void SetUp() override { keystore_ = (folder_.path() / "keychain.db").string(); }
+  void SetUp() override {
+    keystore_ = (folder_.path() / "keychain.db").string();
+    secretFile_ = (folder_.path() / "owner-secret").string();
+    std::ofstream(secretFile_) << kSecret << '\n';
+  }
 
+  // Under allow, the owner's secret comes from secretFile_ unless arguments name another.
   ZavloProcessResult run(std::vector<std::string> arguments, const std::string& ownerAuth = "allow",
                          const std::vector<std::string>& environment = {}) const {
+    const bool secretGiven = std::find(arguments.begin(), arguments.end(), "--owner-secret-file") != arguments.end();
+    if (ownerAuth == "allow" && !secretGiven) arguments.insert(arguments.begin(), {"--owner-secret-file", secretFile_});
     if (!ownerAuth.empty()) arguments.insert(arguments.begin(), {"--owner-auth", ownerAuth});
     arguments.insert(arguments.begin(), {"--keystore", keystore_});
     arguments.insert(arguments.begin(), ZAVLO_AUTH_BINARY);
@@ -44,8 +52,10 @@ class ZavloCliBinding : public ::testing::Test {
     return nlohmann::json::parse(run.standardOutput, nullptr, false);
   }
 
+  static constexpr const char* kSecret = "correct horse battery staple";
   ZavloTemporaryDirectory folder_;
   std::string keystore_;
+  std::string secretFile_;
 };
 
 ZavloBytes decoded(const std::string& base64) { return ZavloBase64::decode(base64).value_or(ZavloBytes{}); }
@@ -89,7 +99,7 @@ TEST_F(ZavloCliBinding, EnrolThenSignVerifiesAgainstThePublishedKeyAndTheKeySurv
   EXPECT_EQ(onlyLine(state), (nlohmann::json{{"status", "SUCCESS"}, {"state", "ENROLLED"}, {"keyId", keyId}}));
 }
 
-TEST_F(ZavloCliBinding, PrivateKeyBytesAppearInNoOutputAndNoEvent) {
+TEST_F(ZavloCliBinding, NoPrivateKeyIsInTheStoreAndTheSecretInNoOutputNoEventAndNoFile) {
   ZavloHttpTestServer collector;
   const std::vector<std::string> verbose{"-v", "--environment", "development", "--telemetry-endpoint",
                                          collector.url("/events")};
@@ -102,17 +112,57 @@ TEST_F(ZavloCliBinding, PrivateKeyBytesAppearInNoOutputAndNoEvent) {
   arguments.insert(arguments.end(), {"binding", "sign", "--config", signConfig("[\"" + keyId + "\"]", "c").dump()});
   const auto signedRun = run(arguments);
   ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardError;
-  EXPECT_NE(signedRun.standardError.find("keychain"), std::string::npos) << "-v traces keychain operations";
+  EXPECT_NE(signedRun.standardError.find("keystore: sign -> signed"), std::string::npos) << signedRun.standardError;
 
-  const auto secrets = zavloPrivateKeysInStore(keystore_);
-  ASSERT_EQ(secrets.size(), 1U) << "one private key in the store";
+  EXPECT_TRUE(zavloPrivateKeysInStore(keystore_).empty());
   std::string everything =
       enrolled.standardOutput + enrolled.standardError + signedRun.standardOutput + signedRun.standardError;
   for (const auto& request : collector.requests()) everything += request.body;
   ASSERT_FALSE(collector.requests().empty());
-  for (const auto& form : zavloEncodings(secrets.front())) {
-    EXPECT_EQ(everything.find(form), std::string::npos) << "the private key leaked as " << form;
+  std::ifstream store(keystore_, std::ios::binary);
+  everything += std::string(std::istreambuf_iterator<char>(store), {});
+  EXPECT_EQ(everything.find(kSecret), std::string::npos);
+}
+
+TEST_F(ZavloCliBinding, TheKeyIsSealedForTheOwnersSecretAndAnotherSecretSignsNothingAndDeletesNothing) {
+  const auto enrolled = run({"-v", "binding", "enroll"});
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardError;
+  const std::string keyId = onlyLine(enrolled).at("keyId");
+  const auto other = (folder_.path() / "other-secret").string();
+  std::ofstream(other) << "not the owner's\n";
+  const auto refused =
+      run({"--owner-secret-file", other, "binding", "sign", "--config", signConfig("[\"" + keyId + "\"]", "c").dump()});
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_EQ(onlyLine(refused), (nlohmann::json{{"status", "FAILURE"},
+                                               {"errorCode", "DEVICE_BINDING_AUTH_FAILED"},
+                                               {"errorMessage", "Device authentication failed."}}));
+  const auto state = run({"-v", "binding", "state", keyId});
+  EXPECT_EQ(onlyLine(state).at("state"), "ENROLLED") << "a wrong secret deletes nothing";
+  EXPECT_NE(state.standardError.find("key: sealed, in software, not hardware-backed"), std::string::npos)
+      << state.standardError;
+  EXPECT_NE(state.standardError.find("key store: keys sealed under the owner's secret"), std::string::npos);
+
+  // allow without a secret could unlock nothing: a usage error, said in a sentence.
+  for (const auto& command : std::vector<std::vector<std::string>>{
+           {"binding", "enroll"}, {"binding", "sign", "--config", R"({"challenge":"c"})"}, {"bridge", "--stdio"}}) {
+    auto arguments = std::vector<std::string>{ZAVLO_AUTH_BINARY, "--keystore", keystore_, "--owner-auth", "allow"};
+    arguments.insert(arguments.end(), command.begin(), command.end());
+    const auto refusedUsage = zavloRunProcess(arguments);
+    EXPECT_EQ(refusedUsage.exitStatus, 2) << command[0];
+    EXPECT_NE(refusedUsage.standardError.find("--owner-secret-file"), std::string::npos) << refusedUsage.standardError;
+    EXPECT_TRUE(refusedUsage.standardOutput.empty());
   }
+}
+
+// Out of file descriptors, enrolment still answers once, through its completion.
+TEST_F(ZavloCliBinding, WithFewFileDescriptorsLeftEnrolmentAnswersThroughItsCompletion) {
+  const auto starved =
+      zavloRunProcess({"/bin/sh", "-c", "ulimit -n 6; exec \"$0\" \"$@\"", ZAVLO_AUTH_BINARY, "--keystore", keystore_,
+                       "--owner-auth", "allow", "--owner-secret-file", secretFile_, "binding", "enroll"});
+  EXPECT_TRUE(starved.exitStatus == 0 || starved.exitStatus == 1) << starved.exitStatus << starved.standardError;
+  EXPECT_EQ(starved.standardError.find("terminate called"), std::string::npos) << starved.standardError;
+  const auto answer = onlyLine(starved);
+  EXPECT_TRUE(answer.contains("status")) << starved.standardOutput;
 }
 
 TEST_F(ZavloCliBinding, DenyAnswersAsAFailedAuthenticationAndBadInputGetsClearAnswers) {
@@ -138,7 +188,7 @@ TEST_F(ZavloCliBinding, WithoutAKeyStoreOptionKeysGoToThePrivateDataFolderOfTheU
   fs::create_directories(home);
   const auto enrolWith = [&](const std::string& dataHome) {
     return zavloRunProcess({"/usr/bin/env", "HOME=" + home.string(), "XDG_DATA_HOME=" + dataHome, ZAVLO_AUTH_BINARY,
-                            "--owner-auth", "allow", "binding", "enroll"});
+                            "--owner-auth", "allow", "--owner-secret-file", secretFile_, "binding", "enroll"});
   };
   const auto mode = [](const fs::path& path) {
     struct stat info {};

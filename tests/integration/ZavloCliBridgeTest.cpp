@@ -2,6 +2,8 @@
 // lines and reading the callback texts the bridge evaluates.
 #ifdef ZAVLO_AUTH_BINARY
 #include <gtest/gtest.h>
+
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include <sstream>
@@ -53,6 +55,7 @@ json message(const std::string& method, const std::string& callback, json argume
 class ZavloCliBridge : public ::testing::Test {
  protected:
   std::vector<std::string> command() const {
+    std::ofstream(folder.path() / "owner-secret") << "page owner's secret\n";
     return {ZAVLO_AUTH_BINARY,
             "--cellular-interface",
             "lo",
@@ -60,6 +63,8 @@ class ZavloCliBridge : public ::testing::Test {
             collector.url("/events"),
             "--owner-auth",
             "allow",
+            "--owner-secret-file",
+            (folder.path() / "owner-secret").string(),
             "--keystore",
             (folder.path() / "keys.db").string(),
             "bridge",

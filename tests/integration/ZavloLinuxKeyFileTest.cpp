@@ -1,7 +1,8 @@
 // The key file and its sealed keys on real files and processes: the modes of the file and
 // its folder, damaged and unreachable files, two processes writing at once, nothing in the
-// file that signs or gives a key away, a copy elsewhere that never signs, and a store of
-// the first format that keeps working and loses its plain keys at the first prompt.
+// file that signs or gives a key away, a copy elsewhere that never signs, a store of the
+// first format that keeps working and loses its plain keys at the first prompt, and key ids
+// that a forked child does not repeat.
 #include <gtest/gtest.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
@@ -26,8 +27,11 @@
 #include <nlohmann/json.hpp>
 
 #include "Core/ZavloBase64.hpp"
+#include "DeviceBinding/ZavloDeviceBindingManager.hpp"
+#include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxFileKeyStore.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
+#include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/ZavloTestKeyStore.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
@@ -387,6 +391,35 @@ TEST(ZavloLinuxKeyFileTest, AStoreOfTheFirstFormatStillSignsAndIsSealedAtTheFirs
   EXPECT_TRUE(store.signsAndVerifies(tag, point)) << "sealed, it signs for the same secret";
   EXPECT_EQ(store.failureOf(store.sign(tag, "another secret")), Failure::ownerRefused);
   EXPECT_EQ(store.failureOf(store.sign(tag, "")), Failure::noOwnerSecret);
+}
+
+// Key ids come from a generator that a forked child does not share with its parent.
+TEST(ZavloLinuxBindingKeyIds, TwoProcessesForkedFromOneEnrolDifferentKeyIds) {
+  ZavloTemporaryDirectory base;
+  std::ofstream(base.path() / "secret") << kSecret << '\n';
+  ZavloLinuxPlatform::Options options;
+  options.keyFilePath = (base.path() / "keychain.db").string();
+  options.ownerAuthentication.mode = ZavloLinuxOwnerAuthentication::Mode::allow;
+  options.ownerAuthentication.secretFile = (base.path() / "secret").string();
+  ZavloLinuxPlatform platform(std::move(options));
+  ZavloAuthenticationGraph graph(platform);
+  const auto enrol = [&]() -> std::string {
+    std::optional<std::string> keyId;
+    graph.deviceBindingManager->enroll(std::nullopt, "T", "S", std::nullopt, std::nullopt, [&](auto result) {
+      keyId = result ? result.value().keyId : "failed: " + result.error().errorMessage();
+    });
+    platform.runLoop().runUntil([&] { return keyId.has_value(); }, std::chrono::seconds(20));
+    platform.ownerAuthentication()->waitForEvaluations();
+    return keyId.value_or("no answer");
+  };
+  const auto before = enrol();  // the generator has run in the parent before the fork
+  ASSERT_EQ(before.size(), 36U) << before;
+  const auto child = inChild(enrol);
+  const auto parent = enrol();
+  ASSERT_EQ(child.size(), 36U) << child;
+  ASSERT_EQ(parent.size(), 36U) << parent;
+  EXPECT_NE(child, parent);
+  EXPECT_NE(child, before);
 }
 
 }  // namespace

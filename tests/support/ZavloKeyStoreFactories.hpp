@@ -77,6 +77,8 @@ class ZavloSoftHsmKeyStoreFactory {
  private:
   ZavloSoftHsm hsm_;
   ZavloLinuxTokenKeyStore store_;
+};
+
 /// Keys made inside a TPM of the test's own (swtpm), their blobs in a key file beside it.
 class ZavloTpmKeyStoreFactory {
  public:

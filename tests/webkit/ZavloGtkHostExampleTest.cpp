@@ -35,10 +35,12 @@ TEST(ZavloGtkHostExample, ASnapshotRunAnswersEveryMethodAndSavesAPng) {
   ZavloTemporaryDirectory keys;
   const auto picture = std::filesystem::path(ZAVLO_WEBKIT_TEST_OUTPUT) / "zavlo-gtk-host-snapshot.png";
   std::filesystem::remove(picture);
+  const auto secret = keys.path() / "owner-secret";
+  std::ofstream(secret) << "gtk host owner's secret\n";
 
-  const auto run =
-      zavloRunProcess({ZAVLO_GTK_HOST_BINARY, "--snapshot", picture.string(), "--timeout", "60", "--owner-auth",
-                       "allow", "--keystore", (keys.path() / "keychain.db").string(), "--environment", "development"});
+  const auto run = zavloRunProcess({ZAVLO_GTK_HOST_BINARY, "--snapshot", picture.string(), "--timeout", "60",
+                                    "--owner-auth", "allow", "--owner-secret-file", secret.string(), "--keystore",
+                                    (keys.path() / "keychain.db").string(), "--environment", "development"});
   EXPECT_EQ(run.exitStatus, 0) << run.standardOutput << run.standardError;
   EXPECT_NE(run.standardOutput.find("\nevery method answered\n"), std::string::npos) << run.standardOutput;
   EXPECT_EQ(answerOf(run.standardOutput, "startAuth"),

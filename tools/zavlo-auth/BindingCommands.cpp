@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "Core/ZavloAuthValidationUtils.hpp"
+#include "DeviceBinding/ZavloDeviceBindingManager.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "ZavloCli.hpp"
 
@@ -30,6 +32,24 @@ void runBinding(ZavloCliContext& context, const char* name, Operation operation,
   context.printCompletion(zavloCliDictionary(*result));
 }
 
+// With -v: where new keys go, and where this key lives (a TPM or a token is hardware).
+void traceKeyLocation(ZavloCliContext& context, const std::string& keyId) {
+  if (!context.options.verbose) return;
+  auto& platform = zavloCliPlatform(context.options);
+  context.trace("key store: " + platform.keyStoreDescription());
+  const auto tag = std::string(ZavloDeviceBindingManager::kKeyTagPrefix) +
+                   std::string(ZavloAuthValidationUtils::trimWhitespaceAndNewlines(keyId));
+  const auto found = platform.keyStore().findKey(zavloBytes(tag));
+  if (!found) {
+    context.trace("key: the key store cannot say (" + found.error().description + ")");
+  } else if (!found.value()) {
+    context.trace("key: none under this id");
+  } else {
+    context.trace("key: " + found.value()->store + ", " +
+                  (found.value()->hardwareBacked ? "in hardware" : "in software, not hardware-backed"));
+  }
+}
+
 struct BindingOptions {
   std::string keyId;
   std::string enrollConfig = "{}";
@@ -48,11 +68,13 @@ void addBindingCommands(CLI::App& app, ZavloCliContext& context) {
   state->callback([options, &context] {
     runBinding(context, "getDeviceBindingState", &ZavloAuthenticationNativeWrapper::getDeviceBindingState,
                {{"keyId", options->keyId}});
+    traceKeyLocation(context, options->keyId);
   });
 
   auto* enroll = binding->add_subcommand("enroll", "Create a key after the device owner authenticates");
   enroll->add_option("--config", options->enrollConfig, "The enrolment configuration, a JSON object");
   enroll->callback([options, &context] {
+    zavloCliRequireOwnerSecret(context.options);
     runBinding(context, "enrollDeviceBinding", &ZavloAuthenticationNativeWrapper::enrollDeviceBinding,
                zavloCliParseConfig(options->enrollConfig));
   });
@@ -60,6 +82,7 @@ void addBindingCommands(CLI::App& app, ZavloCliContext& context) {
   auto* sign = binding->add_subcommand("sign", "Sign a challenge with an enrolled key after the owner authenticates");
   sign->add_option("--config", options->signConfig, "The signing configuration, a JSON object")->required();
   sign->callback([options, &context] {
+    zavloCliRequireOwnerSecret(context.options);
     runBinding(context, "signDeviceBindingChallenge", &ZavloAuthenticationNativeWrapper::signDeviceBindingChallenge,
                zavloCliParseConfig(options->signConfig));
   });

@@ -90,5 +90,8 @@ void addBridgeCommand(CLI::App& app, ZavloCliContext& context) {
                  "Read one page message (a JSON value) per input line; write each JavaScript text the bridge "
                  "evaluates as one output line")
       ->required();
-  bridge->callback([stdio, &context] { runBridge(context); });  // holds the flag CLI11 writes
+  bridge->callback([stdio, &context] {
+    zavloCliRequireOwnerSecret(context.options);  // a page may enrol and sign
+    runBridge(context);
+  });  // holds the flag CLI11 writes
 }

@@ -25,16 +25,16 @@
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Core/ZavloAuthEnvironment.hpp"
-#include "Telemetry/ZavloAuthLogManager.hpp"
 #include "Core/ZavloBase64.hpp"
 #include "Graph/ZavloAuthenticationGraph.hpp"
 #include "Native/ZavloAuthenticationNativeWrapper.hpp"
 #include "Platform/Linux/Web/ZavloLinuxStreamWebView.hpp"
+#include "Telemetry/ZavloAuthLogManager.hpp"
+#include "ZavloCli.hpp"
+#include "ZavloDemoReport.hpp"
 #include "tools/peers/ZavloChainServer.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 #include "tools/peers/ZavloTemporaryDirectory.hpp"
-#include "ZavloCli.hpp"
-#include "ZavloDemoReport.hpp"
 
 using namespace std::chrono_literals;
 
@@ -44,6 +44,8 @@ namespace {
 // fault, so that the demo never hangs.
 constexpr auto kStepLimit = 20s;
 constexpr unsigned kChainHops = 4;  // three redirects, then the token
+// What the demo's owner types; the demo says so in its report.
+constexpr const char* kDemoSecret = "zavlo demo secret";
 constexpr auto kTelemetryLimit = 3000ms;
 constexpr auto kEnvironment = ZavloAuthEnvironment::production;
 
@@ -214,14 +216,18 @@ class Demo {
     ZavloHttpTestServer collector;
     ZavloTemporaryDirectory keyStore("zavlo-demo");  // removed at the end, with the keys
 
-    configure(keyStore.path() / "keychain.db", collector.url("/events"));
+    // The secret the owner would type, written for the demo: the keys are sealed under it.
+    const auto secretFile = keyStore.path() / "owner-secret";
+    std::ofstream(secretFile) << kDemoSecret << '\n';
+    configure(keyStore.path() / "keychain.db", secretFile, collector.url("/events"));
     report_.setting = {
         {"operator", operatorServer.baseUrl() + " in this process: " + std::to_string(kChainHops - 1) +
                          " redirects, one of them relative, then a fresh token"},
         {"collector", collector.url("/events") + " in this process"},
         {"cellular", "loopback (lo) stands in for the cellular interface in this demo"},
         {"key store", (keyStore.path() / "keychain.db").string() + ", temporary, removed at the end"},
-        {"owner", "authenticated by the demo itself: every prompt succeeds and no password is asked"},
+        {"owner", std::string("authenticated by the demo itself with the demo secret \"") + kDemoSecret +
+                      "\": every prompt succeeds at once, and the key store checks that secret"},
     };
     std::cout << "zavlo-auth demo: the whole product on this machine\n";
     for (const auto& [label, line] : report_.setting) std::cout << "  " << label << ": " << line << '\n';
@@ -241,7 +247,8 @@ class Demo {
   }
 
  private:
-  void configure(const std::filesystem::path& keychain, const std::string& collectorUrl) {
+  void configure(const std::filesystem::path& keychain, const std::filesystem::path& secretFile,
+                 const std::string& collectorUrl) {
     for (const auto& given : ignoredOptions_) {
       std::cerr << "zavlo-auth demo: " << given << " is not used; the demo brings its own\n";
     }
@@ -250,6 +257,7 @@ class Demo {
     options.keystore = keychain.string();
     options.keychain.reset();
     options.ownerAuth = "allow";
+    options.ownerSecretFile = secretFile.string();
     options.ownerNotice = "";  // the report's header says how the owner is authenticated
     options.telemetryEndpoint = collectorUrl;
     collectorUrl_ = collectorUrl;
@@ -504,8 +512,8 @@ void addDemoCommand(CLI::App& app, ZavloCliContext& context) {
   demo->add_option("--html", *html, "Also write the report as one self-contained HTML page to this file");
   demo->callback([html, &app, &context] {
     std::vector<std::string> ignored;
-    for (const char* name :
-         {"--keystore", "--keychain", "--telemetry-endpoint", "--cellular-interface", "--owner-auth"}) {
+    for (const char* name : {"--keystore", "--keychain", "--telemetry-endpoint", "--cellular-interface", "--owner-auth",
+                             "--owner-secret-file"}) {
       if (app.get_option(name)->count() > 0) ignored.emplace_back(name);
     }
     try {

@@ -39,9 +39,13 @@ ZavloLinuxOwnerAuthentication::Mode ownerMode(const std::string& name) {
   return ZavloLinuxOwnerAuthentication::Mode::pam;
 }
 
-std::string ownerNotice(const std::string& name) {
-  if (name == "allow") return "zavlo-auth: --owner-auth allow: every owner prompt succeeds without asking anyone";
-  if (name == "deny") return "zavlo-auth: --owner-auth deny: every owner prompt fails without asking anyone";
+std::string ownerNotice(const ZavloCliOptions& options) {
+  if (options.ownerAuth == "allow") {
+    return std::string("zavlo-auth: --owner-auth allow: every owner prompt succeeds without asking anyone") +
+           (options.ownerSecretFile ? "; the key store checks the secret in " + *options.ownerSecretFile : "");
+  }
+  if (options.ownerAuth == "deny")
+    return "zavlo-auth: --owner-auth deny: every owner prompt fails without asking anyone";
   return {};
 }
 
@@ -52,17 +56,40 @@ std::optional<std::string> zavloCliKeyToken(const ZavloCliOptions& options) {
   return std::nullopt;
 }
 
+std::optional<std::string> zavloCliTpm(const ZavloCliOptions& options) {
+  if (!options.keystore) return std::nullopt;
+  if (*options.keystore == "tpm") return std::string();
+  if (options.keystore->starts_with("tpm:")) return options.keystore->substr(4);
+  return std::nullopt;
+}
+
+void zavloCliRequireOwnerSecret(const ZavloCliOptions& options) {
+  if (options.ownerAuth != "allow" || options.ownerSecretFile) return;
+  // A token whose URI carries its PIN needs nothing from the owner.
+  const auto token = zavloCliKeyToken(options);
+  if (token && (token->find("pin-source=") != std::string::npos || token->find("pin-value=") != std::string::npos)) {
+    return;
+  }
+  throw CLI::ValidationError("--owner-auth",
+                             "allow answers every prompt without asking anyone, so it has no secret to unlock a "
+                             "binding key with, and every key store here derives a key's protection from the "
+                             "owner's secret: give --owner-secret-file PATH (what the owner would type), or use "
+                             "--owner-auth pam");
+}
+
 std::optional<std::string> zavloCliKeychainPath(const ZavloCliOptions& options) {
   if (const auto token = zavloCliKeyToken(options)) {
-    // Keys stay in the token; the other items go to the keychain file.
+    // Keys stay in the token; the domain-state records go to the key file.
     if (const auto problem = ZavloLinuxPkcs11Token::uriProblem(*token)) {
       throw CLI::ValidationError("--keystore", "the PKCS#11 URI cannot be used: " + *problem);
     }
     return options.keychain;
   }
+  // The TPM makes the keys; the key file keeps what it wraps.
+  if (zavloCliTpm(options)) return options.keychain;
   if (options.keystore && options.keychain && *options.keystore != *options.keychain) {
     throw CLI::ValidationError("--keychain",
-                               "keys are kept in the keychain file, so --keystore and --keychain must name the same "
+                               "keys are kept in the key file, so --keystore and --keychain must name the same "
                                "file when both are given");
   }
   if (options.keystore) return options.keystore;
@@ -76,13 +103,15 @@ ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
     platformOptions.cellularInterfaces = options.cellularInterfaces;
     platformOptions.keyFilePath = zavloCliKeychainPath(options);
     platformOptions.keyToken = zavloCliKeyToken(options);
+    platformOptions.tpm = zavloCliTpm(options);
     platformOptions.keyFile.trace = keyStoreFailure;
     platformOptions.ownerAuthentication.mode = ownerMode(options.ownerAuth);
+    platformOptions.ownerAuthentication.secretFile = options.ownerSecretFile;
     auto made = std::make_shared<ZavloLinuxPlatform>(std::move(platformOptions));
     ZavloCliTracingPlatform::Trace trace;
     if (options.verbose) trace = [](const std::string& line) { std::cerr << line << '\n' << std::flush; };
-    auto traced = std::make_shared<ZavloCliTracingPlatform>(
-        *made, std::move(trace), options.ownerNotice.value_or(ownerNotice(options.ownerAuth)));
+    auto traced = std::make_shared<ZavloCliTracingPlatform>(*made, std::move(trace),
+                                                            options.ownerNotice.value_or(ownerNotice(options)));
     if (!ZavloPlatform::install(traced)) {
       std::cerr << "zavlo-auth: the process-wide platform was in use before the options were applied\n";
     }

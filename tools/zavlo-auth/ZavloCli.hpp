@@ -22,6 +22,8 @@ struct ZavloCliOptions {
   std::optional<std::string> keystore;
   std::optional<std::string> keychain;
   std::string ownerAuth = "pam";
+  /// What the owner would type at a prompt, read from this file (unattended hosts, tests).
+  std::optional<std::string> ownerSecretFile;
   /// What standard error says before the first owner prompt; absent: what ownerAuth implies.
   /// Set by commands that choose the owner authentication themselves.
   std::optional<std::string> ownerNotice;
@@ -49,15 +51,21 @@ struct ZavloCliContext {
   std::shared_ptr<ZavloAuthLogManager> logManager_;
 };
 
-/// The keychain file the options name (--keystore or --keychain); absent for the default.
+/// The key file the options name (--keystore or --keychain); absent for the default.
 /// Throws CLI::ValidationError when the two name different files, or when --keystore
 /// names a PKCS#11 token with a URI that cannot be used.
 std::optional<std::string> zavloCliKeychainPath(const ZavloCliOptions& options);
 /// The PKCS#11 URI of the token --keystore names (it starts with "pkcs11:"); absent for a file.
 std::optional<std::string> zavloCliKeyToken(const ZavloCliOptions& options);
+/// The TCTI of the TPM --keystore names ("tpm": "", "tpm:TCTI": TCTI); absent otherwise.
+std::optional<std::string> zavloCliTpm(const ZavloCliOptions& options);
+/// For commands that may unlock a binding key: --owner-auth allow asks nobody, so without
+/// --owner-secret-file it has no secret for a store that needs one; a usage error then
+/// (CLI::ValidationError), with the sentence that says why.
+void zavloCliRequireOwnerSecret(const ZavloCliOptions& options);
 
 /// The Linux platform built from the global options (cellular interfaces, key store, owner
-/// authentication), installed, wrapped in the host's keychain trace, as the process-wide
+/// authentication), installed, wrapped in the host's key store trace, as the process-wide
 /// platform on the first call; later calls return it.
 ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options);
 

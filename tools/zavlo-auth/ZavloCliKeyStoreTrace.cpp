@@ -55,7 +55,7 @@ void ZavloCliTracingPlatform::TracingKeyStore::traced(const char* operation, con
 }
 
 ZavloKeyStoreResult<ZavloCreatedKey> ZavloCliTracingPlatform::TracingKeyStore::createKey(const ZavloBytes& tag,
-                                                                                        const ZavloOwnerProof& proof) {
+                                                                                         const ZavloOwnerProof& proof) {
   auto result = platform_.keyStore().createKey(tag, proof);
   traced("createKey", result, result ? "made (" + where(result.value().location) + ")" : std::string());
   return result;

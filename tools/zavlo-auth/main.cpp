@@ -14,12 +14,18 @@ void addGlobalOptions(CLI::App& app, ZavloCliOptions& options) {
   app.add_option("--cellular-interface", options.cellularInterfaces, "Treat this interface as cellular (repeatable)")
       ->allow_extra_args(false);
   app.add_option("--keystore", options.keystore,
-                 "Key store: a keychain file (default: zavlo-auth/keychain.db in the user's data directory), or "
-                 "a PKCS#11 token URI (pkcs11:token=...) that makes and keeps the keys");
+                 "Key store: a key file (default: zavlo-auth/keychain.db in the user's data directory; new keys "
+                 "are made by the TPM where /dev/tpmrm0 answers, else sealed under the owner's secret), tpm or "
+                 "tpm:TCTI (a TPM 2.0 makes the keys; TCTI as tpm2-tss spells it), or a PKCS#11 token URI "
+                 "(pkcs11:token=...) that makes and keeps the keys");
   app.add_option("--keychain", options.keychain,
-                 "Keychain file; with a key store file the same file, with a token the file of the other items");
+                 "Key file; with a key file store the same file, with a TPM or a token where it keeps the rest");
   app.add_option("--owner-auth", options.ownerAuth, "How the device owner is authenticated: pam, allow or deny")
       ->check(CLI::IsMember({"pam", "allow", "deny"}));
+  app.add_option("--owner-secret-file", options.ownerSecretFile,
+                 "What the owner would type at a prompt (a password, a token PIN), read from this file: PAM "
+                 "checks it under pam, only the key store under allow")
+      ->check(CLI::ExistingFile);
   app.add_flag("-v,--verbose", options.verbose, "Trace hops and telemetry events on standard error");
 }
 

@@ -36,7 +36,7 @@ ZavloLinuxKeyStoreService makeKeyStore(ZavloLinuxKeyStoreSettings settings) {
                        ", key file " + path;
     return {std::make_shared<ZavloLinuxTokenKeyStore>(std::move(token), std::move(file)), std::move(description)};
   }
-  auto sealed = std::make_shared<ZavloLinuxSealedProtection>();
+  auto sealed = std::make_shared<ZavloLinuxSealedProtection>(settings.sealingCost);
   // A TPM named in the settings makes every new key, reachable or not; without one, the
   // system's TPM does when it answers once now, else keys are sealed in software. Sealed
   // keys already in the file keep signing either way.
