@@ -12,6 +12,7 @@
 // there on purpose. Names are WHAT/WHO; scripts/bench compares WHAT/library with the others.
 #include <benchmark/benchmark.h>
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/param_build.h>
@@ -31,7 +32,7 @@
 #include "Platform/Linux/Keys/ZavloLinuxSealedProtection.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Telemetry/ZavloAuthLogManager.hpp"
-#include "Testing/ZavloTestKeyStore.hpp"
+#include "Platform/Linux/ZavloLinuxSecret.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 
 namespace {
@@ -41,6 +42,11 @@ using namespace std::chrono_literals;
 constexpr const char* kSecret = "correct horse battery staple";
 const std::string kChallenge = "3f9a1c7e-challenge-from-the-server";
 const ZavloLinuxSealedProtection::Cost kCost{};  // the library's own
+
+ZavloLinuxOwnerProof ownerProof() {
+  const std::string_view secret = kSecret;
+  return {ZavloLinuxSecret::copyOf({reinterpret_cast<const std::uint8_t*>(secret.data()), secret.size()}), true};
+}
 
 std::string makeFolder() {
   std::string pattern = (std::filesystem::temp_directory_path() / "zavlo-binding-bench-XXXXXX").string();
@@ -118,7 +124,7 @@ struct SealedStore {
     auto sealed = std::make_shared<ZavloLinuxSealedProtection>(kCost);
     store = std::make_unique<ZavloLinuxFileKeyStore>(std::make_shared<ZavloLinuxKeyFile>(folder + "/keychain.db"),
                                                      sealed, sealed);
-    if (!store->createKey(tag, ZavloTestOwnerProof(kSecret))) throw std::runtime_error("no sealed key");
+    if (!store->createKey(tag, ownerProof())) throw std::runtime_error("no sealed key");
   }
   SealedStore(const SealedStore&) = delete;
   SealedStore& operator=(const SealedStore&) = delete;
@@ -135,7 +141,7 @@ struct SealedStore {
 
 void signWithStore(benchmark::State& state) {
   SealedStore sealed;
-  const ZavloTestOwnerProof proof(kSecret);
+  const auto proof = ownerProof();
   const auto message = zavloBytes(kChallenge);
   for (auto _ : state) {
     auto signature = sealed.store->sign(sealed.tag, message, proof);
