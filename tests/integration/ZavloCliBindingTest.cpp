@@ -14,6 +14,7 @@
 #include <iterator>
 
 #include "Core/ZavloBase64.hpp"
+#include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
@@ -32,9 +33,13 @@ class ZavloCliBinding : public ::testing::Test {
     std::ofstream(secretFile_) << kSecret << '\n';
   }
 
-  // Under allow, the owner's secret comes from secretFile_ unless arguments name another.
+  // Under allow, the owner's secret comes from secretFile_ unless arguments name another;
+  // telemetry goes to a closed loopback port unless they name an endpoint.
   ZavloProcessResult run(std::vector<std::string> arguments, const std::string& ownerAuth = "allow",
                          const std::vector<std::string>& environment = {}) const {
+    if (std::find(arguments.begin(), arguments.end(), "--telemetry-endpoint") == arguments.end()) {
+      arguments.insert(arguments.begin(), {"--telemetry-endpoint", nowhere_.url("/events")});
+    }
     const bool secretGiven = std::find(arguments.begin(), arguments.end(), "--owner-secret-file") != arguments.end();
     if (ownerAuth == "allow" && !secretGiven) arguments.insert(arguments.begin(), {"--owner-secret-file", secretFile_});
     if (!ownerAuth.empty()) arguments.insert(arguments.begin(), {"--owner-auth", ownerAuth});
@@ -47,6 +52,26 @@ class ZavloCliBinding : public ::testing::Test {
     return zavloRunProcess(arguments);
   }
 
+  // What runs zavlo-auth against PAM service files and a shadow entry in folder: the
+  // service "zavlo-auth" and the files passwd, group and shadow there (pam_wrapper and
+  // nss_wrapper preloaded). Writes passwd and group for the user running the test.
+  static std::vector<std::string> pamEnvironment(const fs::path& folder) {
+    const passwd* owner = getpwuid(geteuid());
+    std::ofstream(folder / "passwd") << owner->pw_name << ":x:" << geteuid() << ":" << getegid() << "::/:/bin/sh\n";
+    std::ofstream(folder / "group") << "owners:x:" << getegid() << ":\n";
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    return {std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER + ":" + ZAVLO_NSS_WRAPPER,
+            "PAM_WRAPPER=1",
+            "PAM_WRAPPER_SERVICE_DIR=" + folder.string(),
+            "PAM_WRAPPER_DISABLE_DEEPBIND=1",
+            "UID_WRAPPER_DISABLE_DEEPBIND=1",
+            "NSS_WRAPPER_DISABLE_DEEPBIND=1",
+            "NSS_WRAPPER_PASSWD=" + (folder / "passwd").string(),
+            "NSS_WRAPPER_GROUP=" + (folder / "group").string(),
+            "NSS_WRAPPER_SHADOW=" + (folder / "shadow").string(),
+            std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
+  }
+
   static nlohmann::json onlyLine(const ZavloProcessResult& run) {
     EXPECT_EQ(std::count(run.standardOutput.begin(), run.standardOutput.end(), '\n'), 1) << run.standardOutput;
     return nlohmann::json::parse(run.standardOutput, nullptr, false);
@@ -54,6 +79,7 @@ class ZavloCliBinding : public ::testing::Test {
 
   static constexpr const char* kSecret = "correct horse battery staple";
   ZavloTemporaryDirectory folder_;
+  ZavloClosedPort nowhere_;
   std::string keystore_;
   std::string secretFile_;
 };
@@ -154,15 +180,26 @@ TEST_F(ZavloCliBinding, TheKeyIsSealedForTheOwnersSecretAndAnotherSecretSignsNot
   }
 }
 
-// Out of file descriptors, enrolment still answers once, through its completion.
+// Out of file descriptors, enrolment still answers once, through its completion, at every
+// limit from one that leaves nothing to one that leaves enough. Where the descriptors run
+// out depends on the threads' timing, so the limits that get that far are tried three
+// times (the lowest ones end quickly, then wait out telemetry that cannot leave).
 TEST_F(ZavloCliBinding, WithFewFileDescriptorsLeftEnrolmentAnswersThroughItsCompletion) {
-  const auto starved =
-      zavloRunProcess({"/bin/sh", "-c", "ulimit -n 6; exec \"$0\" \"$@\"", ZAVLO_AUTH_BINARY, "--keystore", keystore_,
-                       "--owner-auth", "allow", "--owner-secret-file", secretFile_, "binding", "enroll"});
-  EXPECT_TRUE(starved.exitStatus == 0 || starved.exitStatus == 1) << starved.exitStatus << starved.standardError;
-  EXPECT_EQ(starved.standardError.find("terminate called"), std::string::npos) << starved.standardError;
-  const auto answer = onlyLine(starved);
-  EXPECT_TRUE(answer.contains("status")) << starved.standardOutput;
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "left to the plain build: UndefinedBehaviorSanitizer's type check makes a pipe of its own, which "
+                  "a process starved of file descriptors cannot, and then reports every virtual call";
+#endif
+  for (int limit = 5; limit <= 16; ++limit) {
+    for (int round = 0; round < (limit < 8 ? 1 : 3); ++round) {
+      SCOPED_TRACE(limit);
+      const auto starved = zavloRunProcess(
+          {"/bin/sh", "-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\" \"$@\"", ZAVLO_AUTH_BINARY,
+           "--keystore", keystore_, "--owner-auth", "allow", "--owner-secret-file", secretFile_, "binding", "enroll"});
+      EXPECT_TRUE(starved.exitStatus == 0 || starved.exitStatus == 1) << starved.exitStatus << starved.standardError;
+      EXPECT_EQ(starved.standardError.find("terminate called"), std::string::npos) << starved.standardError;
+      EXPECT_TRUE(onlyLine(starved).contains("status")) << starved.standardOutput;
+    }
+  }
 }
 
 TEST_F(ZavloCliBinding, DenyAnswersAsAFailedAuthenticationAndBadInputGetsClearAnswers) {
@@ -188,7 +225,8 @@ TEST_F(ZavloCliBinding, WithoutAKeyStoreOptionKeysGoToThePrivateDataFolderOfTheU
   fs::create_directories(home);
   const auto enrolWith = [&](const std::string& dataHome) {
     return zavloRunProcess({"/usr/bin/env", "HOME=" + home.string(), "XDG_DATA_HOME=" + dataHome, ZAVLO_AUTH_BINARY,
-                            "--owner-auth", "allow", "--owner-secret-file", secretFile_, "binding", "enroll"});
+                            "--telemetry-endpoint", nowhere_.url("/events"), "--owner-auth", "allow",
+                            "--owner-secret-file", secretFile_, "binding", "enroll"});
   };
   const auto mode = [](const fs::path& path) {
     struct stat info {};
@@ -218,21 +256,7 @@ TEST_F(ZavloCliBinding, ByDefaultThePamServiceNamedAfterTheHostDecides) {
   ZavloTemporaryDirectory services;
   const passwd* owner = getpwuid(geteuid());
   ASSERT_NE(owner, nullptr);
-  std::ofstream(services.path() / "passwd")
-      << owner->pw_name << ":x:" << geteuid() << ":" << getegid() << "::/:/bin/sh\n";
-  std::ofstream(services.path() / "group") << "owners:x:" << getegid() << ":\n";
-  const char* asan = std::getenv("ASAN_OPTIONS");
-  const std::vector<std::string> environment{
-      std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER + ":" + ZAVLO_NSS_WRAPPER,
-      "PAM_WRAPPER=1",
-      "PAM_WRAPPER_SERVICE_DIR=" + services.path().string(),
-      "PAM_WRAPPER_DISABLE_DEEPBIND=1",
-      "UID_WRAPPER_DISABLE_DEEPBIND=1",
-      "NSS_WRAPPER_DISABLE_DEEPBIND=1",
-      "NSS_WRAPPER_PASSWD=" + (services.path() / "passwd").string(),
-      "NSS_WRAPPER_GROUP=" + (services.path() / "group").string(),
-      "NSS_WRAPPER_SHADOW=" + (services.path() / "shadow").string(),
-      std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
+  const auto environment = pamEnvironment(services.path());
   struct Case {
     const char* module;
     const char* password;  // the owner's shadow entry
@@ -277,6 +301,59 @@ TEST_F(ZavloCliBinding, ByDefaultThePamServiceNamedAfterTheHostDecides) {
     if (typed != nullptr) {
       EXPECT_NE(output.find("(the key needs it)"), std::string::npos) << output;
     }
+  }
+}
+
+// The password PAM checks is the one the key is sealed under: once it changes, PAM accepts
+// the new one, the key refuses it, and the key is gone as if the fingers had changed. A
+// password PAM refuses is a failed prompt that deletes nothing.
+TEST_F(ZavloCliBinding, APasswordChangedSinceEnrolmentInvalidatesTheKeyAndAWrongOneDeletesNothing) {
+  if (std::string(ZAVLO_PAM_WRAPPER).empty() || std::string(ZAVLO_PAM_MATRIX).empty()) {
+    GTEST_SKIP() << "pam_wrapper (Debian libpam-wrapper) is not installed";
+  }
+  if (std::string(ZAVLO_NSS_WRAPPER).empty()) GTEST_SKIP() << "nss_wrapper (Debian libnss-wrapper) is not installed";
+  ZavloTemporaryDirectory services;
+  const auto environment = pamEnvironment(services.path());
+  const std::string user = getpwuid(geteuid())->pw_name;
+  std::ofstream(services.path() / "shadow") << user << ":$6$zavlo$usable:19000:0:99999:7:::\n";
+  const auto passdb = services.path() / "passdb";
+  std::ofstream(services.path() / "zavlo-auth")
+      << "auth required " << ZAVLO_PAM_MATRIX << " passdb=" << passdb.string() << "\naccount required "
+      << ZAVLO_PAM_MATRIX << " passdb=" << passdb.string() << "\n";
+  const auto withPassword = [&](const std::string& current, const std::string& typed,
+                                std::vector<std::string> command) {
+    std::ofstream(passdb) << user << ":" << current << ":zavlo-auth\n";
+    const auto typedFile = services.path() / "typed";
+    std::ofstream(typedFile) << typed << "\n";
+    command.insert(command.begin(), {"--owner-secret-file", typedFile.string()});
+    return run(command, "", environment);
+  };
+  const auto enrolled = withPassword("old password", "old password", {"binding", "enroll"});
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardOutput << enrolled.standardError;
+  const std::string keyId = onlyLine(enrolled).at("keyId");
+  const auto sign = signConfig("[\"" + keyId + "\"]", "c").dump();
+  struct Step {
+    const char* current;  // what PAM knows
+    const char* typed;
+    const char* errorCode;  // null: signed
+    const char* stateAfter;
+  };
+  const std::vector<Step> steps = {
+      {"old password", "old password", nullptr, "ENROLLED"},
+      {"old password", "a typo", "DEVICE_BINDING_AUTH_FAILED", "ENROLLED"},
+      {"new password", "new password", "DEVICE_BINDING_KEY_INVALIDATED", "NOT_ENROLLED"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.typed);
+    const auto signedRun = withPassword(step.current, step.typed, {"binding", "sign", "--config", sign});
+    const auto answer = onlyLine(signedRun);
+    if (step.errorCode == nullptr) {
+      EXPECT_EQ(answer.value("status", ""), "SUCCESS") << signedRun.standardError;
+    } else {
+      EXPECT_EQ(answer.value("errorCode", ""), step.errorCode) << signedRun.standardError;
+    }
+    const auto state = withPassword(step.current, step.current, {"binding", "state", keyId});
+    EXPECT_EQ(onlyLine(state).value("state", ""), step.stateAfter) << state.standardError;
   }
 }
 

@@ -4,6 +4,8 @@
 #include <gio/gio.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -165,10 +167,40 @@ void appendField(std::string& out, std::string_view tag, std::string_view value)
   out.append(tag).append(":").append(std::to_string(value.size())).append(":").append(value).append("\n");
 }
 
+// GLib ends the process when it cannot make a wakeup descriptor or a thread, and a library
+// must not end its host: what a D-Bus call needs is tried first. The reason it would fail,
+// or nothing.
+std::optional<std::string> glibWouldAbort() {
+  // A connection, its worker's and its call's wakeups, with room to spare.
+  constexpr std::size_t kDescriptors = 8;
+  std::array<int, kDescriptors> descriptors{};
+  descriptors.fill(-1);
+  bool enough = true;
+  for (auto& descriptor : descriptors) {
+    descriptor = eventfd(0, EFD_CLOEXEC);
+    if (descriptor < 0) {
+      enough = false;
+      break;
+    }
+  }
+  for (const int descriptor : descriptors) {
+    if (descriptor >= 0) close(descriptor);
+  }
+  if (!enough) return "No file descriptor is left to reach the fingerprint daemon.";
+  pthread_t thread{};
+  if (pthread_create(
+          &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr) != 0) {
+    return "No thread can be started to reach the fingerprint daemon.";
+  }
+  pthread_join(thread, nullptr);
+  return std::nullopt;
+}
+
 }  // namespace
 
 ZavloLinuxEnrolledFingers zavloReadEnrolledFingers(const std::optional<std::string>& busAddress,
                                                    const std::string& user, const std::string& printStorage) {
+  if (auto reason = glibWouldAbort()) return unavailable(std::move(*reason));
   GError* raw = nullptr;
   std::string address;
   if (busAddress) {
