@@ -16,6 +16,7 @@
 #include "Core/ZavloBase64.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
+#include "Testing/Network/ZavloSwtpm.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
@@ -33,8 +34,8 @@ class ZavloCliBinding : public ::testing::Test {
     std::ofstream(secretFile_) << kSecret << '\n';
   }
 
-  // Under allow, the owner's secret comes from secretFile_ unless arguments name another;
-  // telemetry goes to a closed loopback port unless they name an endpoint.
+  // Under allow, the owner's secret comes from secretFile_, the key store is keystore_ and
+  // telemetry goes to a closed loopback port, unless the arguments name others.
   ZavloProcessResult run(std::vector<std::string> arguments, const std::string& ownerAuth = "allow",
                          const std::vector<std::string>& environment = {}) const {
     if (std::find(arguments.begin(), arguments.end(), "--telemetry-endpoint") == arguments.end()) {
@@ -43,7 +44,9 @@ class ZavloCliBinding : public ::testing::Test {
     const bool secretGiven = std::find(arguments.begin(), arguments.end(), "--owner-secret-file") != arguments.end();
     if (ownerAuth == "allow" && !secretGiven) arguments.insert(arguments.begin(), {"--owner-secret-file", secretFile_});
     if (!ownerAuth.empty()) arguments.insert(arguments.begin(), {"--owner-auth", ownerAuth});
-    arguments.insert(arguments.begin(), {"--keystore", keystore_});
+    if (std::find(arguments.begin(), arguments.end(), "--keystore") == arguments.end()) {
+      arguments.insert(arguments.begin(), {"--keystore", keystore_});
+    }
     arguments.insert(arguments.begin(), ZAVLO_AUTH_BINARY);
     if (!environment.empty()) {
       arguments.insert(arguments.begin(), environment.begin(), environment.end());
@@ -178,6 +181,41 @@ TEST_F(ZavloCliBinding, TheKeyIsSealedForTheOwnersSecretAndAnotherSecretSignsNot
     EXPECT_NE(refusedUsage.standardError.find("--owner-secret-file"), std::string::npos) << refusedUsage.standardError;
     EXPECT_TRUE(refusedUsage.standardOutput.empty());
   }
+}
+
+// With --keystore tpm:TCTI the TPM makes the key, the events say it is in hardware, and
+// binding state -v names the store.
+TEST_F(ZavloCliBinding, ATpmKeyIsMadeInTheTpmAndReportedAsHardwareBacked) {
+  if (const auto why = ZavloSwtpm::unavailable()) GTEST_SKIP() << *why;
+  ZavloSwtpm tpm;
+  ZavloHttpTestServer collector;
+  const std::vector<std::string> store{"--keystore", "tpm:" + tpm.tcti(),    "--keychain",
+                                       keystore_,    "--telemetry-endpoint", collector.url("/events")};
+  auto arguments = store;
+  arguments.insert(arguments.end(), {"binding", "enroll"});
+  const auto enrolled = run(arguments);
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardOutput << enrolled.standardError;
+  const auto enrolment = onlyLine(enrolled);
+  arguments = store;
+  arguments.insert(arguments.end(), {"binding", "sign", "--config",
+                                     signConfig("[\"" + enrolment.at("keyId").get<std::string>() + "\"]", "c").dump()});
+  const auto signedRun = run(arguments);
+  ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardError;
+  EXPECT_TRUE(verifies(enrolment.at("publicKey"), onlyLine(signedRun).at("signature"), "c"));
+  arguments = store;
+  arguments.insert(arguments.end(), {"-v", "binding", "state", enrolment.at("keyId")});
+  const auto state = run(arguments);
+  EXPECT_NE(state.standardError.find("key: tpm, in hardware"), std::string::npos) << state.standardError;
+  EXPECT_NE(state.standardError.find("key store: TPM 2.0 (" + tpm.tcti()), std::string::npos) << state.standardError;
+
+  bool reported = false;
+  for (const auto& request : collector.requests()) {
+    const auto event = nlohmann::json::parse(request.body, nullptr, false);
+    if (event.value("eventName", "") != "DEVICE_BINDING_KEY_CREATE_RESULT") continue;
+    EXPECT_EQ(event.at("metaData").at("hardwareBacked"), true);
+    reported = true;
+  }
+  EXPECT_TRUE(reported);
 }
 
 // Out of file descriptors, enrolment still answers once, through its completion, at every
