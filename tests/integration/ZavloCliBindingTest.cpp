@@ -16,6 +16,7 @@
 #include "Core/ZavloBase64.hpp"
 #include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
+#include "Testing/Network/ZavloSoftHsm.hpp"
 #include "Testing/Network/ZavloSwtpm.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
@@ -216,6 +217,44 @@ TEST_F(ZavloCliBinding, ATpmKeyIsMadeInTheTpmAndReportedAsHardwareBacked) {
     reported = true;
   }
   EXPECT_TRUE(reported);
+}
+
+// With a PKCS#11 token the owner's secret is the token's PIN: the key is made and used in
+// the token, a wrong PIN signs nothing and deletes nothing, and a PIN in the URI needs no
+// owner at all, which -v says.
+TEST_F(ZavloCliBinding, ATokenKeyIsUnlockedByTheOwnersPinOrByAPinInTheUri) {
+  if (const auto why = ZavloSoftHsm::unavailable()) GTEST_SKIP() << *why;
+  ZavloSoftHsm hsm;
+  ASSERT_TRUE(hsm.initialised());
+  const auto pin = (folder_.path() / "pin").string();
+  std::ofstream(pin) << ZavloSoftHsm::kPin << '\n';
+  const auto withToken = [&](const std::string& uri, std::vector<std::string> command) {
+    command.insert(command.begin(), {"--keystore", uri, "--keychain", keystore_});
+    auto environment = hsm.environment();
+    return run(command, "allow", environment);
+  };
+  const auto ownerPin = "pkcs11:token=" + hsm.label() + "?module-path=" + ZavloSoftHsm::kModule;
+  const auto enrolled = withToken(ownerPin, {"--owner-secret-file", pin, "binding", "enroll"});
+  ASSERT_EQ(enrolled.exitStatus, 0) << enrolled.standardOutput << enrolled.standardError;
+  const auto enrolment = onlyLine(enrolled);
+  const std::string keyId = enrolment.at("keyId");
+  const auto sign = signConfig("[\"" + keyId + "\"]", "c").dump();
+  const auto wrongPin = (folder_.path() / "wrong-pin").string();
+  std::ofstream(wrongPin) << "0000\n";
+  const auto refused = withToken(ownerPin, {"--owner-secret-file", wrongPin, "binding", "sign", "--config", sign});
+  EXPECT_EQ(onlyLine(refused).value("errorCode", ""), "DEVICE_BINDING_AUTH_FAILED") << refused.standardError;
+
+  // pin-source: no secret file, and no usage error for it.
+  const auto signedRun =
+      zavloRunProcess({"/usr/bin/env", hsm.environment().front(), ZAVLO_AUTH_BINARY, "-v", "--telemetry-endpoint",
+                       nowhere_.url("/events"), "--keystore", hsm.uri(), "--keychain", keystore_, "--owner-auth",
+                       "allow", "binding", "sign", "--config", sign});
+  ASSERT_EQ(signedRun.exitStatus, 0) << signedRun.standardError;
+  EXPECT_TRUE(verifies(enrolment.at("publicKey"), onlyLine(signedRun).at("signature"), "c"));
+  EXPECT_NE(signedRun.standardError.find("the owner was not asked"), std::string::npos) << signedRun.standardError;
+  const auto state = withToken(ownerPin, {"-v", "binding", "state", keyId});
+  EXPECT_EQ(onlyLine(state).value("state", ""), "ENROLLED");
+  EXPECT_NE(state.standardError.find("key: pkcs11, in hardware"), std::string::npos) << state.standardError;
 }
 
 // Out of file descriptors, enrolment still answers once, through its completion, at every
