@@ -52,6 +52,12 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     app.exit(error);
     return kExitUsage;
+  } catch (const std::exception& error) {
+    // The platform itself could not start (no descriptor left for its event loop, say):
+    // no operation ran, and the host answers for it in the form of a completion.
+    context.printCompletion(
+        {{"status", "FAILURE"}, {"errorMessage", std::string("zavlo-auth could not start: ") + error.what()}});
+    return 1;
   }
   context.finishTelemetry();
   return context.exitStatus;
