@@ -395,6 +395,10 @@ TEST(ZavloLinuxKeyFileTest, AStoreOfTheFirstFormatStillSignsAndIsSealedAtTheFirs
 
 // Key ids come from a generator that a forked child does not share with its parent.
 TEST(ZavloLinuxBindingKeyIds, TwoProcessesForkedFromOneEnrolDifferentKeyIds) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "left to the other builds: ThreadSanitizer cannot follow a child of a threaded process that "
+                  "starts threads itself, as the child's owner prompt does";
+#endif
   ZavloTemporaryDirectory base;
   std::ofstream(base.path() / "secret") << kSecret << '\n';
   ZavloLinuxPlatform::Options options;
