@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
@@ -228,16 +230,25 @@ class LinuxNamespaceNetwork {
   }
 
   // The classifier must see each link as the type it stands for, or the hop proves nothing.
+  // A veth link is running only once the kernel has seen both ends up, a moment after the
+  // commands return: it gets up to two seconds to get there.
   std::string checkTypes() const {
-    const auto listed = ZavloLinuxInterfaceClassifier({linkName(Type::cellular)}).listInterfaces();
-    for (const auto type : present_) {
-      const auto name = type == Type::loopback ? std::string("lo") : linkName(type);
-      const auto found = std::find_if(listed.begin(), listed.end(), [&](const auto& i) { return i.name == name; });
-      if (found == listed.end() || found->type != type || !found->usable()) {
-        return name + " is not a usable " + std::string(toString(type)) + " interface here";
+    std::string problem;
+    for (int attempt = 0; attempt < 40; ++attempt) {
+      if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      problem.clear();
+      const auto listed = ZavloLinuxInterfaceClassifier({linkName(Type::cellular)}).listInterfaces();
+      for (const auto type : present_) {
+        const auto name = type == Type::loopback ? std::string("lo") : linkName(type);
+        const auto found = std::find_if(listed.begin(), listed.end(), [&](const auto& i) { return i.name == name; });
+        if (found == listed.end() || found->type != type || !found->usable()) {
+          problem = name + " is not a usable " + std::string(toString(type)) + " interface here";
+          break;
+        }
       }
+      if (problem.empty()) break;
     }
-    return {};
+    return problem;
   }
 
   std::unique_ptr<ZavloNetworkNamespace> client_;
