@@ -241,11 +241,12 @@ void ZavloDeviceBindingManager::enroll(const std::optional<std::string>& attesta
   if (!isDeviceSecure()) return refuse(exceptionFor(Public::deviceNotSecure), "PASSCODE_NOT_SET");
   if (!isDeviceSecure()) return refuse(exceptionFor(Public::bindingUnsupported), "HARDWARE_UNAVAILABLE");
 
-  prompt(promptTitle, promptSubtitle,
-         [flow](ZavloDeviceBindingManager& self, bool success, std::optional<ZavloOwnerAuthenticationError> error,
-                const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
-           self.finishEnrollmentPrompt(*flow, success, error, context);
-         });
+  prompt(
+      promptTitle, promptSubtitle,
+      [flow](ZavloDeviceBindingManager& self, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
+             const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
+        self.finishEnrollmentPrompt(*flow, success, error, context);
+      });
 }
 
 void ZavloDeviceBindingManager::finishEnrollmentPrompt(
@@ -352,11 +353,12 @@ void ZavloDeviceBindingManager::signChallenge(const std::vector<std::string>& al
     return failSigning(*flow, exceptionFor(Public::notEnrolled), "KEY_NOT_FOUND", json::object());
   }
 
-  prompt(promptTitle, promptSubtitle,
-         [flow](ZavloDeviceBindingManager& self, bool success, std::optional<ZavloOwnerAuthenticationError> error,
-                const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
-           self.finishSigningPrompt(*flow, success, error, context);
-         });
+  prompt(
+      promptTitle, promptSubtitle,
+      [flow](ZavloDeviceBindingManager& self, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
+             const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
+        self.finishSigningPrompt(*flow, success, error, context);
+      });
 }
 
 void ZavloDeviceBindingManager::finishSigningPrompt(SignFlow& flow, bool success,

@@ -67,7 +67,7 @@ ZavloFailure<ZavloKeyStoreError> opensslFailure(const std::string& what) {
 void ensureSecureHeap() {
   static std::once_flag once;
   std::call_once(once, [] {
-    if (CRYPTO_secure_malloc_initialized() == 0) (void)CRYPTO_secure_malloc_init(64 * 1024, 32);
+    if (CRYPTO_secure_malloc_initialized() == 0) (void)CRYPTO_secure_malloc_init(std::size_t{64} * 1024, 32);
   });
 }
 
