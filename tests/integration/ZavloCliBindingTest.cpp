@@ -20,6 +20,7 @@
 #include "Testing/Network/ZavloSwtpm.hpp"
 #include "ZavloEs256.hpp"
 #include "ZavloKeyStoreSecrets.hpp"
+#include "ZavloPamWrapper.hpp"
 #include "tools/peers/ZavloHttpTestServer.hpp"
 #include "tools/peers/ZavloTemporaryDirectory.hpp"
 
@@ -52,6 +53,10 @@ class ZavloCliBinding : public ::testing::Test {
     if (!environment.empty()) {
       arguments.insert(arguments.begin(), environment.begin(), environment.end());
       arguments.insert(arguments.begin(), "/usr/bin/env");
+      if (std::find(environment.begin(), environment.end(), "PAM_WRAPPER=1") != environment.end()) {
+        const auto serialised = zavloPamWrapperSerialised();
+        arguments.insert(arguments.begin(), serialised.begin(), serialised.end());
+      }
     }
     return zavloRunProcess(arguments);
   }
@@ -366,8 +371,9 @@ TEST_F(ZavloCliBinding, ByDefaultThePamServiceNamedAfterTheHostDecides) {
     } else {
       std::string line = std::string(ZAVLO_AUTH_BINARY) + " --keystore '" + keystore_ + "'";
       for (const auto& argument : command) line += " " + argument;
-      auto arguments = environment;
-      arguments.insert(arguments.begin(), "/usr/bin/env");
+      auto arguments = zavloPamWrapperSerialised();
+      arguments.emplace_back("/usr/bin/env");
+      arguments.insert(arguments.end(), environment.begin(), environment.end());
       arguments.insert(arguments.end(), {"/usr/bin/script", "--quiet", "--return", "--command", line, "/dev/null"});
       result = zavloRunProcess(arguments, std::string(typed) + "\n");
     }

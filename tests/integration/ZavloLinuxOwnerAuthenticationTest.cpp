@@ -24,6 +24,7 @@
 #include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
 #include "Testing/Network/ZavloProcess.hpp"
+#include "ZavloPamWrapper.hpp"
 #include "ZavloPrivateBus.hpp"
 
 namespace {
@@ -358,18 +359,20 @@ class ZavloLinuxOwnerAuthenticationPam : public testing::Test {
   nlohmann::json probe(const std::vector<std::string>& arguments, bool leakingStart = false) {
     const char* asan = std::getenv("ASAN_OPTIONS");
     const char* lsan = std::getenv("LSAN_OPTIONS");
-    std::vector<std::string> command{
-        "/usr/bin/env", std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER + ":" + ZAVLO_NSS_WRAPPER, "PAM_WRAPPER=1",
-        "PAM_WRAPPER_SERVICE_DIR=" + directory_, "NSS_WRAPPER_PASSWD=" + directory_ + "/passwd",
-        "NSS_WRAPPER_GROUP=" + directory_ + "/group", "NSS_WRAPPER_SHADOW=" + directory_ + "/shadow",
-        // Sanitizers refuse libraries opened with deep binding; pam_wrapper 1.1.4 reads
-        // the second, misnamed variable.
-        "PAM_WRAPPER_DISABLE_DEEPBIND=1", "UID_WRAPPER_DISABLE_DEEPBIND=1", "NSS_WRAPPER_DISABLE_DEEPBIND=1",
-        // The wrappers are preloaded ahead of the sanitizer runtime.
-        std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
-        std::string("LSAN_OPTIONS=") + (lsan != nullptr ? lsan : "") +
-            (leakingStart ? std::string(":suppressions=") + ZAVLO_PROBE_LSAN_SUPPRESSIONS : ""),
-        ZAVLO_OWNER_AUTH_PROBE};
+    auto command = zavloPamWrapperSerialised();
+    command.insert(
+        command.end(),
+        {"/usr/bin/env", std::string("LD_PRELOAD=") + ZAVLO_PAM_WRAPPER + ":" + ZAVLO_NSS_WRAPPER, "PAM_WRAPPER=1",
+         "PAM_WRAPPER_SERVICE_DIR=" + directory_, "NSS_WRAPPER_PASSWD=" + directory_ + "/passwd",
+         "NSS_WRAPPER_GROUP=" + directory_ + "/group", "NSS_WRAPPER_SHADOW=" + directory_ + "/shadow",
+         // Sanitizers refuse libraries opened with deep binding; pam_wrapper 1.1.4 reads
+         // the second, misnamed variable.
+         "PAM_WRAPPER_DISABLE_DEEPBIND=1", "UID_WRAPPER_DISABLE_DEEPBIND=1", "NSS_WRAPPER_DISABLE_DEEPBIND=1",
+         // The wrappers are preloaded ahead of the sanitizer runtime.
+         std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
+         std::string("LSAN_OPTIONS=") + (lsan != nullptr ? lsan : "") +
+             (leakingStart ? std::string(":suppressions=") + ZAVLO_PROBE_LSAN_SUPPRESSIONS : ""),
+         ZAVLO_OWNER_AUTH_PROBE});
     command.insert(command.end(), arguments.begin(), arguments.end());
     const auto run = zavloRunProcess(command);
     EXPECT_EQ(run.exitStatus, 0) << run.standardError;
