@@ -289,6 +289,13 @@ TEST(ZavloLinuxKeyFileTest, NothingInTheFileSignsOrGivesAKeyAwayAndADeletedKeyLe
   EXPECT_FALSE(holdsAScalarOf(storeFiles(file), points));
   const auto sealedBlob = store.file->find(zavloBytes("one")).value()->blob;
   ASSERT_FALSE(sealedBlob.empty());
+  // Someone who can write the file moves a key under another key's tag: it does not open.
+  ASSERT_TRUE(store.store.createKey(zavloBytes("six"), ZavloTestOwnerProof(kSecret)));
+  executeSql(file,
+             "UPDATE keys SET (public_key, blob) = (SELECT public_key, blob FROM keys WHERE tag = x'6f6e65')"
+             " WHERE tag = x'736978'");
+  EXPECT_EQ(store.failureOf(store.sign("six")), Failure::ownerRefused);
+  ASSERT_TRUE(store.store.deleteKey(zavloBytes("six")).value());  // it holds one's blob now
 
   ASSERT_TRUE(store.store.deleteKey(zavloBytes("one")).value());
   ASSERT_TRUE(store.store.setDomainState("one", std::nullopt));

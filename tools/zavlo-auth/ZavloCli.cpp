@@ -65,11 +65,10 @@ std::optional<std::string> zavloCliTpm(const ZavloCliOptions& options) {
 
 void zavloCliRequireOwnerSecret(const ZavloCliOptions& options) {
   if (options.ownerAuth != "allow" || options.ownerSecretFile) return;
-  // A token whose URI carries its PIN needs nothing from the owner.
-  const auto token = zavloCliKeyToken(options);
-  if (token && (token->find("pin-source=") != std::string::npos || token->find("pin-value=") != std::string::npos)) {
-    return;
-  }
+  // The platform knows which secret its key store needs: none for a token whose URI
+  // carries its PIN.
+  const auto* owner = zavloCliPlatform(options).ownerAuthentication();
+  if (owner != nullptr && owner->secret() == ZavloLinuxOwnerAuthentication::Secret::none) return;
   throw CLI::ValidationError("--owner-auth",
                              "allow answers every prompt without asking anyone, so it has no secret to unlock a "
                              "binding key with, and every key store here derives a key's protection from the "

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/Keys/ZavloLinuxEcKeys.hpp"
 #include "Platform/Linux/Keys/ZavloLinuxTracedLock.hpp"
 
 namespace {
@@ -125,22 +126,6 @@ int execute(sqlite3* db, const char* sql, Bind&& bind, std::string& message) {
   if (code == SQLITE_OK) code = sqlite3_step(statement.get());
   if (code != SQLITE_DONE) return failure(db, code, message);
   return SQLITE_OK;
-}
-
-// The public point of a plain key of the first format (an RFC 5915 ECPrivateKey in DER),
-// or nothing when it is no P-256 key.
-std::optional<ZavloBytes> plainKeyPoint(const ZavloBytes& der) {
-  if (der.empty() || der.size() > static_cast<std::size_t>(LONG_MAX)) return std::nullopt;
-  const auto* cursor = der.data();
-  const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-      d2i_PrivateKey(EVP_PKEY_EC, nullptr, &cursor, static_cast<long>(der.size())), EVP_PKEY_free);
-  ZavloBytes point(65);
-  std::size_t length = 0;
-  const bool read = key != nullptr && EVP_PKEY_get_octet_string_param(key.get(), OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY,
-                                                                      point.data(), point.size(), &length) == 1;
-  ERR_clear_error();
-  if (!read || length != point.size() || point[0] != 0x04) return std::nullopt;
-  return point;
 }
 
 std::string systemError(int error) { return std::strerror(error); }
@@ -314,7 +299,7 @@ ZavloLinuxKeyFile::Problem ZavloLinuxKeyFile::migrateFormat1Locked() {
   while (code == SQLITE_OK && (code = sqlite3_step(keys.get())) == SQLITE_ROW) {
     const auto tag = columnBytes(keys.get(), 0);
     auto der = columnBytes(keys.get(), 1);
-    const auto point = plainKeyPoint(der);
+    const auto point = ZavloLinuxEcKeys::publicPointOfDer(der);
     code = SQLITE_OK;
     if (point) {
       code = execute(

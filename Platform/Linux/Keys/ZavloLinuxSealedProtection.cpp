@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 
+#include "Platform/Linux/Keys/ZavloLinuxEcKeys.hpp"
 #include "Platform/Linux/ZavloLinuxSecret.hpp"
 
 namespace {
@@ -69,18 +70,6 @@ void ensureSecureHeap() {
   std::call_once(once, [] {
     if (CRYPTO_secure_malloc_initialized() == 0) (void)CRYPTO_secure_malloc_init(std::size_t{64} * 1024, 32);
   });
-}
-
-std::optional<ZavloBytes> publicPoint(const EVP_PKEY* key) {
-  ZavloBytes point(kPointSize);
-  std::size_t length = 0;
-  if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, point.data(), point.size(), &length) !=
-          1 ||
-      length != kPointSize || point[0] != 0x04) {
-    ERR_clear_error();
-    return std::nullopt;
-  }
-  return point;
 }
 
 // The private scalar of a P-256 key, big-endian, in a secret.
@@ -269,7 +258,7 @@ PKey plainKey(const ZavloLinuxKeyRecord& plain) {
   const auto* cursor = plain.blob.data();
   PKey key(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &cursor, static_cast<long>(plain.blob.size())), EVP_PKEY_free);
   ERR_clear_error();
-  if (key == nullptr || publicPoint(key.get()) != plain.publicKey) return none;
+  if (key == nullptr || ZavloLinuxEcKeys::publicPoint(key.get()) != plain.publicKey) return none;
   return key;
 }
 
@@ -284,7 +273,7 @@ ZavloKeyStoreResult<ZavloLinuxKeyProtection::Made> ZavloLinuxSealedProtection::c
   ensureSecureHeap();
   PKey key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free);
   if (key == nullptr) return opensslFailure("P-256 key generation");
-  auto point = publicPoint(key.get());
+  auto point = ZavloLinuxEcKeys::publicPoint(key.get());
   const auto scalar = scalarOf(key.get());
   if (!point || !scalar) return failure(Failure::publicKeyExport, "Sealed key: the new key cannot be read back");
   auto blob = sealedBlob(cost_, tag, *point, *scalar, proof.secret());

@@ -1,5 +1,7 @@
 #include "Platform/Linux/Keys/ZavloLinuxTokenKeyStore.hpp"
 
+#include "Platform/Linux/Keys/ZavloLinuxEcKeys.hpp"
+
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
@@ -9,26 +11,6 @@
 #include "Platform/ZavloOwnerAuthentication.hpp"
 
 namespace {
-
-// r then s, each as wide as half the raw signature, as one X9.62 DER SEQUENCE.
-std::optional<ZavloBytes> derSignature(const ZavloBytes& raw) {
-  if (raw.empty() || raw.size() % 2 != 0) return std::nullopt;
-  const auto half = static_cast<int>(raw.size() / 2);
-  const std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)> signature(ECDSA_SIG_new(), ECDSA_SIG_free);
-  BIGNUM* r = BN_bin2bn(raw.data(), half, nullptr);
-  BIGNUM* s = BN_bin2bn(raw.data() + half, half, nullptr);
-  if (signature == nullptr || r == nullptr || s == nullptr || ECDSA_SIG_set0(signature.get(), r, s) != 1) {
-    BN_free(r);
-    BN_free(s);
-    return std::nullopt;
-  }
-  const int length = i2d_ECDSA_SIG(signature.get(), nullptr);
-  if (length <= 0) return std::nullopt;
-  ZavloBytes der(static_cast<std::size_t>(length));
-  unsigned char* out = der.data();
-  if (i2d_ECDSA_SIG(signature.get(), &out) != length) return std::nullopt;
-  return der;
-}
 
 ZavloFailure<ZavloKeyStoreError> internal(std::string description) {
   return zavloFailure(ZavloKeyStoreError{ZavloKeyStoreFailure::internal, 0, std::move(description)});
@@ -65,7 +47,10 @@ ZavloKeyStoreResult<ZavloBytes> ZavloLinuxTokenKeyStore::sign(const ZavloBytes& 
   digest.resize(digestLength);
   auto raw = token_->sign(tag, digest, proof.secret());
   if (!raw) return zavloFailure(std::move(raw).error());
-  auto der = derSignature(raw.value());
+  const auto& rs = raw.value();  // r then s, each half of it
+  auto der = rs.size() % 2 == 0 ? ZavloLinuxEcKeys::derSignature(std::span(rs).first(rs.size() / 2),
+                                                                 std::span(rs).subspan(rs.size() / 2))
+                                : std::nullopt;
   if (!der) return internal("Signing: the token's signature cannot be encoded as DER");
   return std::move(*der);
 }

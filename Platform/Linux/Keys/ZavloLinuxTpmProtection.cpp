@@ -1,5 +1,7 @@
 #include "Platform/Linux/Keys/ZavloLinuxTpmProtection.hpp"
 
+#include "Platform/Linux/Keys/ZavloLinuxEcKeys.hpp"
+
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
@@ -237,25 +239,6 @@ std::optional<ZavloBytes> wrap(std::uint32_t iterations, std::span<const std::ui
   }
   blob.resize(offset);
   return blob;
-}
-
-// r and s of a TPM signature as an X9.62 DER SEQUENCE.
-std::optional<ZavloBytes> derOf(const TPMS_SIGNATURE_ECC& signature) {
-  const std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)> sig(ECDSA_SIG_new(), ECDSA_SIG_free);
-  BIGNUM* r = BN_bin2bn(signature.signatureR.buffer, signature.signatureR.size, nullptr);
-  BIGNUM* s = BN_bin2bn(signature.signatureS.buffer, signature.signatureS.size, nullptr);
-  if (sig == nullptr || r == nullptr || s == nullptr || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
-    BN_free(r);
-    BN_free(s);
-    ERR_clear_error();
-    return std::nullopt;
-  }
-  const int length = i2d_ECDSA_SIG(sig.get(), nullptr);
-  if (length <= 0) return std::nullopt;
-  ZavloBytes der(static_cast<std::size_t>(length));
-  unsigned char* cursor = der.data();
-  if (i2d_ECDSA_SIG(sig.get(), &cursor) != length) return std::nullopt;
-  return der;
 }
 
 }  // namespace
@@ -574,7 +557,9 @@ ZavloKeyStoreResult<ZavloBytes> ZavloLinuxTpmProtection::sign(const ZavloLinuxKe
       const auto& value = *signature.value();
       if (value.sigAlg != TPM2_ALG_ECDSA)
         return failure(Failure::internal, "TPM key: the TPM signed with another scheme");
-      auto der = derOf(value.signature.ecdsa);
+      const auto& ecdsa = value.signature.ecdsa;
+      auto der = ZavloLinuxEcKeys::derSignature({ecdsa.signatureR.buffer, ecdsa.signatureR.size},
+                                                {ecdsa.signatureS.buffer, ecdsa.signatureS.size});
       if (!der) return failure(Failure::internal, "TPM key: the signature cannot be encoded");
       return std::move(*der);
     } catch (...) {
