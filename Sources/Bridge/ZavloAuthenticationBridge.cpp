@@ -19,12 +19,11 @@ nlohmann::json dictionaryOf(const ZavloResult<nlohmann::json>& result) {
   return result ? result.value() : dictionaryOf(result.error());
 }
 
-// A completion that answers the callback through the bridge, if the bridge still exists.
+// A completion that answers the asker through the bridge, if the bridge still exists.
 ZavloAuthenticationOperations::Completion answering(const std::shared_ptr<ZavloAuthenticationBridge>& bridge,
-                                                    std::string callbackName) {
-  return [weakBridge = std::weak_ptr(bridge),
-          callbackName = std::move(callbackName)](const ZavloResult<nlohmann::json>& result) {
-    if (auto bridge = weakBridge.lock()) bridge->invokeJsonStringCallback(callbackName, dictionaryOf(result));
+                                                    ZavloAuthenticationBridge::Asker asker) {
+  return [weakBridge = std::weak_ptr(bridge), asker = std::move(asker)](const ZavloResult<nlohmann::json>& result) {
+    if (auto bridge = weakBridge.lock()) bridge->answer(asker, dictionaryOf(result));
   };
 }
 
@@ -46,26 +45,28 @@ ZavloAuthenticationBridge::ZavloAuthenticationBridge(std::weak_ptr<ZavloWebView>
                                                      std::weak_ptr<void> viewController, Services services)
     : webView_(std::move(webView)), viewController_(std::move(viewController)), services_(std::move(services)) {}
 
-void ZavloAuthenticationBridge::didReceiveScriptMessage(const nlohmann::json& body) {
+void ZavloAuthenticationBridge::didReceiveScriptMessage(const ZavloScriptMessage& message) {
+  const auto& body = message.body;
   if (!body.is_object()) return;
   const auto* method = stringAt(body, "method");
   const auto* callback = stringAt(body, "callback");
   if (!method || !callback) return;
+  const Asker asker(*callback, message.reply, message.source.origin);
 
   if (*method == "initAuth" || *method == "initSNA") {
-    handleInitAuth(body, *callback);
+    handleInitAuth(body, asker);
   } else if (*method == "startAuth" || *method == "startSNA") {
-    handleStartAuth(body, *callback);
+    handleStartAuth(body, asker);
   } else if (*method == "getDeviceBindingState") {
-    handleGetDeviceBindingState(body, *callback);
+    handleGetDeviceBindingState(body, asker);
   } else if (*method == "enrollDeviceBinding") {
-    handleEnrollDeviceBinding(body, *callback);
+    handleEnrollDeviceBinding(body, asker);
   } else if (*method == "signDeviceBindingChallenge") {
-    handleSignDeviceBindingChallenge(body, *callback);
+    handleSignDeviceBindingChallenge(body, asker);
   } else if (*method == "getCapabilities") {
-    invokeJsonStringCallback(*callback, ZavloAuthenticationOperations::capabilities());
+    answer(asker, ZavloAuthenticationOperations::capabilities());
   } else {
-    answerFailure(*callback, ZavloPublicErrors::unsupportedMethod(*method));
+    answerFailure(asker, ZavloPublicErrors::unsupportedMethod(*method));
   }
 }
 
@@ -90,61 +91,74 @@ void ZavloAuthenticationBridge::invokeJsonStringCallback(const std::string& name
   });
 }
 
-void ZavloAuthenticationBridge::handleInitAuth(const nlohmann::json& body, const std::string& callbackName) {
+void ZavloAuthenticationBridge::answer(const Asker& asker, const nlohmann::json& jsonObject) {
+  if (!asker.reply) {
+    invokeJsonStringCallback(asker.callbackName, jsonObject);
+    return;
+  }
+  // The promise is settled even when the callback's name is not one that may be called.
+  auto script = ZavloAuthJavaScriptUtils::javaScriptCallbackWithJsonStringArgument(asker.callbackName, jsonObject);
+  services_.mainQueue.post(
+      [weakSelf = weak_from_this(), reply = asker.reply, script = std::move(script).value_or(""), jsonObject] {
+        const auto self = weakSelf.lock();
+        if (!self || !self->webView_.lock()) return;
+        reply->answer(script, jsonObject);
+      });
+}
+
+void ZavloAuthenticationBridge::handleInitAuth(const nlohmann::json& body, const Asker& asker) {
   const auto* text = stringAt(body, "initConfig");
   auto config = text ? ZavloAuthInitConfig::fromJsonString(*text) : nullptr;
   if (!config) {
-    answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::invalidJsonConfiguration));
+    answerFailure(asker, ZavloPublicErrors::exception(ZavloPublicError::invalidJsonConfiguration));
     return;
   }
   // Kept even when the start below cannot run.
   initConfig_ = config;
   auto viewController = viewController_.lock();
   if (!viewController) {
-    answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::noViewController));
+    answerFailure(asker, ZavloPublicErrors::exception(ZavloPublicError::noViewController));
     return;
   }
   services_.mainQueue.post([operations = services_.operations, requestId = config->requestId(),
                             viewController = std::move(viewController),
-                            completion = answering(shared_from_this(), callbackName)]() mutable {
+                            completion = answering(shared_from_this(), asker)]() mutable {
     operations->initAuth(std::move(requestId), std::move(viewController), std::move(completion));
   });
 }
 
-void ZavloAuthenticationBridge::handleStartAuth(const nlohmann::json& body, const std::string& callbackName) {
+void ZavloAuthenticationBridge::handleStartAuth(const nlohmann::json& body, const Asker& asker) {
   const std::string* url = nullptr;
   for (const char* key : {"snaUri", "snaURL", "snaLink"}) {
     if ((url = stringAt(body, key))) break;
   }
   if (!url) {
-    answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::invalidSnaUri));
+    answerFailure(asker, ZavloPublicErrors::exception(ZavloPublicError::invalidSnaUri));
     return;
   }
-  services_.operations->startAuth(*url, answering(shared_from_this(), callbackName));
+  services_.operations->startAuth(*url, answering(shared_from_this(), asker));
 }
 
-void ZavloAuthenticationBridge::handleGetDeviceBindingState(const nlohmann::json& body,
-                                                            const std::string& callbackName) {
-  if (auto config = deviceBindingConfig(body, callbackName)) {
-    services_.operations->getDeviceBindingState(*config, answering(shared_from_this(), callbackName));
+void ZavloAuthenticationBridge::handleGetDeviceBindingState(const nlohmann::json& body, const Asker& asker) {
+  if (auto config = deviceBindingConfig(body, asker)) {
+    services_.operations->getDeviceBindingState(*config, answering(shared_from_this(), asker));
   }
 }
 
-void ZavloAuthenticationBridge::handleEnrollDeviceBinding(const nlohmann::json& body, const std::string& callbackName) {
-  if (auto config = deviceBindingConfig(body, callbackName)) {
-    services_.operations->enrollDeviceBinding(*config, answering(shared_from_this(), callbackName));
+void ZavloAuthenticationBridge::handleEnrollDeviceBinding(const nlohmann::json& body, const Asker& asker) {
+  if (auto config = deviceBindingConfig(body, asker)) {
+    services_.operations->enrollDeviceBinding(*config, answering(shared_from_this(), asker));
   }
 }
 
-void ZavloAuthenticationBridge::handleSignDeviceBindingChallenge(const nlohmann::json& body,
-                                                                 const std::string& callbackName) {
-  if (auto config = deviceBindingConfig(body, callbackName)) {
-    services_.operations->signDeviceBindingChallenge(*config, answering(shared_from_this(), callbackName));
+void ZavloAuthenticationBridge::handleSignDeviceBindingChallenge(const nlohmann::json& body, const Asker& asker) {
+  if (auto config = deviceBindingConfig(body, asker)) {
+    services_.operations->signDeviceBindingChallenge(*config, answering(shared_from_this(), asker));
   }
 }
 
 std::optional<nlohmann::json> ZavloAuthenticationBridge::deviceBindingConfig(const nlohmann::json& body,
-                                                                             const std::string& callbackName) {
+                                                                             const Asker& asker) {
   const auto found = body.find("config");
   if (found != body.end()) {
     if (found->is_object()) return *found;
@@ -152,7 +166,7 @@ std::optional<nlohmann::json> ZavloAuthenticationBridge::deviceBindingConfig(con
       if (auto parsed = ZavloConfigValues::parseObject(found->get_ref<const std::string&>())) return parsed;
     }
   }
-  answerFailure(callbackName, ZavloPublicErrors::exception(ZavloPublicError::invalidJsonConfiguration));
+  answerFailure(asker, ZavloPublicErrors::exception(ZavloPublicError::invalidJsonConfiguration));
   return std::nullopt;
 }
 
@@ -161,6 +175,6 @@ std::vector<std::string> ZavloAuthenticationBridge::stringListValue(const nlohma
   return ZavloConfigValues::stringListValue(dictionary, key);
 }
 
-void ZavloAuthenticationBridge::answerFailure(const std::string& callbackName, const ZavloAuthException& exception) {
-  invokeJsonStringCallback(callbackName, dictionaryOf(exception));
+void ZavloAuthenticationBridge::answerFailure(const Asker& asker, const ZavloAuthException& exception) {
+  answer(asker, dictionaryOf(exception));
 }

@@ -39,9 +39,22 @@ class ZavloAuthenticationBridge final : public ZavloScriptMessageHandler,
   static std::shared_ptr<ZavloAuthenticationBridge> create(std::weak_ptr<ZavloWebView> webView,
                                                            std::weak_ptr<void> viewController, Services services);
 
+  /// Whom an answer goes to: the page's callback and, when the web view tells documents
+  /// apart, the document that asked, and its origin.
+  struct Asker {
+    Asker(std::string callbackName) : callbackName(std::move(callbackName)) {}  // NOLINT: a name alone is an asker
+    Asker(std::string callbackName, std::shared_ptr<ZavloScriptMessageReply> reply, std::string origin)
+        : callbackName(std::move(callbackName)), reply(std::move(reply)), origin(std::move(origin)) {}
+    std::string callbackName;
+    std::shared_ptr<ZavloScriptMessageReply> reply;
+    std::string origin;
+  };
+
   /// One page message: an object with a string "method" and a string "callback", else
   /// ignored (there is nobody to answer).
-  void didReceiveScriptMessage(const nlohmann::json& body) override;
+  void didReceiveScriptMessage(const ZavloScriptMessage& message) override;
+  /// The same for a body from the host's own page, answered in whatever the view shows.
+  void didReceiveScriptMessage(const nlohmann::json& body) { didReceiveScriptMessage(ZavloScriptMessage{body, {}, {}}); }
   /// Whether body is a message the bridge answers: exactly once, as long as the bridge and
   /// its web view exist. A message with a callback that is not a plain identifier still
   /// runs its operation, but its answer is never evaluated.
@@ -55,15 +68,20 @@ class ZavloAuthenticationBridge final : public ZavloScriptMessageHandler,
   /// its web view still exist then. Callable from any thread; failures are silent.
   void invokeJsonStringCallback(const std::string& name, const nlohmann::json& jsonObject);
 
-  void handleInitAuth(const nlohmann::json& body, const std::string& callbackName);
-  void handleStartAuth(const nlohmann::json& body, const std::string& callbackName);
-  void handleGetDeviceBindingState(const nlohmann::json& body, const std::string& callbackName);
-  void handleEnrollDeviceBinding(const nlohmann::json& body, const std::string& callbackName);
-  void handleSignDeviceBindingChallenge(const nlohmann::json& body, const std::string& callbackName);
+  /// Answers asker with jsonObject, later on the main queue, if the bridge and its web view
+  /// still exist then: through its reply when it has one (the callback, if its name is a
+  /// plain identifier, and the promise), else as invokeJsonStringCallback. Any thread.
+  void answer(const Asker& asker, const nlohmann::json& jsonObject);
+
+  void handleInitAuth(const nlohmann::json& body, const Asker& asker);
+  void handleStartAuth(const nlohmann::json& body, const Asker& asker);
+  void handleGetDeviceBindingState(const nlohmann::json& body, const Asker& asker);
+  void handleEnrollDeviceBinding(const nlohmann::json& body, const Asker& asker);
+  void handleSignDeviceBindingChallenge(const nlohmann::json& body, const Asker& asker);
 
   /// body["config"] as an object, given as one or as JSON text; otherwise answers
-  /// INVALID_JSON_CONFIGURATION to the callback and returns absent.
-  std::optional<nlohmann::json> deviceBindingConfig(const nlohmann::json& body, const std::string& callbackName);
+  /// INVALID_JSON_CONFIGURATION to the asker and returns absent.
+  std::optional<nlohmann::json> deviceBindingConfig(const nlohmann::json& body, const Asker& asker);
   /// dictionary[key] as a list of non-empty trimmed texts (one string is one element).
   static std::vector<std::string> stringListValue(const nlohmann::json& dictionary, std::string_view key);
 
@@ -74,7 +92,7 @@ class ZavloAuthenticationBridge final : public ZavloScriptMessageHandler,
  private:
   ZavloAuthenticationBridge(std::weak_ptr<ZavloWebView> webView, std::weak_ptr<void> viewController, Services services);
 
-  void answerFailure(const std::string& callbackName, const ZavloAuthException& exception);
+  void answerFailure(const Asker& asker, const ZavloAuthException& exception);
 
   std::weak_ptr<ZavloWebView> webView_;
   std::weak_ptr<void> viewController_;

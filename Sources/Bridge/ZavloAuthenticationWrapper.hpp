@@ -22,8 +22,11 @@ class ZavloAuthenticationWrapper {
   /// Removes any bridge installed before, turns telemetry on for the environment's
   /// tracking endpoint, and installs a new bridge in webView. The wrapper and the web view
   /// hold the bridge; the bridge holds the web view and the screen weakly.
+  ///
+  /// Only the top frames of documents that allowedOrigins admits reach the bridge; without
+  /// rules, the page the view shows now and pages of its origin (see ZavloWebView).
   void setupWebView(const std::shared_ptr<ZavloWebView>& webView, std::weak_ptr<void> viewController,
-                    ZavloAuthEnvironment environment);
+                    ZavloAuthEnvironment environment, const ZavloOriginRules& allowedOrigins = ZavloOriginRules());
   /// Removes the bridge only.
   void cleanup();
   /// Removes the bridge, clears the session and shuts telemetry down, synchronously.

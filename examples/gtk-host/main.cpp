@@ -47,7 +47,8 @@ struct Options {
 // What the page reports to the host once "Run all" has finished.
 struct PageReport final : ZavloScriptMessageHandler {
   std::optional<nlohmann::json> answers;
-  void didReceiveScriptMessage(const nlohmann::json& body) override {
+  void didReceiveScriptMessage(const ZavloScriptMessage& message) override {
+    const auto& body = message.body;
     if (body.is_object() && body.value("event", "") == "ranAll" && body.contains("answers")) answers = body["answers"];
   }
 };

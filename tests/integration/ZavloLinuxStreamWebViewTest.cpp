@@ -29,7 +29,7 @@ struct Pipe {
 };
 
 struct Recorder final : ZavloScriptMessageHandler {
-  void didReceiveScriptMessage(const nlohmann::json& body) override { bodies.push_back(body); }
+  void didReceiveScriptMessage(const ZavloScriptMessage& message) override { bodies.push_back(message.body); }
   std::vector<nlohmann::json> bodies;
 };
 

@@ -13,7 +13,7 @@
 /// Keeps every body one handler name receives (test support).
 struct ZavloRecordingHandler final : ZavloScriptMessageHandler {
   std::vector<nlohmann::json> bodies;
-  void didReceiveScriptMessage(const nlohmann::json& body) override { bodies.push_back(body); }
+  void didReceiveScriptMessage(const ZavloScriptMessage& message) override { bodies.push_back(message.body); }
 };
 
 /// A shown top-level window holding one WebKit web view; destroyed with the object unless

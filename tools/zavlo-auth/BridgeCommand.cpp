@@ -24,8 +24,10 @@ class AnswerCountingWebView final : public ZavloWebView {
  public:
   explicit AnswerCountingWebView(std::shared_ptr<ZavloWebView> view) : view_(std::move(view)) {}
 
-  void addScriptMessageHandler(std::shared_ptr<ZavloScriptMessageHandler> handler, const std::string& name) override {
-    view_->addScriptMessageHandler(std::make_shared<Counting>(std::move(handler), owed_), name);
+  using ZavloWebView::addScriptMessageHandler;
+  void addScriptMessageHandler(std::shared_ptr<ZavloScriptMessageHandler> handler, const std::string& name,
+                               const ZavloOriginRules& allowed) override {
+    view_->addScriptMessageHandler(std::make_shared<Counting>(std::move(handler), owed_), name, allowed);
   }
   void removeScriptMessageHandler(const std::string& name) override { view_->removeScriptMessageHandler(name); }
   void evaluateJavaScript(const std::string& script) override {
@@ -38,9 +40,9 @@ class AnswerCountingWebView final : public ZavloWebView {
   struct Counting final : ZavloScriptMessageHandler {
     Counting(std::shared_ptr<ZavloScriptMessageHandler> handler, std::shared_ptr<std::size_t> owed)
         : handler(std::move(handler)), owed(std::move(owed)) {}
-    void didReceiveScriptMessage(const nlohmann::json& body) override {
-      if (ZavloAuthenticationBridge::expectsAnswer(body)) ++*owed;
-      handler->didReceiveScriptMessage(body);
+    void didReceiveScriptMessage(const ZavloScriptMessage& message) override {
+      if (ZavloAuthenticationBridge::expectsAnswer(message.body)) ++*owed;
+      handler->didReceiveScriptMessage(message);
     }
     std::shared_ptr<ZavloScriptMessageHandler> handler;
     std::shared_ptr<std::size_t> owed;

@@ -39,7 +39,8 @@ void ZavloLinuxStreamWebView::start() {
 }
 
 void ZavloLinuxStreamWebView::addScriptMessageHandler(std::shared_ptr<ZavloScriptMessageHandler> handler,
-                                                      const std::string& name) {
+                                                      const std::string& name,
+                                                      const ZavloOriginRules& /*allowed*/) {
   handlers_[name] = std::move(handler);
 }
 
@@ -119,7 +120,7 @@ bool ZavloLinuxStreamWebView::deliver(std::string line, bool overlong) {
     const auto found = self->handlers_.find(self->messageHandlerName_);
     if (found == self->handlers_.end()) return;
     const auto handler = found->second;  // held for the call: it may remove itself
-    handler->didReceiveScriptMessage(*body);
+    handler->didReceiveScriptMessage(ZavloScriptMessage{std::move(*body), {}, {}});
   });
   return true;
 }

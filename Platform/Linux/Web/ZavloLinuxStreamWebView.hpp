@@ -43,7 +43,9 @@ class ZavloLinuxStreamWebView final : public ZavloWebView,
   /// Starts reading; call once, after the handler is installed if no message may be lost.
   void start();
 
-  void addScriptMessageHandler(std::shared_ptr<ZavloScriptMessageHandler> handler, const std::string& name) override;
+  using ZavloWebView::addScriptMessageHandler;
+  void addScriptMessageHandler(std::shared_ptr<ZavloScriptMessageHandler> handler, const std::string& name,
+                               const ZavloOriginRules& allowed) override;
   void removeScriptMessageHandler(const std::string& name) override;
   /// Writes script and a line feed; a script holding a line break would span lines, which
   /// no callback text of the library does. A closed output drops the rest silently.
