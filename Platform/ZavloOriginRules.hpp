@@ -17,7 +17,10 @@
 ///   "https://a.example" and "https://a.example:443" are one rule; other schemes need a port
 ///   to match a port;
 /// - nothing else: no user, path, query, fragment, wildcard elsewhere, empty host, or port
-///   outside 1..65535.
+///   outside 1..65535; no blank, control or non-ASCII character (a name is written in its
+///   xn-- form, as browsers serialise it); no host ending in a dot (to a browser
+///   "a.example." is another origin than "a.example", which only "*" allows); an IPv4
+///   address only as four decimal numbers (browsers write "127.1" as "127.0.0.1").
 ///
 /// An origin, as a document has one ("scheme://host[:port]", the serialisation browsers
 /// give `location.origin`), is allowed when any rule matches it; "null" and anything that is
@@ -36,7 +39,11 @@ class ZavloOriginRules {
   /// has no such origin (about:blank, data:, a file).
   static ZavloOriginRules sameOriginAs(std::string_view url);
   /// The origin of an absolute URL, serialised as browsers do: scheme and host lowercased,
-  /// the port left out when it is the scheme's default; "null" when it has none.
+  /// user information dropped, an IPv6 address in its shortest form, the port left out when
+  /// it is the scheme's default; a blob URL's the origin of the http(s) URL inside. "null"
+  /// when it has none (about:, data:, file:, javascript:, no "//host"), and also when its
+  /// host is not written as browsers serialise it (an escape, a non-ASCII name, "127.1", a
+  /// trailing dot, a backslash): never an origin the browser's might differ from.
   static std::string originOf(std::string_view url);
 
   /// True when no rules were given (default constructed).
@@ -44,8 +51,12 @@ class ZavloOriginRules {
   /// Whether a document of this serialised origin may reach the bridge.
   [[nodiscard]] bool allows(std::string_view origin) const;
   /// Patterns for a WebKit user script's allow list ("scheme://host/*", "scheme://*.host/*")
-  /// that cover every allowed origin: ports are not part of those patterns, so they cover
-  /// more, and the page side checks again. Empty when every origin is allowed.
+  /// that cover every allowed origin: ports are not part of those patterns, and "*.host"
+  /// also matches host itself, so they cover more, and the page side checks again with
+  /// allows(). Empty, which WebKit reads as every page, only when a rule is "*". Rules that
+  /// allow nothing, and a default-constructed object (whose page only the web view knows:
+  /// it asks sameOriginAs(page) for its patterns), give the one pattern
+  /// "zavlo-none://none/*", which matches no page, so that no list is empty by mistake.
   [[nodiscard]] std::vector<std::string> uriPatterns() const;
   /// The rules as given, for traces.
   [[nodiscard]] const std::vector<std::string>& texts() const noexcept { return texts_; }
@@ -54,9 +65,9 @@ class ZavloOriginRules {
   struct Rule {
     bool any = false;  // "*"
     std::string scheme;
-    std::string host;  // lowercased; without the "*." of a subdomain rule; an IPv6 one in brackets
+    std::string host;  // lowercased; without the "*." of a subdomain rule; an IPv6 one in brackets, shortest form
     bool subdomains = false;
-    std::uint16_t port = 0;  // 0: the scheme has no default and none was given
+    std::uint16_t port = 0;  // the scheme's default when none was given; 0: it has none either
   };
 
   bool ownPageOnly_ = true;
