@@ -1,4 +1,4 @@
-#include "Core/ZavloOriginRules.hpp"
+#include "Platform/ZavloOriginRules.hpp"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 // which rule texts it refuses and why, the origin of a URL, and the WebKit patterns.
 #include <gtest/gtest.h>
 
-#include "Core/ZavloOriginRules.hpp"
+#include "Platform/ZavloOriginRules.hpp"
 
 namespace {
 
