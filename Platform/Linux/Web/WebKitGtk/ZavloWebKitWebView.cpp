@@ -19,6 +19,8 @@ namespace {
 constexpr const char* kPageScript = R"JS((() => {
   if (window.top !== window) return;
   const name = @NAME@;
+  // Once per document and name: a handler added again finds this one in place.
+  if (Object.prototype.hasOwnProperty.call(window, '__zavloBridgeDocument_' + name)) return;
   const postEvent = 'zavlo-bridge-post:' + name, answerEvent = 'zavlo-bridge-answer:' + name;
   const token = Array.from(crypto.getRandomValues(new Uint32Array(4)), (n) => n.toString(16).padStart(8, '0')).join('');
   Object.defineProperty(window, '__zavloBridgeDocument_' + name, {value: token});
@@ -57,9 +59,14 @@ constexpr const char* kPageScript = R"JS((() => {
 constexpr const char* kRelayScript = R"JS((() => {
   if (window.top !== window) return;
   const name = @NAME@;
+  const mark = '__zavloBridgeRelay_' + name;
+  if (window[mark]) return;
+  window[mark] = true;
   const postEvent = 'zavlo-bridge-post:' + name, answerEvent = 'zavlo-bridge-answer:' + name;
-  const handler = window.webkit.messageHandlers[name];
   document.addEventListener(postEvent, (event) => {
+    // Looked up on each post: a handler removed meanwhile is gone from this world too.
+    const handler = window.webkit && window.webkit.messageHandlers[name];
+    if (!handler) return;
     if (typeof event.detail !== 'string') return;
     let post;
     try { post = JSON.parse(event.detail); } catch (error) { return; }
@@ -334,6 +341,15 @@ void ZavloWebKitWebView::addScriptMessageHandler(std::shared_ptr<ZavloScriptMess
         webkit_user_script_new_for_world(relay.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
                                          WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, kScriptWorld, list, nullptr);
     for (auto* script : registration->scripts) webkit_user_content_manager_add_script(manager, script);
+    // User scripts reach the documents loaded from now on; an allowed page shown now gets
+    // the same scripts at once.
+    const auto shown = state_->shownOrigin();
+    if (shown != "null" && registration->allows(shown)) {
+      webkit_web_view_evaluate_javascript(state_->webView, page.data(), static_cast<gssize>(page.size()), nullptr,
+                                          nullptr, nullptr, nullptr, nullptr);
+      webkit_web_view_evaluate_javascript(state_->webView, relay.data(), static_cast<gssize>(relay.size()),
+                                          kScriptWorld, nullptr, nullptr, nullptr, nullptr);
+    }
   }
   state_->registrations.push_back(registration.get());
   registrations_.emplace(name, std::move(registration));
