@@ -96,7 +96,7 @@ struct GFreeDeleter {
 
 // What the replies still owed share with the view: they may outlive it.
 struct ZavloWebKitWebView::State {
-  WebKitWebView* webView = nullptr;  // cleared when the widget is destroyed or this view goes
+  WebKitWebView* webView = nullptr;                    // cleared when the widget is destroyed or this view goes
   WebKitUserContentManager* contentManager = nullptr;  // held strongly
   Observer observer;
   std::uint64_t document = 0;  // counts the documents committed in the view
@@ -190,8 +190,8 @@ class WebKitReply final : public ZavloScriptMessageReply {
       // The token check makes an evaluation that lands after a navigation do nothing.
       const auto guarded = "if (window[" + nlohmann::json("__zavloBridgeDocument_" + name_).dump() +
                            "] === " + nlohmann::json(token_).dump() + ") " + callbackScript;
-      webkit_web_view_evaluate_javascript(state->webView, guarded.data(), static_cast<gssize>(guarded.size()),
-                                          nullptr, nullptr, nullptr, nullptr, nullptr);
+      webkit_web_view_evaluate_javascript(state->webView, guarded.data(), static_cast<gssize>(guarded.size()), nullptr,
+                                          nullptr, nullptr, nullptr, nullptr);
     }
     const auto text = result.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     JSCValue* value = jsc_value_new_from_json(context_, text.c_str());
@@ -271,13 +271,11 @@ gboolean ZavloWebKitWebView::Registration::received(WebKitUserContentManager*, J
   return TRUE;
 }
 
-ZavloWebKitWebView::ZavloWebKitWebView(WebKitWebView* webView, Observer observer)
-    : state_(std::make_shared<State>()) {
+ZavloWebKitWebView::ZavloWebKitWebView(WebKitWebView* webView, Observer observer) : state_(std::make_shared<State>()) {
   state_->observer = std::move(observer);
   if (webView == nullptr) return;
   state_->webView = webView;
-  state_->contentManager =
-      WEBKIT_USER_CONTENT_MANAGER(g_object_ref(webkit_web_view_get_user_content_manager(webView)));
+  state_->contentManager = WEBKIT_USER_CONTENT_MANAGER(g_object_ref(webkit_web_view_get_user_content_manager(webView)));
   state_->destroyHandler = g_signal_connect(webView, "destroy", G_CALLBACK(&State::destroyed), state_.get());
   state_->loadHandler = g_signal_connect(webView, "load-changed", G_CALLBACK(&State::loadChanged), state_.get());
 }
@@ -317,9 +315,8 @@ void ZavloWebKitWebView::addScriptMessageHandler(std::shared_ptr<ZavloScriptMess
   const auto signal = "script-message-with-reply-received::" + name;
   registration->signalHandler =
       g_signal_connect(manager, signal.c_str(), G_CALLBACK(&Registration::received), registration.get());
-  registration->registered =
-      webkit_user_content_manager_register_script_message_handler_with_reply(manager, name.c_str(), kScriptWorld) !=
-      FALSE;
+  registration->registered = webkit_user_content_manager_register_script_message_handler_with_reply(
+                                 manager, name.c_str(), kScriptWorld) != FALSE;
 
   // Rules that allow nothing get no scripts at all: an empty allow list means every page.
   const bool reachable = registration->ownPage || !allowed.texts().empty();
