@@ -4,6 +4,8 @@
 //   zavlo-gtk-host                             # a window; press the buttons
 //   zavlo-gtk-host --snapshot answers.png      # run everything, save a picture, exit
 //   xvfb-run -a zavlo-gtk-host --owner-auth allow --snapshot answers.png   # headless
+//   zavlo-gtk-host --url https://a.example/ --print-answers --exit-after 30
+//                                              # any page; what it got, on stdout
 #include <cairo.h>
 #include <webkit2/webkit2.h>
 
@@ -38,6 +40,10 @@ struct Options {
   std::vector<std::string> cellularInterfaces;
   std::optional<std::string> operatorUrl;
   std::optional<std::string> keystore;
+  std::optional<std::string> url;
+  std::vector<std::string> allowedOrigins;
+  std::optional<int> exitAfterSeconds;
+  bool printAnswers = false;
   std::string ownerAuth = "pam";
   std::optional<std::string> ownerSecretFile;
   std::string environment = "production";
@@ -137,6 +143,25 @@ int runForSnapshot(WebKitWebView* view, const PageReport& report, const Options&
   return silent.empty() && snapshot.failure.empty() && snapshot.finished ? 0 : 1;
 }
 
+// One line of JSON per answer delivered, refused post and dropped answer, so that a script
+// can check what a page got and what it did not.
+ZavloWebKitWebView::Observer printingObserver() {
+  const auto print = [](const nlohmann::json& line) { std::cout << line.dump() << std::endl; };
+  ZavloWebKitWebView::Observer observer;
+  observer.answered = [print](const std::string& origin, bool callback, const nlohmann::json& result) {
+    auto via = nlohmann::json::array({"promise"});
+    if (callback) via.insert(via.begin(), "callback");
+    print({{"answered", {{"origin", origin}, {"via", via}, {"result", result}}}});
+  };
+  observer.refused = [print](const std::string& origin, bool mainFrame, const std::string& why) {
+    print({{"refused", {{"origin", origin}, {"frame", mainFrame ? "main" : "sub"}, {"why", why}}}});
+  };
+  observer.dropped = [print](const std::string& origin) {
+    print({{"dropped", {{"origin", origin}, {"why", "the document that asked has gone"}}}});
+  };
+  return observer;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -163,7 +188,25 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"development", "production"}));
   app.add_option("--telemetry-endpoint", options.telemetryEndpoint,
                  "Send telemetry events here; without it this example sends none");
+  app.add_option("--url", options.url, "Load this page instead of the built-in one");
+  app.add_option("--allowed-origin", options.allowedOrigins,
+                 "Let top pages of this origin reach the bridge (repeatable): scheme://host[:port], "
+                 "*.host for subdomains, or * for every origin; without it only the page loaded first and its "
+                 "origin");
+  app.add_option("--exit-after", options.exitAfterSeconds,
+                 "Close the window after this many seconds (with --snapshot, --timeout bounds the run)")
+      ->check(CLI::PositiveNumber);
+  app.add_flag("--print-answers", options.printAnswers,
+               "Print a line of JSON on standard output for each answer delivered to a page, each post refused "
+               "and each answer dropped");
   CLI11_PARSE(app, argc, argv);
+  std::string ruleError;
+  const auto rules = options.allowedOrigins.empty() ? std::optional(ZavloOriginRules())
+                                                    : ZavloOriginRules::parse(options.allowedOrigins, &ruleError);
+  if (!rules) {
+    std::cerr << "zavlo-gtk-host: --allowed-origin: " << ruleError << '\n';
+    return 2;
+  }
 
   if (gtk_init_check(&argc, &argv) == FALSE) {
     std::cerr << "zavlo-gtk-host: no display to open (set DISPLAY, or run it under xvfb-run -a)\n";
@@ -219,13 +262,14 @@ int main(int argc, char** argv) {
 
   // The bridge holds the screen weakly: it lives as long as this function.
   const auto screen = std::shared_ptr<void>(window, [](void*) {});
-  auto webView = std::make_shared<ZavloWebKitWebView>(view);
+  auto webView = std::make_shared<ZavloWebKitWebView>(
+      view, options.printAnswers ? printingObserver() : ZavloWebKitWebView::Observer{});
   auto report = std::make_shared<PageReport>();
   webView->addScriptMessageHandler(report, "gtk_host");
   auto& wrapper = ZavloAuthenticationWrapper::shared();
   const auto environment =
       options.environment == "development" ? ZavloAuthEnvironment::development : ZavloAuthEnvironment::production;
-  wrapper.setupWebView(webView, screen, environment);
+  wrapper.setupWebView(webView, screen, environment, *rules);
   auto& logManager = *ZavloAuthenticationGraph::shared().logManager;
   if (options.telemetryEndpoint) {
     logManager.configure(environment, *options.telemetryEndpoint);
@@ -237,7 +281,11 @@ int main(int argc, char** argv) {
                                    {"unknownKeyId", "zavlo-gtk-host-no-such-key"},
                                    {"notes", notes},
                                    {"autoRun", options.snapshot.has_value()}};
-  webkit_web_view_load_html(view, pageWith(settings).c_str(), "https://zavlo-gtk-host.invalid/");
+  if (options.url) {
+    webkit_web_view_load_uri(view, options.url->c_str());
+  } else {
+    webkit_web_view_load_html(view, pageWith(settings).c_str(), "https://zavlo-gtk-host.invalid/");
+  }
 
   int status = 0;
   if (options.snapshot) {
@@ -245,6 +293,15 @@ int main(int argc, char** argv) {
     gtk_widget_destroy(window);
   } else {
     g_signal_connect(window, "destroy", G_CALLBACK(gtk_main_quit), nullptr);
+    if (options.exitAfterSeconds) {
+      g_timeout_add_seconds(
+          static_cast<guint>(*options.exitAfterSeconds),
+          [](gpointer data) -> gboolean {
+            gtk_widget_destroy(static_cast<GtkWidget*>(data));
+            return G_SOURCE_REMOVE;
+          },
+          window);
+    }
     gtk_main();
   }
   wrapper.cleanupAll();

@@ -4,13 +4,16 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "Testing/Network/ZavloProcess.hpp"
 #include "ZavloGtkDisplay.hpp"
+#include "tools/peers/ZavloHttpTestServer.hpp"
 #include "tools/peers/ZavloTemporaryDirectory.hpp"
 
 #if defined(ZAVLO_GTK_HOST_BINARY)
@@ -57,6 +60,57 @@ TEST(ZavloGtkHostExample, ASnapshotRunAnswersEveryMethodAndSavesAPng) {
   file.read(magic.data(), 8);
   EXPECT_EQ(magic, std::string("\x89PNG\r\n\x1a\n", 8));
   EXPECT_GT(std::filesystem::file_size(picture), 1000U);
+}
+
+// Any page, the rules given, and what the page got printed a line each.
+TEST(ZavloGtkHostExample, PrintsWhatAPageGotAndWhatItWasRefused) {
+  ZAVLO_REQUIRE_GTK();
+  ZavloHttpTestServer site([](const ZavloHttpTestRequest&) -> std::optional<ZavloHttpTestReply> {
+    ZavloHttpTestReply reply;
+    reply.headers = {{"Content-Type", "text/html"}};
+    reply.body =
+        "<!DOCTYPE html><script>function cb() {}\n"
+        "window.webkit.messageHandlers.zavlo_authentication_bridge.postMessage("
+        "{method: 'getCapabilities', callback: 'cb'});</script>";
+    return reply;
+  });
+  const auto origin = site.url("");
+  struct Case {
+    std::vector<std::string> rules;
+    int exitStatus;
+    const char* line;  // the one line expected, by its first key; nullptr: none
+    std::string detail;
+  };
+  const std::vector<Case> cases{
+      {{"--allowed-origin", origin}, 0, "answered", origin},
+      {{}, 0, "answered", origin},  // the page loaded first is the host's own
+      {{"--allowed-origin", "http://127.0.0.1:1"}, 0, "refused", "an origin the rules do not allow"},
+      {{"--allowed-origin", "https://a.example/path"}, 2, nullptr, "https://a.example/path"},
+  };
+  for (const auto& [rules, exitStatus, line, detail] : cases) {
+    std::vector<std::string> command{ZAVLO_GTK_HOST_BINARY, "--url", site.url("/"),  "--print-answers",
+                                     "--exit-after",        "4",     "--owner-auth", "deny"};
+    command.insert(command.end(), rules.begin(), rules.end());
+    const auto run = zavloRunProcess(command);
+    ASSERT_EQ(run.exitStatus, exitStatus) << run.standardOutput << run.standardError;
+    if (line == nullptr) {
+      EXPECT_NE(run.standardError.find(detail), std::string::npos) << run.standardError;
+      EXPECT_EQ(run.standardOutput, "");
+      continue;
+    }
+    const auto printed = nlohmann::json::parse(run.standardOutput, nullptr, false);
+    ASSERT_TRUE(printed.is_object() && printed.contains(line)) << detail << ": " << run.standardOutput;
+    const auto& entry = printed[line];
+    if (std::string(line) == "answered") {
+      EXPECT_EQ(entry["origin"], detail);
+      EXPECT_EQ(entry["via"], nlohmann::json({"callback", "promise"}));
+      EXPECT_EQ(entry["result"].value("bridgeVersion", 0), 2) << entry;
+    } else {
+      EXPECT_EQ(entry["origin"], origin);
+      EXPECT_EQ(entry["frame"], "main");
+      EXPECT_EQ(entry["why"], detail);
+    }
+  }
 }
 
 #endif
