@@ -226,3 +226,51 @@ TEST_F(ZavloAuthenticationBridgeTest, OneBridgeAtATimeAndNothingReachesAPageThat
   wrapper.cleanupAll();
   EXPECT_TRUE(bridge->webView().expired());
 }
+
+namespace {
+
+// What a web view that tells documents apart records of the answers it was given.
+struct RecordingReply final : ZavloScriptMessageReply {
+  bool answer(const std::string& callbackScript, const json& result) override {
+    answers.push_back({callbackScript, result});
+    return true;
+  }
+  std::vector<std::pair<std::string, json>> answers;
+};
+
+}  // namespace
+
+TEST_F(ZavloAuthenticationBridgeTest, AMessageWithAReplyIsAnsweredThroughItAndTheRulesReachTheView) {
+  const auto capabilities = ZavloAuthResponseUtils::capabilitiesDictionary();
+  struct Case {
+    json body;
+    std::size_t answers;
+    std::string scriptStart;  // of the callback's call; empty: none is evaluated
+    json result;
+  };
+  const std::vector<Case> cases{
+      {{{"method", "getCapabilities"}, {"callback", "cb"}}, 1, "cb(\"", capabilities},
+      // The promise still settles when the callback's name may not be called.
+      {{{"method", "getCapabilities"}, {"callback", "a.b"}}, 1, "", capabilities},
+      {{{"method", "nope"}, {"callback", "cb"}}, 1, "cb(\"", failure("UNSUPPORTED_METHOD", "Unsupported method: nope")},
+      {{{"method", "getCapabilities"}}, 0, "", nullptr},
+  };
+  for (const auto& [body, count, scriptStart, result] : cases) {
+    auto reply = std::make_shared<RecordingReply>();
+    page->postMessage(kHandler, ZavloScriptMessage{body, {"https://a.example", true}, reply});
+    graph.platform.runUntilIdle();
+    EXPECT_TRUE(page->takeEvaluatedScripts().empty()) << "answers go through the reply only: " << body;
+    ASSERT_EQ(reply->answers.size(), count) << body;
+    if (count == 0) continue;
+    EXPECT_EQ(reply->answers[0].first.substr(0, scriptStart.size()), scriptStart) << body;
+    if (scriptStart.empty()) {
+      EXPECT_EQ(reply->answers[0].first, "") << body;
+    }
+    EXPECT_EQ(reply->answers[0].second, result) << body;
+  }
+
+  EXPECT_TRUE(page->allowedOrigins(kHandler)->ownPageOnly()) << "no rules given: the host's own page";
+  const auto rules = ZavloOriginRules::parse({"https://a.example", "https://*.b.example:8443"});
+  wrapper.setupWebView(page, graph.screen, ZavloAuthEnvironment::development, *rules);
+  EXPECT_EQ(page->allowedOrigins(kHandler)->texts(), rules->texts());
+}
