@@ -17,10 +17,11 @@
 ///   "https://a.example" and "https://a.example:443" are one rule; other schemes need a port
 ///   to match a port;
 /// - nothing else: no user, path, query, fragment, wildcard elsewhere, empty host, or port
-///   outside 1..65535; no blank, control or non-ASCII character (a name is written in its
-///   xn-- form, as browsers serialise it); no host ending in a dot (to a browser
-///   "a.example." is another origin than "a.example", which only "*" allows); an IPv4
-///   address only as four decimal numbers (browsers write "127.1" as "127.0.0.1").
+///   outside 1..65535; a name only of letters, digits, "-", "_" and "."; no blank, control
+///   or non-ASCII character (a name is written in its xn-- form, as browsers serialise it);
+///   no host ending in a dot (to a browser "a.example." is another origin than "a.example",
+///   which only "*" allows); an IPv4 address only as four decimal numbers (browsers write
+///   "127.1" as "127.0.0.1").
 ///
 /// An origin, as a document has one ("scheme://host[:port]", the serialisation browsers
 /// give `location.origin`), is allowed when any rule matches it; "null" and anything that is
@@ -40,7 +41,7 @@ class ZavloOriginRules {
   static ZavloOriginRules sameOriginAs(std::string_view url);
   /// The origin of an absolute URL, serialised as browsers do: scheme and host lowercased,
   /// user information dropped, an IPv6 address in its shortest form, the port left out when
-  /// it is the scheme's default; a blob URL's the origin of the http(s) URL inside. "null"
+  /// it is the scheme's default; a blob URL has the origin of the http(s) URL inside. "null"
   /// when it has none (about:, data:, file:, javascript:, no "//host"), and also when its
   /// host is not written as browsers serialise it (an escape, a non-ASCII name, "127.1", a
   /// trailing dot, a backslash): never an origin the browser's might differ from.

@@ -131,8 +131,8 @@ bool readGroups(std::string_view text, bool ipv4Tail, std::vector<std::uint16_t>
 // text, without its brackets, written again as browsers serialise an address: lower-case
 // hexadecimal without leading zeros, the first longest run of two or more zero groups as "::".
 const char* readIpv6(std::string_view text, std::string& host) {
+  // A second "::" leaves an empty group on one side, which readGroups refuses.
   const auto gap = text.find("::");
-  if (gap != std::string_view::npos && text.find("::", gap + 1) != std::string_view::npos) return kBadIpv6;
   std::vector<std::uint16_t> head;
   std::vector<std::uint16_t> tail;
   if (gap == std::string_view::npos) {
@@ -351,11 +351,12 @@ bool ZavloOriginRules::allows(std::string_view origin) const {
   if (std::any_of(rules_.begin(), rules_.end(), [](const Rule& rule) { return rule.any; })) return true;
   Parts parts;
   if (readOrigin(origin, false, parts) != nullptr) return false;
-  const bool isName = !parts.host.starts_with('[') && !isIpv4(parts.host);
   return std::any_of(rules_.begin(), rules_.end(), [&](const Rule& rule) {
     if (rule.scheme != parts.scheme || rule.port != parts.port) return false;
     if (!rule.subdomains) return rule.host == parts.host;
-    return isName && parts.host.size() > rule.host.size() + 1 && parts.host.ends_with(rule.host) &&
+    // No address matches: a subdomain rule's name never ends in a number as an IPv4
+    // address does, and an IPv6 one, written again in hexadecimal, holds no dot.
+    return parts.host.size() > rule.host.size() + 1 && parts.host.ends_with(rule.host) &&
            parts.host[parts.host.size() - rule.host.size() - 1] == '.';
   });
 }
