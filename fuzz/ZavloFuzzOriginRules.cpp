@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "Core/ZavloOriginRules.hpp"
+#include "Platform/ZavloOriginRules.hpp"
 #include "ZavloFuzzSupport.hpp"
 
 namespace {
