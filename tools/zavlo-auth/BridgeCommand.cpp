@@ -111,10 +111,11 @@ void addBridgeCommand(CLI::App& app, ZavloCliContext& context) {
       ->required();
   bridge
       ->add_option("--allowed-origin", *allowedOrigins,
-                   "Let the top frames of documents of this origin reach the bridge (repeatable): \"*\" or "
-                   "scheme://host[:port], the host perhaps *.NAME for its subdomains. Without it only lines with "
-                   "no envelope pass; with it only envelopes from allowed origins, and lines with none only "
-                   "under \"*\"")
+                   "Let the top frames of documents of this origin reach the bridge (repeatable): \"*\" for any, "
+                   "or scheme://host[:port], where host may be *.NAME for the subdomains of NAME. Without it only "
+                   "lines with no envelope pass; with it only envelopes from allowed origins, and lines with none "
+                   "only under \"*\"")
+      ->type_name("RULE")
       ->allow_extra_args(false);
   bridge->callback([stdio, allowedOrigins, &context] {
     ZavloOriginRules rules;
