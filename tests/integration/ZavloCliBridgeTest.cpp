@@ -3,6 +3,7 @@
 #ifdef ZAVLO_AUTH_BINARY
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -52,8 +53,24 @@ json message(const std::string& method, const std::string& callback, json argume
   return arguments;
 }
 
+// A line the host writes for a document it vouches for.
+json envelope(const std::string& origin, const std::string& frame, json body) {
+  return {{"origin", origin}, {"frame", frame}, {"message", std::move(body)}};
+}
+
 class ZavloCliBridge : public ::testing::Test {
  protected:
+  /// With -v and an --allowed-origin for each rule.
+  std::vector<std::string> command(const std::vector<std::string>& rules) const {
+    auto arguments = command();
+    arguments.insert(arguments.begin() + 1, "-v");
+    for (const auto& rule : rules) {
+      arguments.emplace_back("--allowed-origin");
+      arguments.push_back(rule);
+    }
+    return arguments;
+  }
+
   std::vector<std::string> command() const {
     std::ofstream(folder.path() / "owner-secret") << "page owner's secret\n";
     return {ZAVLO_AUTH_BINARY,
@@ -161,6 +178,126 @@ TEST_F(ZavloCliBridge, APageDrivesEveryOperationAndTheProcessEndsWhenTheLastAnsw
   std::size_t events = 0;
   for (const auto& request : collector.requests()) events += json::parse(request.body).contains("eventName") ? 1 : 0;
   EXPECT_GE(events, 13U) << "init 2, two chains 5 + 7, enrolment and signing at least 1 each";
+}
+
+TEST_F(ZavloCliBridge, OnlyLinesTheRulesAllowAreAnsweredAndEachRefusalIsTraced) {
+  const auto capabilities = message("getCapabilities", "cb");
+  const auto plain = capabilities.dump();
+  const auto line = [&](const std::string& origin, const std::string& frame) {
+    return envelope(origin, frame, capabilities).dump();
+  };
+  // What -v says about a line that is not answered.
+  const auto refused = [](const std::string& origin, const std::string& frame, const std::string& why) {
+    return "bridge: refused a message from " + origin + " (" + frame + " frame): " + why;
+  };
+  const std::string a = "https://a.example", ownPage = "the host's own page";
+  const std::string noRules = "no rules were given", notTop = "not the top frame",
+                    notAllowed = "an origin the rules do not allow", noEnvelope = "a line without an envelope";
+  const std::string badOrigin = "bridge: input line ignored: an envelope's origin is written as browsers";
+  const std::string badValues = "bridge: input line ignored: an envelope's origin is a string and its frame";
+  auto withEnvelopeKeys = envelope(a, "main", {});
+  withEnvelopeKeys.update(capabilities);
+  struct Case {
+    std::vector<std::string> rules;
+    std::string line;
+    bool answered;
+    std::string trace;  // in standard error when not answered
+  };
+  const std::vector<Case> cases = {
+      // No rules: the host's own page, which writes plain lines.
+      {{}, plain, true, ""},
+      {{}, line(a, "main"), false, refused(a, "main", noRules)},
+      // Rules: the top frame of an allowed origin, named in an envelope.
+      {{a}, line(a, "main"), true, ""},
+      {{a}, line(a, "sub"), false, refused(a, "sub", notTop)},
+      {{a}, line("https://b.example", "main"), false, refused("https://b.example", "main", notAllowed)},
+      {{a}, line("http://a.example", "main"), false, refused("http://a.example", "main", notAllowed)},
+      {{a}, line(a + ":8443", "main"), false, refused(a + ":8443", "main", notAllowed)},
+      {{a}, plain, false, refused(ownPage, "main", noEnvelope)},
+      {{"https://b.example", a + ":443"}, line(a, "main"), true, ""},
+      {{"http://a.example:80"}, line("http://a.example", "main"), true, ""},
+      {{"https://*.example.com:8443"}, line("https://x.y.example.com:8443", "main"), true, ""},
+      {{"https://*.example.com:8443"},
+       line("https://example.com:8443", "main"),
+       false,
+       refused("https://example.com:8443", "main", notAllowed)},
+      {{"https://*.example.com:8443"},
+       line("https://x.example.com", "main"),
+       false,
+       refused("https://x.example.com", "main", notAllowed)},
+      {{"*"}, plain, true, ""},
+      {{"*"}, line("null", "main"), true, ""},
+      {{"*"}, line(a, "sub"), false, refused(a, "sub", notTop)},
+      // An envelope with other values than an envelope holds is no message at all.
+      {{"*"}, line(a + ":443", "main"), false, badOrigin},
+      {{"*"}, line(a + "/", "main"), false, badOrigin},
+      {{"*"}, line("", "main"), false, badOrigin},
+      {{"*"}, line(a, "top"), false, badValues},
+      {{"*"}, json{{"origin", 1}, {"frame", "main"}, {"message", capabilities}}.dump(), false, badValues},
+      // Only exactly these three keys make an envelope, so no message is read as one; an
+      // envelope's message is the message, even when it looks like an envelope.
+      {{}, withEnvelopeKeys.dump(), true, ""},
+      {{"*"}, envelope(a, "main", json::parse(line(a, "main"))).dump(), false, ""},
+  };
+  for (const auto& [rules, text, answered, trace] : cases) {
+    const auto run = zavloRunProcess(command(rules), text + "\n");
+    EXPECT_EQ(run.exitStatus, 0) << text << "\n" << run.standardError;
+    EXPECT_EQ(calls(run.standardOutput).size(), answered ? 1U : 0U) << text << "\n" << run.standardError;
+    if (!trace.empty()) {
+      EXPECT_NE(run.standardError.find(trace), std::string::npos) << trace << "\n" << run.standardError;
+    }
+  }
+}
+
+TEST_F(ZavloCliBridge, ARefusedMessageRunsNothingAndIsOwedNoAnswer) {
+  const auto enrol = message("enrollDeviceBinding", "onEnroll", {{"config", R"({"requestId":"page-1"})"}});
+  const auto sign = message("signDeviceBindingChallenge", "onSign",
+                            {{"config", {{"allowedKeyIds", "any"}, {"challenge", "nonce-1"}}}});
+  const auto keyFile = folder.path() / "keys.db";
+  const std::vector<std::string> refused = {
+      enrol.dump(),
+      envelope("https://evil.example", "main", enrol).dump(),
+      envelope("https://a.example", "sub", enrol).dump(),
+      envelope("https://evil.example", "main", sign).dump(),
+      envelope("https://a.example", "sub", sign).dump(),
+  };
+  std::string input;
+  for (const auto& line : refused) input += line + "\n";
+  const auto run = zavloRunProcess(command({"https://a.example"}), input);
+  EXPECT_EQ(run.exitStatus, 0) << run.standardError;
+  EXPECT_EQ(run.standardOutput, "");
+  EXPECT_FALSE(std::filesystem::exists(keyFile)) << "the key store was opened";
+  EXPECT_EQ(run.standardError.find("--owner-auth allow:"), std::string::npos) << "the owner was asked";
+  EXPECT_EQ(collector.requestCount(), 0U) << "telemetry was sent";
+  std::size_t traced = 0;
+  for (auto at = run.standardError.find("bridge: refused a message from "); at != std::string::npos;
+       at = run.standardError.find("bridge: refused a message from ", at + 1)) {
+    ++traced;
+  }
+  EXPECT_EQ(traced, refused.size()) << run.standardError;
+
+  // The same messages from the allowed page do all of that.
+  const auto allowed =
+      zavloRunProcess(command({"https://a.example"}), envelope("https://a.example", "main", enrol).dump() + "\n" +
+                                                          envelope("https://a.example", "main", sign).dump() + "\n");
+  EXPECT_EQ(allowed.exitStatus, 0) << allowed.standardError;
+  const auto answers = calls(allowed.standardOutput);
+  ASSERT_EQ(answers.size(), 2U) << allowed.standardOutput;
+  const auto& enrolled = answers[0].callback == "onEnroll" ? answers[0] : answers[1];
+  EXPECT_EQ(enrolled.argument.at("status"), "SUCCESS") << enrolled.argument.dump();
+  EXPECT_TRUE(std::filesystem::exists(keyFile));
+  EXPECT_NE(allowed.standardError.find("--owner-auth allow:"), std::string::npos);
+  EXPECT_GT(collector.requestCount(), 0U);
+}
+
+TEST_F(ZavloCliBridge, ABadOriginRuleIsAUsageError) {
+  for (const std::string rule : {"https://a.example/", "a.example", "https://a*.example", ""}) {
+    const auto run = zavloRunProcess(command({"https://good.example", rule}), message("getCapabilities", "cb").dump());
+    EXPECT_EQ(run.exitStatus, 2) << rule;
+    EXPECT_EQ(run.standardOutput, "") << rule;
+    EXPECT_NE(run.standardError.find("--allowed-origin: not an origin rule: \"" + rule + "\""), std::string::npos)
+        << run.standardError;
+  }
 }
 
 TEST_F(ZavloCliBridge, AFloodOfMessagesIsAnsweredInOrderWithBoundedMemory) {

@@ -5,6 +5,8 @@
 #include <csignal>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "Bridge/ZavloAuthenticationWrapper.hpp"
 #include "Core/ZavloAuthEnvironment.hpp"
@@ -52,7 +54,15 @@ class AnswerCountingWebView final : public ZavloWebView {
   std::shared_ptr<std::size_t> owed_ = std::make_shared<std::size_t>(0);  // main queue only
 };
 
-void runBridge(ZavloCliContext& context) {
+// An origin in a trace line as it was written when it is one, quoted otherwise ("" is the
+// host's own page), so that no line of the input can break a line of the trace.
+std::string originForTrace(const std::string& origin) {
+  if (origin.empty()) return "the host's own page";
+  if (ZavloOriginRules::originOf(origin) == origin) return origin;
+  return nlohmann::json(origin).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+}
+
+void runBridge(ZavloCliContext& context, const ZavloOriginRules& rules) {
   // A page that stops reading must not end the process in the middle of an operation.
   std::signal(SIGPIPE, SIG_IGN);
   auto& platform = zavloCliPlatform(context.options);
@@ -60,6 +70,11 @@ void runBridge(ZavloCliContext& context) {
   ZavloLinuxStreamWebView::Events events;
   events.ignored = [&context](const std::string& reason) { context.trace("bridge: input line ignored: " + reason); };
   events.inputEnded = [&inputEnded] { inputEnded = true; };
+  // A refused message reaches no handler, so no answer is owed for it.
+  events.refused = [&context](const std::string& origin, bool mainFrame, const std::string& why) {
+    context.trace("bridge: refused a message from " + originForTrace(origin) + " (" + (mainFrame ? "main" : "sub") +
+                  " frame): " + why);
+  };
   auto stream = std::make_shared<ZavloLinuxStreamWebView>(platform.mainQueue(), STDIN_FILENO, STDOUT_FILENO,
                                                           std::string(ZavloAuthenticationBridge::kHandlerName),
                                                           std::move(events));
@@ -69,7 +84,7 @@ void runBridge(ZavloCliContext& context) {
   const auto environment = context.options.environment == "development" ? ZavloAuthEnvironment::development
                                                                         : ZavloAuthEnvironment::production;
   auto& wrapper = ZavloAuthenticationWrapper::shared();
-  wrapper.setupWebView(page, screen, environment);
+  wrapper.setupWebView(page, screen, environment, rules);
   context.telemetry();  // after setup, so that --telemetry-endpoint has the last word
   stream->start();
 
@@ -87,13 +102,30 @@ void runBridge(ZavloCliContext& context) {
 void addBridgeCommand(CLI::App& app, ZavloCliContext& context) {
   auto* bridge = app.add_subcommand("bridge", "The web bridge, with a page on standard input and output");
   auto stdio = std::make_shared<bool>(false);
+  auto allowedOrigins = std::make_shared<std::vector<std::string>>();
   bridge
       ->add_flag("--stdio", *stdio,
-                 "Read one page message (a JSON value) per input line; write each JavaScript text the bridge "
-                 "evaluates as one output line")
+                 "Read one page message per input line: a JSON value from the host's own page, or "
+                 "{\"origin\":ORIGIN,\"frame\":\"main\"|\"sub\",\"message\":VALUE} for a document the host "
+                 "vouches for; write each JavaScript text the bridge evaluates as one output line")
       ->required();
-  bridge->callback([stdio, &context] {
+  bridge
+      ->add_option("--allowed-origin", *allowedOrigins,
+                   "Let the top frames of documents of this origin reach the bridge (repeatable): \"*\" for any, "
+                   "or scheme://host[:port], where host may be *.NAME for the subdomains of NAME. Without it only "
+                   "lines with no envelope pass; with it only envelopes from allowed origins, and lines with none "
+                   "only under \"*\"")
+      ->type_name("RULE")
+      ->allow_extra_args(false);
+  bridge->callback([stdio, allowedOrigins, &context] {
+    ZavloOriginRules rules;
+    if (!allowedOrigins->empty()) {
+      std::string error;
+      auto parsed = ZavloOriginRules::parse(*allowedOrigins, &error);
+      if (!parsed) throw CLI::ValidationError("--allowed-origin", error);
+      rules = std::move(*parsed);
+    }
     zavloCliRequireOwnerSecret(context.options);  // a page may enrol and sign
-    runBridge(context);
-  });  // holds the flag CLI11 writes
+    runBridge(context, rules);
+  });  // holds the values CLI11 writes
 }

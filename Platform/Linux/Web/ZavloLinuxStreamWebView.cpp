@@ -6,9 +6,69 @@
 
 #include <array>
 #include <cerrno>
+#include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "Platform/Linux/Web/ZavloLinuxPageMessage.hpp"
+
+namespace {
+
+// One input line as the reader thread read it.
+struct PageLine {
+  std::optional<nlohmann::json> body;  // absent when the line is no message; reason says why
+  std::string reason;
+  ZavloScriptMessageSource source;  // an empty origin: a plain line, the host's own page
+};
+
+PageLine readPageLine(std::string_view text, bool overlong) {
+  PageLine line;
+  if (overlong) {
+    line.reason = "a line longer than 8 MiB";
+    return line;
+  }
+  auto value = zavloParsePageMessage(text);
+  if (!value) {
+    line.reason = "not JSON, or nested too deeply";
+    return line;
+  }
+  const bool envelope = value->is_object() && value->size() == 3 && value->contains("origin") &&
+                        value->contains("frame") && value->contains("message");
+  if (!envelope) {
+    line.body = std::move(value);
+    return line;
+  }
+  const auto& origin = (*value)["origin"];
+  const auto& frame = (*value)["frame"];
+  if (!origin.is_string() || (frame != "main" && frame != "sub")) {
+    line.reason = "an envelope's origin is a string and its frame \"main\" or \"sub\"";
+    return line;
+  }
+  // The origin reaches the owner's prompt: only the form a browser gives location.origin,
+  // never a URL, a blank origin (the host's own page) or text that could pose as a prompt.
+  const auto& named = origin.get_ref<const std::string&>();
+  if (ZavloOriginRules::originOf(named) != named) {
+    line.reason = "an envelope's origin is written as browsers serialise one: scheme://host[:port] or null";
+    return line;
+  }
+  line.source = {named, frame == "main"};
+  line.body = std::move((*value)["message"]);
+  return line;
+}
+
+// Why rules keep a message from source away from the handler; null when they let it through.
+const char* refusal(const ZavloScriptMessageSource& source, const ZavloOriginRules& rules) {
+  const bool ownPage = source.origin.empty();
+  if (!source.mainFrame) return "not the top frame";
+  if (rules.ownPageOnly()) {
+    return ownPage ? nullptr : "no rules were given: only the host's own page, whose lines have no envelope";
+  }
+  if (rules.allows(source.origin)) return nullptr;
+  return ownPage ? "a line without an envelope names no origin, and with rules given only \"*\" allows that"
+                 : "an origin the rules do not allow";
+}
+
+}  // namespace
 
 ZavloLinuxStreamWebView::ZavloLinuxStreamWebView(ZavloQueue& mainQueue, int inputFd, int outputFd,
                                                  std::string messageHandlerName, Events events)
@@ -39,9 +99,8 @@ void ZavloLinuxStreamWebView::start() {
 }
 
 void ZavloLinuxStreamWebView::addScriptMessageHandler(std::shared_ptr<ZavloScriptMessageHandler> handler,
-                                                      const std::string& name,
-                                                      const ZavloOriginRules& /*allowed*/) {
-  handlers_[name] = std::move(handler);
+                                                      const std::string& name, const ZavloOriginRules& allowed) {
+  handlers_[name] = Registration{std::move(handler), allowed};
 }
 
 void ZavloLinuxStreamWebView::removeScriptMessageHandler(const std::string& name) { handlers_.erase(name); }
@@ -102,10 +161,8 @@ bool ZavloLinuxStreamWebView::deliver(std::string line, bool overlong) {
   }
   if (!line.empty() && line.back() == '\r') line.pop_back();
   // Parsed here, off the main queue; only the value crosses over.
-  auto body = overlong ? std::nullopt : zavloParsePageMessage(line);
-  std::string reason;
-  if (!body) reason = overlong ? "a line longer than 8 MiB" : "not JSON, or nested too deeply";
-  mainQueue_.post([weakSelf = weak_from_this(), body = std::move(body), reason = std::move(reason)] {
+  auto read = readPageLine(line, overlong);
+  mainQueue_.post([weakSelf = weak_from_this(), read = std::move(read)]() mutable {
     const auto self = weakSelf.lock();
     if (!self) return;
     {
@@ -113,14 +170,18 @@ bool ZavloLinuxStreamWebView::deliver(std::string line, bool overlong) {
       --self->waiting_;
     }
     self->drained_.notify_all();
-    if (!body) {
-      if (self->events_.ignored) self->events_.ignored(reason);
+    if (!read.body) {
+      if (self->events_.ignored) self->events_.ignored(read.reason);
       return;
     }
     const auto found = self->handlers_.find(self->messageHandlerName_);
     if (found == self->handlers_.end()) return;
-    const auto handler = found->second;  // held for the call: it may remove itself
-    handler->didReceiveScriptMessage(ZavloScriptMessage{std::move(*body), {}, {}});
+    if (const char* why = refusal(read.source, found->second.rules)) {
+      if (self->events_.refused) self->events_.refused(read.source.origin, read.source.mainFrame, why);
+      return;
+    }
+    const auto handler = found->second.handler;  // held for the call: it may remove itself
+    handler->didReceiveScriptMessage(ZavloScriptMessage{std::move(*read.body), std::move(read.source), {}});
   });
   return true;
 }

@@ -16,6 +16,23 @@
 /// message the page posts to one handler name, and each script evaluated is written as one
 /// output line, at once. The page is whoever writes the input and reads the output.
 ///
+/// Whoever writes the input vouches for where each line comes from. A line is either
+/// - the message itself (any JSON value): from the host's own page, in its top frame; or
+/// - an envelope, an object with exactly the keys "origin", "frame" and "message":
+///   {"origin": "https://a.example", "frame": "main" or "sub", "message": <the message>},
+///   the origin written as browsers serialise location.origin ("scheme://host[:port]",
+///   without the scheme's default port, or "null"). A message the library acts on has
+///   "method" and "callback", so none is mistaken for an envelope; an object with exactly
+///   these three keys is always read as one, and one with other values is ignored.
+///
+/// Who may post (see ZavloWebView) is then decided per line, against the rules of the
+/// handler: only the top frame ever passes; without rules, only plain lines (the host's own
+/// page, whose origin a stream does not know); with rules, only envelopes whose origin the
+/// rules allow, and plain lines only when a rule is "*", so that a host that gives rules
+/// has every line name its origin and one it forgot to wrap is refused, not trusted.
+/// A refused line reaches no handler; the message a handler receives carries the envelope's
+/// origin and frame, or an empty origin for a plain line, and no reply.
+///
 /// Threading: as ZavloWebView. A reader thread of its own reads the input; messages reach
 /// the handler on the main queue, in input order. The reader stays at most kMaxWaiting
 /// messages ahead of the main queue, so a flood of input holds bounded memory.
@@ -27,10 +44,14 @@ class ZavloLinuxStreamWebView final : public ZavloWebView,
   static constexpr std::size_t kMaxLineBytes = 8U << 20U;
 
   struct Events {
-    /// Each line read that was not a message (not JSON, too deep, too long), on the main queue.
+    /// Each line read that was not a message (not JSON, too deep, too long, an envelope with
+    /// other values than it may hold), on the main queue.
     std::function<void(const std::string& reason)> ignored;
     /// Once, on the main queue, after the last message of the input was delivered.
     std::function<void()> inputEnded;
+    /// Each message the handler's rules kept from it, on the main queue: the origin the line
+    /// named ("" for a plain line), whether it named the top frame, and why.
+    std::function<void(const std::string& origin, bool mainFrame, const std::string& why)> refused;
   };
 
   /// Reads inputFd and writes outputFd (both stay open; the caller owns them). Messages go
@@ -62,7 +83,11 @@ class ZavloLinuxStreamWebView final : public ZavloWebView,
   const int outputFd_;
   const std::string messageHandlerName_;
   Events events_;
-  std::map<std::string, std::shared_ptr<ZavloScriptMessageHandler>, std::less<>> handlers_;
+  struct Registration {
+    std::shared_ptr<ZavloScriptMessageHandler> handler;
+    ZavloOriginRules rules;
+  };
+  std::map<std::string, Registration, std::less<>> handlers_;
   bool outputClosed_ = false;
 
   std::mutex mutex_;
