@@ -49,6 +49,13 @@ struct ZavloLinuxNetworkCore;
 /// connections still held elsewhere then report nothing more and stay safe to use and
 /// destroy. While a connection waits, the I/O thread listens to the kernel's link,
 /// address and route changes (rtnetlink) to know when to try it again.
+///
+/// Names: a connection that requires a cellular interface resolves its host over that link
+/// only (ZavloLinuxLinkLookup: c-ares, the link's own servers, queries bound to the link),
+/// and waits, as for a missing path, while no source names a server for the link. Other
+/// connections use the system resolver. Answers are kept per link for their time to live
+/// and forgotten when the network changes. D-Bus sources are asked on a thread of the
+/// service's own, joined by the destructor.
 class ZavloLinuxConnectionService {
  public:
   /// linkDns: where the cellular links' name servers come from.

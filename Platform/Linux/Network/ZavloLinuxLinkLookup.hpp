@@ -40,8 +40,8 @@ class ZavloLinuxLinkLookup final : public std::enable_shared_from_this<ZavloLinu
   ZavloLinuxLinkLookup(const ZavloLinuxLinkLookup&) = delete;
   ZavloLinuxLinkLookup& operator=(const ZavloLinuxLinkLookup&) = delete;
 
-  /// Whether a status means that the link's servers could not answer (time-out, refused,
-  /// failure on their side), which another path may cure, rather than an answer.
+  /// Whether a status means that the link's servers could not be reached (time-out, port
+  /// unreachable), which another path may cure.
   static bool serversUnreachable(int status);
   /// Whether the servers answered: with addresses, or that the name has none of the family
   /// asked for.
