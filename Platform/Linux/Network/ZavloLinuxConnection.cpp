@@ -364,17 +364,17 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     const bool needV4 = !answerV4_;
     const bool needV6 = !answerV6_;
     using Family = ZavloLinuxLinkLookup::Family;
-    lookup_ = ZavloLinuxLinkLookup::start(
-        *core_->io, linkName_, found.servers, host_,
-        needV4 && needV6 ? Family::any : (needV4 ? Family::v4 : Family::v6),
-        [weak = weak_from_this(), resolution = resolution_, needV4, needV6](ZavloLinuxLinkLookup::Result result) {
-          const auto self = weak.lock();
-          if (!self || resolution != self->resolution_) return;
-          self->resolvedOverLink(std::move(result), needV4, needV6);
-        });
+    lookup_ = ZavloLinuxLinkLookup::start(*core_->io, linkName_, found.servers, host_,
+                                          needV4 && needV6 ? Family::any : (needV4 ? Family::v4 : Family::v6),
+                                          [weak = weak_from_this(), resolution = resolution_, needV4,
+                                           needV6](const ZavloLinuxLinkLookup::Result& result) {
+                                            const auto self = weak.lock();
+                                            if (!self || resolution != self->resolution_) return;
+                                            self->resolvedOverLink(result, needV4, needV6);
+                                          });
   }
 
-  void resolvedOverLink(ZavloLinuxLinkLookup::Result result, bool askedV4, bool askedV6) {
+  void resolvedOverLink(const ZavloLinuxLinkLookup::Result& result, bool askedV4, bool askedV6) {
     lookup_.reset();
     if (cancelled_ || phase_ != Phase::preparing) return;
     if (!ZavloLinuxLinkLookup::answered(result.status)) {
