@@ -35,6 +35,12 @@ ZavloLinuxOwnerAuthenticationService makeOwnerAuthentication(ZavloLinuxOwnerAuth
   return zavloLinuxOwnerAuthenticationFactory(std::move(options));
 }
 
+ZavloLinuxLinkDnsOptions linkDns(ZavloLinuxPlatform::Options& options) {
+  return {.hostServers = std::move(options.cellularDnsServers),
+          .modemServers = std::move(options.modemDnsServers),
+          .askSystem = true};
+}
+
 }  // namespace
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
@@ -49,8 +55,8 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
                         .tpm = std::move(options.tpm),
                         .sealingCost = options.sealingCost},
       ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication), keyStoreSettings_.keyToken)),
-      connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_)
-                              : ZavloLinuxConnectionService(classifier_, runLoop_)) {}
+      connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_, linkDns(options))
+                              : ZavloLinuxConnectionService(classifier_, linkDns(options), runLoop_)) {}
 
 std::shared_ptr<ZavloConnection> ZavloLinuxPlatform::makeConnection(const std::string& host, std::uint16_t port,
                                                                     ZavloConnectionParameters parameters) {

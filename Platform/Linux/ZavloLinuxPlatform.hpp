@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -58,6 +59,15 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     /// library is delivered there. Absent: runLoop(), which the host then runs, and which
     /// then also runs the connections' I/O (with a queue given here, they have a thread).
     std::shared_ptr<ZavloQueue> mainQueue = {};
+    /// Name servers for the cellular links ("192.0.2.53", "192.0.2.53:5353",
+    /// "[2001:db8::53]:5353"). Connections that require a cellular interface resolve host
+    /// names only over that link, with its own servers: these when given, else those
+    /// systemd-resolved or NetworkManager report for the link, else modemDnsServers'. With
+    /// none, such a connection waits; it never asks the default route's resolver.
+    std::vector<std::string> cellularDnsServers = {};
+    /// The servers a modem's bearer reports for an interface (ModemManager); asked last,
+    /// off the I/O thread.
+    std::function<std::vector<std::string>(const std::string& interfaceName)> modemDnsServers = {};
   };
 
   ZavloLinuxPlatform() : ZavloLinuxPlatform(Options{}) {}
@@ -88,6 +98,8 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   /// nothing is ever posted to it).
   ZavloLinuxRunLoop& runLoop() { return runLoop_; }
   const ZavloLinuxInterfaceClassifier& interfaceClassifier() const { return classifier_; }
+  /// Forgets the answers kept for names over the cellular links (see Options::cellularDnsServers).
+  void forgetCellularNames() { connections_.forgetNames(); }
 
  private:
   void openKeyStore();

@@ -6,6 +6,11 @@
 // A chain of N hops is N requests: N - 1 redirects, then the 200 with the token. per_hop is the
 // wall time of a chain divided by N.
 //
+// delayed/library-by-name/http runs the library's chain by host name over a second delayed link
+// (IPv4 only, so that the flow's IPv6 try needs no question), with a dnsmasq behind that link as
+// the cellular link's name server: two names per chain, each asked once per chain (the chain
+// forgets kept answers first), so its floor adds one round trip per name and chain.
+//
 // Names are WHO/WHAT/hops:N, WHO being library, sockets or openssl(-resumed) (the floor),
 // sockets-epoll (the floor on non-blocking sockets waiting in epoll, as on an event loop),
 // libcurl or curl; scripts/bench compares library/WHAT/hops:N with every other WHO of the same
@@ -23,9 +28,11 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "Testing/Network/ZavloDelayRelay.hpp"
+#include "Testing/Network/ZavloDnsmasq.hpp"
 #include "ZavloChainFloor.hpp"
 #include "ZavloLibcurlChain.hpp"
 #include "ZavloLibraryChain.hpp"
@@ -35,6 +42,10 @@ namespace {
 
 constexpr std::array<int, 3> kHops{1, 5, 20};
 constexpr unsigned kDelayedHops = 5;
+// The chain by name: the first URL's host, and the host of every Location after it.
+constexpr const char* kEntryName = "entry.chain.test";
+constexpr const char* kHopName = "hop.chain.test";
+constexpr unsigned kNamesPerChain = 2;
 
 // Everything the benchmarks share; built once in main, before any benchmark runs.
 struct Setup {
@@ -45,6 +56,10 @@ struct Setup {
   std::string caFile;  // the TLS server's CA, for curl
   std::unique_ptr<ZavloDelayedLink> link;
   std::unique_ptr<ZavloChainServer> delayed;  // listens inside the link's server namespace
+  // The chain by name: its own IPv4-only link, chain server and name server.
+  std::unique_ptr<ZavloDelayedLink> namedLink;
+  std::unique_ptr<ZavloChainServer> named;
+  std::unique_ptr<ZavloDnsmasq> names;
 };
 Setup* gSetup = nullptr;
 
@@ -125,9 +140,10 @@ void libraryChain(benchmark::State& state, ZavloChainServer& server, ZavloLibrar
 
 // Over the delayed link every hop pays two round trips (SYN/SYN-ACK, request/answer): its
 // physical floor is four one-way delays.
+// nameLookups: round trips to the link's name server per chain.
 template <class Chain>
-void delayedChain(benchmark::State& state, Chain&& chain) {
-  auto& link = *gSetup->link;
+void delayedChain(benchmark::State& state, Chain&& chain, ZavloDelayedLink* over = nullptr, unsigned nameLookups = 0) {
+  auto& link = over != nullptr ? *over : *gSetup->link;
   std::optional<ZavloNetworkNamespace::Entered> inside;
   try {
     inside.emplace(link.clientSide().enter());
@@ -141,7 +157,8 @@ void delayedChain(benchmark::State& state, Chain&& chain) {
   if (state.error_occurred() || state.iterations() == 0) return;
   const double perHop =
       elapsed.count() / (static_cast<double>(state.iterations()) * static_cast<double>(state.range(0)));
-  const double floor = 4.0 * std::chrono::duration<double, std::milli>(link.oneWayDelay()).count();
+  const double oneWay = std::chrono::duration<double, std::milli>(link.oneWayDelay()).count();
+  const double floor = 4.0 * oneWay + 2.0 * oneWay * nameLookups / static_cast<double>(state.range(0));
   state.counters["per_hop_ms"] = perHop;
   state.counters["floor_ms"] = floor;
   state.counters["over_floor_ms"] = perHop - floor;
@@ -227,6 +244,61 @@ void registerDelayed(Setup& setup) {
                                })
       ->Apply(delayed)
       ->Iterations(4);
+  if (!setup.named) return;
+  benchmark::RegisterBenchmark(
+      "delayed/library-by-name/http",
+      [&](benchmark::State& s) {
+        delayedChain(
+            s,
+            [&](benchmark::State& state) {
+              ZavloLibraryChainContext context{"", setup.namedLink->interfaceName(), ""};
+              context.cellularDnsServers = {setup.namedLink->serverAddress()};
+              context.expectedToken = setup.named->token();
+              const auto runner = zavloMakeLibraryChainRunner(context);
+              if (!runner) return state.SkipWithError("library: not wired");
+              const auto hops = static_cast<unsigned>(state.range(0));
+              auto url = setup.named->chainUrl(hops);
+              url.replace(url.find(kHopName), std::string(kHopName).size(), kEntryName);
+              const auto asked = setup.names->queries().size();
+              runChains(state, *setup.named, hops,
+                        [&] { return runner(url) ? std::string() : "the library's chain by name failed"; });
+              state.counters["name_queries_per_chain"] =
+                  static_cast<double>(setup.names->queries().size() - asked) / static_cast<double>(state.iterations());
+            },
+            setup.namedLink.get(), kNamesPerChain);
+      })
+      ->Apply(delayed)
+      ->Iterations(4);
+}
+
+// The chain by name: an IPv4-only delayed link of its own (another subnet), a chain server
+// whose Locations name kHopName, and dnsmasq answering both names with the server's address.
+void setUpNamedLink(Setup& setup) {
+  try {
+    ZavloDelayedLinkOptions options;
+    options.ipv6 = false;
+    options.subnet = 1 + static_cast<int>((getpid() + 125) % 250);  // never the first link's
+    setup.namedLink = std::make_unique<ZavloDelayedLink>(options);
+    const auto address = setup.namedLink->serverAddress();
+    std::string whyNot;
+    setup.names = ZavloDnsmasq::start(setup.namedLink->serverSide(), {address, {{"chain.test", address}}}, whyNot);
+    if (!setup.names) throw std::runtime_error(whyNot);
+    setup.named = setup.namedLink->serverSide().run([&] {
+      ZavloChainServerOptions server;
+      server.bindAddress = address;
+      server.absoluteLocation = true;
+      server.locationHost = kHopName;
+      return std::make_unique<ZavloChainServer>(server);
+    });
+    std::cout << "delayed link by name: " << setup.namedLink->clientSide().name() << " -> "
+              << setup.namedLink->serverSide().name() << " (" << address << "), dnsmasq there answers " << kEntryName
+              << " and " << kHopName << "; floor per hop adds 2 x one-way delay x " << kNamesPerChain << " / hops\n";
+  } catch (const std::exception& error) {
+    setup.named.reset();
+    setup.names.reset();
+    setup.namedLink.reset();
+    std::cout << "delayed link by name: skipped (" << error.what() << ")\n";
+  }
 }
 
 // The delayed link needs namespaces and TUN devices, hence root; without them the rest still runs.
@@ -292,6 +364,7 @@ int main(int argc, char** argv) {
     std::cout << "library: not wired (bench/chain/ZavloLibraryChain.cpp)\n";
   }
   setUpDelayedLink(setup);
+  if (setup.delayed) setUpNamedLink(setup);
   std::cout << std::flush;
 
   registerLoopback(setup);

@@ -22,6 +22,7 @@ ZavloLinuxPlatform::Options platformOptions(const ZavloLibraryChainContext& cont
   ZavloLinuxPlatform::Options options;
   options.cellularInterfaces = {context.cellularInterface};
   if (!context.trustAnchorPem.empty()) options.additionalTrustAnchorsPem = {context.trustAnchorPem};
+  options.cellularDnsServers = context.cellularDnsServers;
   return options;
 }
 
@@ -31,9 +32,11 @@ ZavloLibraryChainRunner zavloMakeLibraryChainRunner(const ZavloLibraryChainConte
   // The connections' I/O runs on the platform's run loop, which the benchmark thread runs,
   // so their sockets are made in the namespace this thread is in.
   auto platform = std::make_shared<ZavloLinuxPlatform>(platformOptions(context));
-  return [platform, expected = context.expectedToken](const std::string& text) {
+  return [platform, expected = context.expectedToken,
+          byName = !context.cellularDnsServers.empty()](const std::string& text) {
     const auto url = ZavloUrl::parse(text);
     if (!url) return false;
+    if (byName) platform->forgetCellularNames();
     // Telemetry is still built for every hop; no one listens.
     auto client = ZavloCellularSnaClient::create(*platform, [](std::shared_ptr<ZavloAuthEventLog>) {});
     client->CONNECTION_TIME_OUT = kHopTimeOut;

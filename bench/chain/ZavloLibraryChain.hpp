@@ -2,12 +2,16 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 /// What a library chain run needs to know about where it runs.
 struct ZavloLibraryChainContext {
   std::string trustAnchorPem;     ///< the CA to trust for https chains; empty for http
   std::string cellularInterface;  ///< the interface to treat as cellular: "lo", or the delayed link's TUN device
   std::string expectedToken;      ///< the snaToken the last hop must answer with
+  /// The cellular link's name servers, for chains by name; each chain then starts with no
+  /// answer kept, so that every name it uses costs its lookup.
+  std::vector<std::string> cellularDnsServers = {};
 };
 
 /// Runs one whole chain with the library, starting at url; true when it ended with the token.

@@ -27,10 +27,12 @@ TEST(ZavloCli, CapabilitiesPrintsOneLineOfCompactJsonAndSucceeds) {
 }
 
 TEST(ZavloCli, UsageErrorsExitWithTwoAndPrintNothingOnStandardOutput) {
-  for (const auto& arguments : std::vector<std::vector<std::string>>{{},
-                                                                     {"no-such-command"},
-                                                                     {"--environment", "staging", "capabilities"},
-                                                                     {"--owner-auth", "x", "capabilities"}}) {
+  for (const auto& arguments :
+       std::vector<std::vector<std::string>>{{},
+                                             {"no-such-command"},
+                                             {"--environment", "staging", "capabilities"},
+                                             {"--owner-auth", "x", "capabilities"},
+                                             {"--cellular-dns", "dns.example", "capabilities"}}) {
     const auto run = zavloAuth(arguments);
     EXPECT_EQ(run.exitStatus, 2) << testing::PrintToString(arguments);
     EXPECT_TRUE(run.standardOutput.empty()) << run.standardOutput;

@@ -512,8 +512,8 @@ void addDemoCommand(CLI::App& app, ZavloCliContext& context) {
   demo->add_option("--html", *html, "Also write the report as one self-contained HTML page to this file");
   demo->callback([html, &app, &context] {
     std::vector<std::string> ignored;
-    for (const char* name : {"--keystore", "--keychain", "--telemetry-endpoint", "--cellular-interface", "--owner-auth",
-                             "--owner-secret-file"}) {
+    for (const char* name : {"--keystore", "--keychain", "--telemetry-endpoint", "--cellular-interface",
+                             "--cellular-dns", "--owner-auth", "--owner-secret-file"}) {
       if (app.get_option(name)->count() > 0) ignored.emplace_back(name);
     }
     try {

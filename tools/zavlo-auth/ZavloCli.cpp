@@ -100,6 +100,7 @@ ZavloLinuxPlatform& zavloCliPlatform(const ZavloCliOptions& options) {
   static auto* const platform = [&options] {
     ZavloLinuxPlatform::Options platformOptions;
     platformOptions.cellularInterfaces = options.cellularInterfaces;
+    platformOptions.cellularDnsServers = options.cellularDnsServers;
     platformOptions.keyFilePath = zavloCliKeychainPath(options);
     platformOptions.keyToken = zavloCliKeyToken(options);
     platformOptions.tpm = zavloCliTpm(options);

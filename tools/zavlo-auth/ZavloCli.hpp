@@ -19,6 +19,8 @@ struct ZavloCliOptions {
   std::string environment = "production";
   std::optional<std::string> telemetryEndpoint;
   std::vector<std::string> cellularInterfaces;
+  /// Name servers for the cellular links (ZavloLinuxPlatform::Options::cellularDnsServers).
+  std::vector<std::string> cellularDnsServers;
   std::optional<std::string> keystore;
   std::optional<std::string> keychain;
   std::string ownerAuth = "pam";

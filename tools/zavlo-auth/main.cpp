@@ -13,6 +13,16 @@ void addGlobalOptions(CLI::App& app, ZavloCliOptions& options) {
   app.add_option("--telemetry-endpoint", options.telemetryEndpoint, "Send telemetry events to this URL");
   app.add_option("--cellular-interface", options.cellularInterfaces, "Treat this interface as cellular (repeatable)")
       ->allow_extra_args(false);
+  app.add_option("--cellular-dns", options.cellularDnsServers,
+                 "A name server of the cellular link (ADDR, ADDR:PORT or [IPV6]:PORT; repeatable): host names "
+                 "of silent authentication are resolved over that link with these servers instead of those "
+                 "systemd-resolved, NetworkManager or ModemManager report for it")
+      ->allow_extra_args(false)
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return zavloParseNameServer(text) ? std::string() : "not a name server address: " + text;
+          },
+          "ADDR"));
   app.add_option("--keystore", options.keystore,
                  "Key store: a key file (default: zavlo-auth/keychain.db in the user's data directory; new keys "
                  "are made by the TPM where /dev/tpmrm0 answers, else sealed under the owner's secret), tpm or "

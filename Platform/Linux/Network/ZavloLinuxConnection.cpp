@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 
+#include "Platform/Linux/Network/ZavloLinuxLinkLookup.hpp"
 #include "Platform/Linux/Network/ZavloLinuxNetworkCore.hpp"
 #include "Platform/Linux/Network/ZavloLinuxTlsContext.hpp"
 #include "Platform/ZavloInterfaceRules.hpp"
@@ -300,6 +301,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       case ZavloLinuxSpecialName::none:
         break;
     }
+    if (parameters_.requiredInterfaceType == ZavloInterfaceType::cellular) return resolveOverLink(useV4, useV6);
     resolver_.emplace(*core_->io);
     const auto flags = Tcp::resolver::numeric_service;  // and no AI_ADDRCONFIG: ::1 counts
     auto onResolved = [self = shared_from_this()](const std::error_code& error,
@@ -324,6 +326,92 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       if (std::find(endpoints_.begin(), endpoints_.end(), endpoint) == endpoints_.end()) {
         endpoints_.push_back(endpoint);
       }
+    }
+    connectTo(0);
+  }
+
+  // A connection that must use the cellular link asks that link's own name servers, over
+  // the link: the default route's resolver would ask over Wi-Fi, where a name only the
+  // operator's servers know fails and an http hop's answer can be forged. Only the families
+  // the link can carry are asked, and what the core keeps from earlier hops is not asked again.
+  void resolveOverLink(bool useV4, bool useV6) {
+    const bool askV4 = useV4 && bindingV4_.kind == ZavloLinuxBinding::Kind::bound;
+    const bool askV6 = useV6 && bindingV6_.kind == ZavloLinuxBinding::Kind::bound;
+    linkName_ = askV4 ? bindingV4_.interfaceName : bindingV6_.interfaceName;
+    const auto now = std::chrono::steady_clock::now();
+    answerV4_ = askV4 ? core_->names.find(linkName_, host_, false, now) : ZavloLinuxNameCache::Addresses{};
+    answerV6_ = askV6 ? core_->names.find(linkName_, host_, true, now) : ZavloLinuxNameCache::Addresses{};
+    if (answerV4_ && answerV6_) return useLinkAnswers();
+    unsigned index = 0;
+    for (const auto& interface : core_->interfaces()) {
+      if (interface.name == linkName_) index = interface.index;
+    }
+    core_->findLinkServers(
+        linkName_, index, [weak = weak_from_this(), resolution = ++resolution_](const ZavloLinuxLinkServers& found) {
+          const auto self = weak.lock();
+          if (!self || self->cancelled_ || self->phase_ != Phase::preparing || resolution != self->resolution_) {
+            return;
+          }
+          self->askLinkServers(found);
+        });
+  }
+
+  void askLinkServers(const ZavloLinuxLinkServers& found) {
+    if (found.servers.empty()) {
+      // Like a missing path: servers may come with the next change of the network.
+      return wait({ENETUNREACH, "No name server is known for the cellular interface " + linkName_});
+    }
+    const bool needV4 = !answerV4_;
+    const bool needV6 = !answerV6_;
+    using Family = ZavloLinuxLinkLookup::Family;
+    lookup_ = ZavloLinuxLinkLookup::start(*core_->io, linkName_, found.servers, host_,
+                                          needV4 && needV6 ? Family::any : (needV4 ? Family::v4 : Family::v6),
+                                          [weak = weak_from_this(), resolution = resolution_, needV4,
+                                           needV6](const ZavloLinuxLinkLookup::Result& result) {
+                                            const auto self = weak.lock();
+                                            if (!self || resolution != self->resolution_) return;
+                                            self->resolvedOverLink(result, needV4, needV6);
+                                          });
+  }
+
+  void resolvedOverLink(const ZavloLinuxLinkLookup::Result& result, bool askedV4, bool askedV6) {
+    lookup_.reset();
+    if (cancelled_ || phase_ != Phase::preparing) return;
+    if (!ZavloLinuxLinkLookup::answered(result.status)) {
+      ZavloConnectionError error{EHOSTUNREACH, "The host name could not be resolved over " + linkName_ + ": " +
+                                                   ZavloLinuxLinkLookup::describe(result.status)};
+      return ZavloLinuxLinkLookup::serversUnreachable(result.status) ? wait(std::move(error)) : fail(std::move(error));
+    }
+    const auto now = std::chrono::steady_clock::now();
+    const auto keep = [&](const std::vector<asio::ip::address>& addresses, bool ipv6, std::chrono::seconds ttl) {
+      ZavloLinuxNameCache::Addresses kept;
+      for (const auto& address : addresses) {
+        std::array<std::uint8_t, 16> bytes{};
+        if (address.is_v6()) {
+          bytes = address.to_v6().to_bytes();
+        } else {
+          const auto v4 = address.to_v4().to_bytes();
+          std::copy(v4.begin(), v4.end(), bytes.begin());
+        }
+        kept.push_back(bytes);
+      }
+      core_->names.store(linkName_, host_, ipv6, kept, ttl, now);
+      return kept;
+    };
+    if (askedV4) answerV4_ = keep(result.v4, false, result.v4Ttl);
+    if (askedV6) answerV6_ = keep(result.v6, true, result.v6Ttl);
+    useLinkAnswers();
+  }
+
+  // Hands the answers over as endpoints_, IPv6 first.
+  void useLinkAnswers() {
+    for (const auto& bytes : *answerV6_) endpoints_.emplace_back(asio::ip::address_v6(bytes), port_);
+    for (const auto& bytes : *answerV4_) {
+      endpoints_.emplace_back(asio::ip::address_v4({bytes[0], bytes[1], bytes[2], bytes[3]}), port_);
+    }
+    if (endpoints_.empty()) {
+      return fail({EHOSTUNREACH, "The host name could not be resolved over " + linkName_ +
+                                     ": it has no address of the IP version asked for"});
     }
     connectTo(0);
   }
@@ -481,6 +569,8 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   void closeTransport() {
     timer_.cancel();
     if (resolver_) resolver_->cancel();
+    lookup_.reset();
+    ++resolution_;  // a name server search still running reports to no one
     std::error_code ignored;
     if (plain_ || secure_) socket().close(ignored);
   }
@@ -639,6 +729,13 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   ZavloLinuxBinding bindingV4_;
   ZavloLinuxBinding bindingV6_;
   std::optional<Tcp::resolver> resolver_;
+  // Names over the cellular link: the link asked, its answers per family (nothing while
+  // unknown), the lookup in flight, and which resolution a late report belongs to.
+  std::string linkName_;
+  std::optional<ZavloLinuxNameCache::Addresses> answerV4_;
+  std::optional<ZavloLinuxNameCache::Addresses> answerV6_;
+  std::shared_ptr<ZavloLinuxLinkLookup> lookup_;
+  std::uint64_t resolution_ = 0;
   std::vector<Tcp::endpoint> endpoints_;
   std::optional<ZavloConnectionError> lastError_;
   bool waitable_ = true;  // every try so far met what another path may cure

@@ -6,8 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
+#include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxLinkDns.hpp"
 #include "Platform/ZavloConnection.hpp"
 
 /// Where a socket of one address family may go.
@@ -48,11 +49,20 @@ struct ZavloLinuxNetworkCore;
 /// connections still held elsewhere then report nothing more and stay safe to use and
 /// destroy. While a connection waits, the I/O thread listens to the kernel's link,
 /// address and route changes (rtnetlink) to know when to try it again.
+///
+/// Names: a connection that requires a cellular interface resolves its host over that link
+/// only (ZavloLinuxLinkLookup: c-ares, the link's own servers, queries bound to the link),
+/// and waits, as for a missing path, while no source names a server for the link. Other
+/// connections use the system resolver. Answers are kept per link for their time to live
+/// and forgotten when the network changes. D-Bus sources are asked on a thread of the
+/// service's own, joined by the destructor.
 class ZavloLinuxConnectionService {
  public:
-  explicit ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier);
+  /// linkDns: where the cellular links' name servers come from.
+  explicit ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier, ZavloLinuxLinkDnsOptions linkDns = {});
   /// The I/O runs on runLoop, which must outlive the service.
-  ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier, ZavloLinuxRunLoop& runLoop);
+  ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier, ZavloLinuxLinkDnsOptions linkDns,
+                              ZavloLinuxRunLoop& runLoop);
   ZavloLinuxConnectionService(const ZavloLinuxConnectionService&) = delete;
   ZavloLinuxConnectionService& operator=(const ZavloLinuxConnectionService&) = delete;
   ~ZavloLinuxConnectionService();
@@ -60,6 +70,10 @@ class ZavloLinuxConnectionService {
   /// host: a name, an IPv4 literal or an IPv6 literal (brackets allowed).
   std::shared_ptr<ZavloConnection> makeConnection(const std::string& host, std::uint16_t port,
                                                   ZavloConnectionParameters parameters);
+
+  /// Forgets the answers kept for the cellular links' names (they are also forgotten
+  /// whenever the network changes): the next connection to each name asks again.
+  void forgetNames();
 
  private:
   std::shared_ptr<ZavloLinuxNetworkCore> core_;

@@ -48,6 +48,7 @@ void ZavloLinuxNetworkCore::stop() {
     pathWaiters.clear();
     pathWatch.reset();
     pathSettle.cancel();
+    stopAskingForServers();
     return;
   }
   guard.reset();
@@ -58,6 +59,7 @@ void ZavloLinuxNetworkCore::stop() {
     return;
   }
   thread.join();
+  stopAskingForServers();
   ownIo->shutdown();
   keptAlive.clear();  // the thread is gone: nothing else touches it now
   pathWaiters.clear();
@@ -126,14 +128,50 @@ void ZavloLinuxNetworkCore::pathChanged() {
     std::lock_guard lock(interfaceMutex);
     listedAt.reset();
   }
+  // Another network may have other servers, and other answers.
+  names.clear();
+  linkServers.clear();
   for (auto& [key, retry] : std::exchange(pathWaiters, {})) retry();
 }
 
-ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier)
-    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier))) {}
+void ZavloLinuxNetworkCore::findLinkServers(const std::string& interfaceName, unsigned interfaceIndex,
+                                            std::function<void(const ZavloLinuxLinkServers&)> found) {
+  if (const auto known = linkServers.find(interfaceName); known != linkServers.end()) return found(known->second);
+  auto first = dnsSources.begin();
+  for (; first != dnsSources.end() && !first->mayBlock; ++first) {
+    auto servers = zavloFindLinkServers({*first}, interfaceName, interfaceIndex);
+    if (!servers.servers.empty()) return found(linkServers[interfaceName] = std::move(servers));
+  }
+  if (first == dnsSources.end()) return found({});
+  if (!dnsAsker) dnsAsker.emplace(1);
+  asio::post(*dnsAsker, [core = weak_from_this(), io = io, sources = std::vector(first, dnsSources.end()),
+                         interfaceName, interfaceIndex, found = std::move(found)]() mutable {
+    auto servers = zavloFindLinkServers(sources, interfaceName, interfaceIndex);
+    asio::post(*io, [core, interfaceName, servers = std::move(servers), found = std::move(found)] {
+      const auto self = core.lock();
+      if (!self || self->stopped) return;
+      if (!servers.servers.empty()) self->linkServers[interfaceName] = servers;
+      found(servers);
+    });
+  });
+}
+
+void ZavloLinuxNetworkCore::stopAskingForServers() {
+  if (!dnsAsker) return;
+  dnsAsker->stop();
+  dnsAsker->join();
+}
 
 ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier,
-                                                         ZavloLinuxRunLoop& runLoop)
-    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier), runLoop)) {}
+                                                         ZavloLinuxLinkDnsOptions linkDns)
+    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier), std::move(linkDns))) {}
+
+ZavloLinuxConnectionService::ZavloLinuxConnectionService(ZavloLinuxInterfaceClassifier classifier,
+                                                         ZavloLinuxLinkDnsOptions linkDns, ZavloLinuxRunLoop& runLoop)
+    : core_(std::make_shared<ZavloLinuxNetworkCore>(std::move(classifier), std::move(linkDns), runLoop)) {}
+
+void ZavloLinuxConnectionService::forgetNames() {
+  core_->post([core = core_] { core->names.clear(); });
+}
 
 ZavloLinuxConnectionService::~ZavloLinuxConnectionService() { core_->stop(); }

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <asio.hpp>
+#include <asio/thread_pool.hpp>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -15,6 +17,7 @@
 
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxLinkDns.hpp"
 #include "Platform/ZavloConnection.hpp"
 
 // The network core under the Linux connections: the I/O thread, the interface list they
@@ -31,14 +34,22 @@ class ZavloIoContext final : public asio::io_context {
 };
 
 /// What the connections of one service share: the I/O thread (a thread of the service's
-/// own, or the thread of the run loop it runs on) and the interface list.
-struct ZavloLinuxNetworkCore {
+/// own, or the thread of the run loop it runs on), the interface list, and the cellular
+/// links' name servers and answers.
+struct ZavloLinuxNetworkCore : std::enable_shared_from_this<ZavloLinuxNetworkCore> {
   // On an I/O thread of its own, started on first use.
-  explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
-      : ownIo(std::make_shared<ZavloIoContext>()), io(ownIo), classifier(std::move(interfaceClassifier)) {}
+  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxLinkDnsOptions linkDns)
+      : ownIo(std::make_shared<ZavloIoContext>()),
+        io(ownIo),
+        classifier(std::move(interfaceClassifier)),
+        dnsSources(zavloLinkDnsSources(std::move(linkDns))) {}
   // On a run loop: its thread is the I/O thread.
-  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxRunLoop& runLoop)
-      : io(runLoop.ioContext()), loop(&runLoop), classifier(std::move(interfaceClassifier)) {}
+  ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier, ZavloLinuxLinkDnsOptions linkDns,
+                        ZavloLinuxRunLoop& runLoop)
+      : io(runLoop.ioContext()),
+        loop(&runLoop),
+        classifier(std::move(interfaceClassifier)),
+        dnsSources(zavloLinkDnsSources(std::move(linkDns))) {}
 
   // Runs work on the I/O thread, starting it on first use; false once stopped.
   template <class Work>
@@ -75,10 +86,17 @@ struct ZavloLinuxNetworkCore {
   }
   void stopWaitingForPathChange(const void* key) { pathWaiters.erase(key); }
 
+  // I/O thread only. The name servers of a link, from the first source that knows any
+  // (empty when none does); found runs on the I/O thread, at once when no source has to be
+  // asked over D-Bus. What was found is kept until the network changes.
+  void findLinkServers(const std::string& interfaceName, unsigned interfaceIndex,
+                       std::function<void(const ZavloLinuxLinkServers&)> found);
+
   const std::shared_ptr<ZavloIoContext> ownIo;  // without a run loop
   const std::shared_ptr<asio::io_context> io;
   ZavloLinuxRunLoop* const loop = nullptr;
   const ZavloLinuxInterfaceClassifier classifier;
+  const std::vector<ZavloLinuxLinkDnsSource> dnsSources;
 
   std::mutex mutex;
   std::atomic<bool> stopped{false};  // written under mutex; read anywhere
@@ -93,6 +111,9 @@ struct ZavloLinuxNetworkCore {
   std::unordered_set<std::shared_ptr<ZavloConnection>> keptAlive;
   // Closes a kept connection's socket (defined with the connection).
   static void closeTransport(ZavloConnection& connection);
+  // I/O thread only: answers of the cellular links' name servers, forgotten when the
+  // network changes.
+  ZavloLinuxNameCache names;
 
  private:
   // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
@@ -100,6 +121,7 @@ struct ZavloLinuxNetworkCore {
   void watchPaths();
   void readPathChanges();
   void pathChanged();
+  void stopAskingForServers();
 
   // I/O thread only; destroyed before io.
   std::unordered_map<const void*, std::function<void()>> pathWaiters;
@@ -107,4 +129,7 @@ struct ZavloLinuxNetworkCore {
   bool pathWatchUnavailable = false;
   asio::steady_timer pathSettle{*io};
   bool pathSettling = false;
+  std::unordered_map<std::string, ZavloLinuxLinkServers> linkServers;
+  // Asks the D-Bus sources; started on first use by the I/O thread, so it shares its namespace.
+  std::optional<asio::thread_pool> dnsAsker;
 };
