@@ -57,20 +57,20 @@ bool isControl(GraphemeClass c) noexcept {
   return c == GraphemeClass::control || c == GraphemeClass::cr || c == GraphemeClass::lf;
 }
 
-}  // namespace
-
-std::size_t ZavloGraphemes::count(std::string_view text) noexcept {
+// Calls atBoundary with the byte offset where each user-perceived character starts, until it
+// answers false.
+template <class AtBoundary>
+void forEachBoundary(std::string_view text, AtBoundary atBoundary) noexcept {
   using G = GraphemeClass;
-  std::size_t clusters = 0;
   G previous = G::other;
   std::size_t regionalIndicatorRun = 0;  // regional indicators in a row, ending at previous
   bool pictographicRun = false;          // previous is an emoji, or its Extend after one
   bool zwjAfterPictographic = false;     // previous is a ZWJ that follows such a run
   bool first = true;
 
-  while (!text.empty()) {
+  for (std::size_t offset = 0; offset < text.size();) {
     char32_t c = 0;
-    text.remove_prefix(decode(text, c));
+    const auto length = decode(text.substr(offset), c);
     const G current = classOf(c);
 
     bool boundary = true;
@@ -93,13 +93,35 @@ std::size_t ZavloGraphemes::count(std::string_view text) noexcept {
     } else if (previous == G::regionalIndicator && current == G::regionalIndicator) {
       boundary = regionalIndicatorRun % 2 == 0;  // pairs: a flag ends after its second half
     }
-    if (boundary) ++clusters;
+    if (boundary && !atBoundary(offset)) return;
 
     regionalIndicatorRun = current == G::regionalIndicator ? regionalIndicatorRun + 1 : 0;
     zwjAfterPictographic = current == G::zwj && pictographicRun;
     pictographicRun = current == G::extendedPictographic || (current == G::extend && pictographicRun);
     previous = current;
     first = false;
+    offset += length;
   }
+}
+
+}  // namespace
+
+std::size_t ZavloGraphemes::count(std::string_view text) noexcept {
+  std::size_t clusters = 0;
+  forEachBoundary(text, [&](std::size_t) {
+    ++clusters;
+    return true;
+  });
   return clusters;
+}
+
+std::size_t ZavloGraphemes::prefixLength(std::string_view text, std::size_t clusters) noexcept {
+  std::size_t length = text.size();
+  std::size_t seen = 0;
+  forEachBoundary(text, [&](std::size_t offset) {
+    if (seen++ < clusters) return true;
+    length = offset;
+    return false;
+  });
+  return length;
 }
