@@ -88,6 +88,7 @@ class ZavloOwnerAuthenticationContext {
   /// The origin of the web page that asked for the next prompt, for the platform to show
   /// the owner apart from the reason, which the page wrote; empty when the host itself
   /// asks. Platforms that have no place to show it keep the default, which ignores it.
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): by value for the overrides that keep it
   virtual void setRequestingOrigin(std::string /*origin*/) {}
   virtual void evaluatePolicy(ZavloOwnerAuthenticationPolicy policy, const std::string& localizedReason,
                               Reply reply) = 0;

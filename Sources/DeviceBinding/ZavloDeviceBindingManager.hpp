@@ -103,7 +103,7 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
   std::string newKeyId();
 
   // The prompt, whose reply continues on the main queue with onReply if the manager lives.
-  void prompt(const std::string& promptTitle, const std::string& promptSubtitle, const std::string& requestingOrigin,
+  void prompt(const std::string& promptTitle, const std::string& promptSubtitle, std::string requestingOrigin,
               std::function<void(ZavloDeviceBindingManager&, bool, std::optional<ZavloOwnerAuthenticationError>,
                                  const std::shared_ptr<ZavloOwnerAuthenticationContext>&)>
                   onReply);
