@@ -62,11 +62,8 @@ TEST(ZavloPromptText, CutsALongTextBetweenCharactersWithAnEllipsis) {
       {"abcd", 4, "abcd"},
       {"ab\x1b[31mcd\n", 4, "abcd"},  // what is removed does not count
       {"\u00E9\u00E9\u00E9\u00E9\u00E9", 3, "\u00E9\u00E9\u2026"},
-      {"\u4E2D\u6587\u4E2D\u6587", 2, "\u4E2D\u2026"},
       {"e\u0301e\u0301e\u0301", 2, "e\u0301\u2026"},
       {"\U0001F44D\U0001F3FD\U0001F44D\U0001F3FD\U0001F44D\U0001F3FD", 2, "\U0001F44D\U0001F3FD\u2026"},
-      {"\U0001F1EB\U0001F1F7\U0001F1E9\U0001F1EA\U0001F1EE\U0001F1F9", 3,
-       "\U0001F1EB\U0001F1F7\U0001F1E9\U0001F1EA\U0001F1EE\U0001F1F9"},
       {"\U0001F1EB\U0001F1F7\U0001F1E9\U0001F1EA\U0001F1EE\U0001F1F9", 2, "\U0001F1EB\U0001F1F7\u2026"},
       {std::string(ZavloPromptText::kLongest, 'x'), ZavloPromptText::kLongest,
        std::string(ZavloPromptText::kLongest, 'x')},
