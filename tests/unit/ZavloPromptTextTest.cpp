@@ -64,6 +64,8 @@ TEST(ZavloPromptText, CutsALongTextBetweenCharactersWithAnEllipsis) {
       {"\u00E9\u00E9\u00E9\u00E9\u00E9", 3, "\u00E9\u00E9\u2026"},
       {"e\u0301e\u0301e\u0301", 2, "e\u0301\u2026"},
       {"\U0001F44D\U0001F3FD\U0001F44D\U0001F3FD\U0001F44D\U0001F3FD", 2, "\U0001F44D\U0001F3FD\u2026"},
+      {"\U0001F1EB\U0001F1F7\U0001F1E9\U0001F1EA\U0001F1EE\U0001F1F9", 3,
+       "\U0001F1EB\U0001F1F7\U0001F1E9\U0001F1EA\U0001F1EE\U0001F1F9"},  // six code points, three flags
       {"\U0001F1EB\U0001F1F7\U0001F1E9\U0001F1EA\U0001F1EE\U0001F1F9", 2, "\U0001F1EB\U0001F1F7\u2026"},
       {std::string(ZavloPromptText::kLongest, 'x'), ZavloPromptText::kLongest,
        std::string(ZavloPromptText::kLongest, 'x')},
