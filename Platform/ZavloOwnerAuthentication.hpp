@@ -85,6 +85,11 @@ class ZavloOwnerAuthenticationContext {
   virtual bool canEvaluatePolicy(ZavloOwnerAuthenticationPolicy policy) = 0;
   /// The fallback button's title; the empty string hides the button.
   virtual void setLocalizedFallbackTitle(std::optional<std::string> title) = 0;
+  /// The origin of the web page that asked for the next prompt, for the platform to show
+  /// the owner apart from the reason, which the page wrote; empty when the host itself
+  /// asks. Platforms that have no place to show it keep the default, which ignores it.
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): by value for the overrides that keep it
+  virtual void setRequestingOrigin(std::string /*origin*/) {}
   virtual void evaluatePolicy(ZavloOwnerAuthenticationPolicy policy, const std::string& localizedReason,
                               Reply reply) = 0;
   /// An opaque digest of the enrolled biometrics; absent without usable biometrics.

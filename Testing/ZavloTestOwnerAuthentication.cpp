@@ -71,19 +71,27 @@ class ZavloTestOwnerAuthentication::Context final : public ZavloOwnerAuthenticat
     fallbackTitle_ = std::move(title);
   }
 
+  void setRequestingOrigin(std::string origin) override {
+    std::lock_guard lock(mutex_);
+    requestingOrigin_ = std::move(origin);
+  }
+
   void evaluatePolicy(Policy policy, const std::string& localizedReason, Reply reply) override {
     std::optional<std::string> fallbackTitle;
+    std::string requestingOrigin;
     {
       std::lock_guard lock(mutex_);
       domainState_ = state_->currentDomainState(std::nullopt);
       fallbackTitle = fallbackTitle_;
+      requestingOrigin = requestingOrigin_;
     }
     std::optional<Outcome> outcome;
     std::size_t index = 0;
     {
       std::lock_guard lock(state_->mutex);
       index = state_->prompts.size();
-      state_->prompts.push_back({policy, localizedReason, std::move(fallbackTitle), false});
+      state_->prompts.push_back(
+          {policy, localizedReason, std::move(fallbackTitle), std::move(requestingOrigin), false});
       if (!state_->scripted.empty()) {
         outcome = state_->scripted.front();
         state_->scripted.pop_front();
@@ -124,6 +132,7 @@ class ZavloTestOwnerAuthentication::Context final : public ZavloOwnerAuthenticat
   const std::shared_ptr<State> state_;
   mutable std::mutex mutex_;
   std::optional<std::string> fallbackTitle_;
+  std::string requestingOrigin_;
   std::optional<ZavloBytes> domainState_;
   std::unique_ptr<ZavloOwnerProof> proof_;
 };

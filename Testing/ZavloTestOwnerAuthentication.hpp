@@ -53,6 +53,7 @@ class ZavloTestOwnerAuthentication {
     Policy policy;
     std::string localizedReason;
     std::optional<std::string> fallbackTitle;  ///< as set on the context when it prompted
+    std::string requestingOrigin;              ///< as set on the context when it prompted
     bool answered = false;
   };
 

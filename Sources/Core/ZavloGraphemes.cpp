@@ -57,49 +57,70 @@ bool isControl(GraphemeClass c) noexcept {
   return c == GraphemeClass::control || c == GraphemeClass::cr || c == GraphemeClass::lf;
 }
 
-}  // namespace
-
-std::size_t ZavloGraphemes::count(std::string_view text) noexcept {
+// Whether a user-perceived character starts at current, the rules in their order.
+bool isBoundary(GraphemeClass previous, GraphemeClass current, bool first, std::size_t regionalIndicatorRun,
+                bool zwjAfterPictographic) noexcept {
   using G = GraphemeClass;
-  std::size_t clusters = 0;
+  if (first) return true;
+  if (previous == G::cr && current == G::lf) return false;
+  if (isControl(previous) || isControl(current)) return true;
+  if (previous == G::l && (current == G::l || current == G::v || current == G::lv || current == G::lvt)) return false;
+  if ((previous == G::lv || previous == G::v) && (current == G::v || current == G::t)) return false;
+  if ((previous == G::lvt || previous == G::t) && current == G::t) return false;
+  if (current == G::extend || current == G::zwj || current == G::spacingMark || previous == G::prepend) return false;
+  if (previous == G::zwj && current == G::extendedPictographic && zwjAfterPictographic) return false;
+  if (previous == G::regionalIndicator && current == G::regionalIndicator) {
+    return regionalIndicatorRun % 2 == 0;  // pairs: a flag ends after its second half
+  }
+  return true;
+}
+
+// Calls atBoundary with the byte offset where each user-perceived character starts, until it
+// answers false.
+template <class AtBoundary>
+void forEachBoundary(std::string_view text, AtBoundary atBoundary) noexcept {
+  using G = GraphemeClass;
   G previous = G::other;
   std::size_t regionalIndicatorRun = 0;  // regional indicators in a row, ending at previous
   bool pictographicRun = false;          // previous is an emoji, or its Extend after one
   bool zwjAfterPictographic = false;     // previous is a ZWJ that follows such a run
   bool first = true;
 
-  while (!text.empty()) {
+  for (std::size_t offset = 0; offset < text.size();) {
     char32_t c = 0;
-    text.remove_prefix(decode(text, c));
+    const auto length = decode(text.substr(offset), c);
     const G current = classOf(c);
 
-    bool boundary = true;
-    if (first) {
-      boundary = true;
-    } else if (previous == G::cr && current == G::lf) {
-      boundary = false;
-    } else if (isControl(previous) || isControl(current)) {
-      boundary = true;
-    } else if (previous == G::l && (current == G::l || current == G::v || current == G::lv || current == G::lvt)) {
-      boundary = false;
-    } else if ((previous == G::lv || previous == G::v) && (current == G::v || current == G::t)) {
-      boundary = false;
-    } else if ((previous == G::lvt || previous == G::t) && current == G::t) {
-      boundary = false;
-    } else if (current == G::extend || current == G::zwj || current == G::spacingMark || previous == G::prepend) {
-      boundary = false;
-    } else if (previous == G::zwj && current == G::extendedPictographic && zwjAfterPictographic) {
-      boundary = false;
-    } else if (previous == G::regionalIndicator && current == G::regionalIndicator) {
-      boundary = regionalIndicatorRun % 2 == 0;  // pairs: a flag ends after its second half
-    }
-    if (boundary) ++clusters;
+    const bool boundary = isBoundary(previous, current, first, regionalIndicatorRun, zwjAfterPictographic);
+    if (boundary && !atBoundary(offset)) return;
 
     regionalIndicatorRun = current == G::regionalIndicator ? regionalIndicatorRun + 1 : 0;
     zwjAfterPictographic = current == G::zwj && pictographicRun;
     pictographicRun = current == G::extendedPictographic || (current == G::extend && pictographicRun);
     previous = current;
     first = false;
+    offset += length;
   }
+}
+
+}  // namespace
+
+std::size_t ZavloGraphemes::count(std::string_view text) noexcept {
+  std::size_t clusters = 0;
+  forEachBoundary(text, [&](std::size_t) {
+    ++clusters;
+    return true;
+  });
   return clusters;
+}
+
+std::size_t ZavloGraphemes::prefixLength(std::string_view text, std::size_t clusters) noexcept {
+  std::size_t length = text.size();
+  std::size_t seen = 0;
+  forEachBoundary(text, [&](std::size_t offset) {
+    if (seen++ < clusters) return true;
+    length = offset;
+    return false;
+  });
+  return length;
 }

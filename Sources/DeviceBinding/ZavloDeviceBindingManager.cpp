@@ -188,7 +188,7 @@ void ZavloDeviceBindingManager::getState(const std::string& keyId, const StateCo
 // MARK: prompt
 
 void ZavloDeviceBindingManager::prompt(
-    const std::string& promptTitle, const std::string& promptSubtitle,
+    const std::string& promptTitle, const std::string& promptSubtitle, std::string requestingOrigin,
     std::function<void(ZavloDeviceBindingManager&, bool, std::optional<ZavloOwnerAuthenticationError>,
                        const std::shared_ptr<ZavloOwnerAuthenticationContext>&)>
         onReply) {
@@ -209,6 +209,7 @@ void ZavloDeviceBindingManager::prompt(
   if (!context) return reply(false, std::nullopt);
   try {
     context->setLocalizedFallbackTitle(std::string());  // hides the fallback button
+    context->setRequestingOrigin(std::move(requestingOrigin));
     context->evaluatePolicy(Policy::deviceOwnerAuthentication, promptSubtitle.empty() ? promptTitle : promptSubtitle,
                             reply);
   } catch (const std::exception& exception) {
@@ -225,7 +226,7 @@ void ZavloDeviceBindingManager::prompt(
 void ZavloDeviceBindingManager::enroll(const std::optional<std::string>& attestationChallenge,
                                        const std::string& promptTitle, const std::string& promptSubtitle,
                                        std::optional<std::string> requestId, std::optional<std::string> entityId,
-                                       EnrollCompletion completion) {
+                                       EnrollCompletion completion, std::string requestingOrigin) {
   auto flow = std::make_shared<EnrollFlow>();
   flow->telemetry = {std::move(requestId), std::move(entityId)};
   flow->attestationRequested = attestationChallenge && !attestationChallenge->empty();
@@ -242,7 +243,7 @@ void ZavloDeviceBindingManager::enroll(const std::optional<std::string>& attesta
   if (!isDeviceSecure()) return refuse(exceptionFor(Public::bindingUnsupported), "HARDWARE_UNAVAILABLE");
 
   prompt(
-      promptTitle, promptSubtitle,
+      promptTitle, promptSubtitle, std::move(requestingOrigin),
       [flow](ZavloDeviceBindingManager& self, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
              const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
         self.finishEnrollmentPrompt(*flow, success, error, context);
@@ -319,7 +320,8 @@ void ZavloDeviceBindingManager::createKeyAndRespond(EnrollFlow& flow, const Zavl
 void ZavloDeviceBindingManager::signChallenge(const std::vector<std::string>& allowedKeyIds,
                                               const std::string& challenge, const std::string& promptTitle,
                                               const std::string& promptSubtitle, std::optional<std::string> requestId,
-                                              std::optional<std::string> entityId, SignCompletion completion) {
+                                              std::optional<std::string> entityId, SignCompletion completion,
+                                              std::string requestingOrigin) {
   auto flow = std::make_shared<SignFlow>();
   flow->telemetry = {std::move(requestId), std::move(entityId)};
   flow->challenge = challenge;
@@ -354,7 +356,7 @@ void ZavloDeviceBindingManager::signChallenge(const std::vector<std::string>& al
   }
 
   prompt(
-      promptTitle, promptSubtitle,
+      promptTitle, promptSubtitle, std::move(requestingOrigin),
       [flow](ZavloDeviceBindingManager& self, bool success, const std::optional<ZavloOwnerAuthenticationError>& error,
              const std::shared_ptr<ZavloOwnerAuthenticationContext>& context) {
         self.finishSigningPrompt(*flow, success, error, context);

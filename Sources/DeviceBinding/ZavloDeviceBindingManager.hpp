@@ -62,16 +62,18 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
   /// Prompts the owner with promptSubtitle (promptTitle when the subtitle is empty), then
   /// creates a key under a new key id and answers its public key. Only the presence of a
   /// non-empty attestationChallenge matters (it is reported; no attestation is made).
+  /// requestingOrigin is the origin of the page that asked, empty when the host asks; the
+  /// prompt shows it (ZavloOwnerAuthenticationContext::setRequestingOrigin).
   void enroll(const std::optional<std::string>& attestationChallenge, const std::string& promptTitle,
               const std::string& promptSubtitle, std::optional<std::string> requestId,
-              std::optional<std::string> entityId, EnrollCompletion completion);
+              std::optional<std::string> entityId, EnrollCompletion completion, std::string requestingOrigin = {});
   /// Signs the UTF-8 bytes of challenge, as given, with the key of the first of
   /// allowedKeyIds (trimmed, blanks dropped) that exists on this device, after the owner
-  /// authenticates.
+  /// authenticates. requestingOrigin as for enroll.
   void signChallenge(const std::vector<std::string>& allowedKeyIds, const std::string& challenge,
                      const std::string& promptTitle, const std::string& promptSubtitle,
                      std::optional<std::string> requestId, std::optional<std::string> entityId,
-                     SignCompletion completion);
+                     SignCompletion completion, std::string requestingOrigin = {});
 
   /// Replaces the diagnostic sink (none by default: the texts are dropped).
   void setDiagnosticLog(DiagnosticLog log);
@@ -101,7 +103,7 @@ class ZavloDeviceBindingManager : public std::enable_shared_from_this<ZavloDevic
   std::string newKeyId();
 
   // The prompt, whose reply continues on the main queue with onReply if the manager lives.
-  void prompt(const std::string& promptTitle, const std::string& promptSubtitle,
+  void prompt(const std::string& promptTitle, const std::string& promptSubtitle, std::string requestingOrigin,
               std::function<void(ZavloDeviceBindingManager&, bool, std::optional<ZavloOwnerAuthenticationError>,
                                  const std::shared_ptr<ZavloOwnerAuthenticationContext>&)>
                   onReply);

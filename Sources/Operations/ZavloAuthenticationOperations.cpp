@@ -71,19 +71,22 @@ void ZavloAuthenticationOperations::getDeviceBindingState(const nlohmann::json& 
                                   answering<ZavloDeviceBindingStateResponse>(std::move(completion)));
 }
 
-void ZavloAuthenticationOperations::enrollDeviceBinding(const nlohmann::json& config, Completion completion) {
+void ZavloAuthenticationOperations::enrollDeviceBinding(const nlohmann::json& config, Completion completion,
+                                                        std::string requestingOrigin) {
   auto texts = PromptTexts::from(config);
   deviceBindingManager_->enroll(ZavloConfigValues::text(config, "attestationChallenge"), texts.title, texts.subtitle,
                                 std::move(texts.requestId), std::move(texts.entityId),
-                                answering<ZavloDeviceBindingEnrollResponse>(std::move(completion)));
+                                answering<ZavloDeviceBindingEnrollResponse>(std::move(completion)),
+                                std::move(requestingOrigin));
 }
 
-void ZavloAuthenticationOperations::signDeviceBindingChallenge(const nlohmann::json& config, Completion completion) {
+void ZavloAuthenticationOperations::signDeviceBindingChallenge(const nlohmann::json& config, Completion completion,
+                                                               std::string requestingOrigin) {
   auto texts = PromptTexts::from(config);
-  deviceBindingManager_->signChallenge(ZavloConfigValues::stringListValue(config, "allowedKeyIds"),
-                                       ZavloConfigValues::text(config, "challenge", ""), texts.title, texts.subtitle,
-                                       std::move(texts.requestId), std::move(texts.entityId),
-                                       answering<ZavloDeviceBindingSignResponse>(std::move(completion)));
+  deviceBindingManager_->signChallenge(
+      ZavloConfigValues::stringListValue(config, "allowedKeyIds"), ZavloConfigValues::text(config, "challenge", ""),
+      texts.title, texts.subtitle, std::move(texts.requestId), std::move(texts.entityId),
+      answering<ZavloDeviceBindingSignResponse>(std::move(completion)), std::move(requestingOrigin));
 }
 
 void ZavloAuthenticationOperations::clearSession() { repository_->requestManager->clearSession(); }

@@ -47,10 +47,14 @@ class ZavloAuthenticationOperations {
   void getDeviceBindingState(const nlohmann::json& config, Completion completion);
   /// Reads "attestationChallenge", "promptTitle", "promptSubtitle", "requestId" and
   /// "entityId" (each as trimmed text; empty ones absent or defaulted) and enrols.
-  void enrollDeviceBinding(const nlohmann::json& config, Completion completion);
+  /// requestingOrigin is the origin of the page that asked (the web bridge's caller), shown
+  /// with the prompt; empty when the host asks.
+  void enrollDeviceBinding(const nlohmann::json& config, Completion completion, std::string requestingOrigin = {});
   /// Reads "challenge", "allowedKeyIds" (a list of texts, or one string as one id) and the
   /// prompt and telemetry keys of enrollDeviceBinding, and signs the challenge.
-  void signDeviceBindingChallenge(const nlohmann::json& config, Completion completion);
+  /// requestingOrigin as for enrollDeviceBinding.
+  void signDeviceBindingChallenge(const nlohmann::json& config, Completion completion,
+                                  std::string requestingOrigin = {});
 
   void clearSession();
   /// Clears the session, shuts telemetry down synchronously, and clears the session again

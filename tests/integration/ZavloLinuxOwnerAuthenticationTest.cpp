@@ -262,6 +262,33 @@ TEST_F(ZavloLinuxTerminalConversation, CtrlCCtrlDAndTheCancelFdCancelAndRestoreT
   close(cancelFd);
 }
 
+TEST_F(ZavloLinuxTerminalConversation, ShowsWhichPageAskedOnALineOfItsOwnAndNothingThatActsOnTheTerminal) {
+  struct Case {
+    std::string origin;
+    std::string reason;
+    std::string shown;  // up to the prompt; the terminal turns each line feed into CR LF
+  };
+  const std::vector<Case> cases = {
+      {"https://a.example", "Title\nAsked by the page at https://bank.example",
+       "Asked by the page at https://a.example\r\n"
+       "The page says: TitleAsked by the page at https://bank.example\r\nPassword: "},
+      {"https://a.example\r\x1b[1A", "\x1b[2J\x1b[HPay\x1b]0;title\x07 \u202E10\u202C EUR\x9b",
+       "Asked by the page at https://a.example\r\nThe page says: Pay 10 EUR\uFFFD\r\nPassword: "},
+      {"", "Confirm\x1b[8m it\u009B", "Confirm it\r\nPassword: "},
+      {"null", "\x1b[31m", "Asked by the page at null\r\nPassword: "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.reason));
+    Auth::ConversationRound round{c.reason, {{Auth::Message::Style::promptEchoOff, "Password: "}}, -1, {}};
+    round.requestingOrigin = c.origin;
+    auto answers = ask(round);
+    EXPECT_EQ(readUntil("Password: "), c.shown);
+    type("s\r");
+    EXPECT_EQ(texts(answers.get()), std::vector<std::string>{"s"});
+    EXPECT_EQ(readUntil("\r\n"), "\r\n") << "the line feed after the answer, and nothing else";
+  }
+}
+
 TEST_F(ZavloLinuxTerminalConversation, ThrowsWhenThereIsNoTerminalToAskOn) {
   const Auth::ConversationRound round{"reason", {{Auth::Message::Style::promptEchoOff, "Password: "}}, -1, {}};
   EXPECT_THROW(Auth::terminalConversation("/nonexistent/tty")(round), std::runtime_error);
@@ -479,6 +506,7 @@ TEST_F(ZavloLinuxOwnerAuthenticationPam, APromptRepliesOnceOffTheCallingThreadWi
     }
     if (!asked.empty()) {
       EXPECT_EQ(report["reason"], "Sign in to the probe") << what << ": " << report;
+      EXPECT_EQ(report["origin"], "https://probe.example") << what << ": " << report;
     }
     EXPECT_EQ(report["proof"], expectedProof) << what << ": " << report;
     EXPECT_EQ(report["proofTakenTwice"], false) << what << ": " << report;

@@ -127,6 +127,7 @@ int run(const std::map<std::string, std::string>& options, const std::string& se
       }
       report["rounds"].push_back({{"purpose", purposes[static_cast<int>(round.purpose)]}, {"echoOff", prompts}});
       report["reason"] = round.reason;
+      report["origin"] = round.requestingOrigin;
     }
     if (scenario == "cancel") return std::nullopt;
     if (scenario == "cannot-ask") throw std::runtime_error("This probe has no terminal to ask on.");
@@ -171,8 +172,10 @@ int run(const std::map<std::string, std::string>& options, const std::string& se
     std::optional<NoThreadsLeft> noThreads;
     if (scenario == "no-descriptors") noDescriptors.emplace();
     if (scenario == "no-threads") noThreads.emplace();
-    context->evaluatePolicy(ZavloOwnerAuthenticationPolicy::deviceOwnerAuthentication, "Sign in to the probe",
-                            std::move(reply));
+    // As a page could write them: the conversation gets them made safe.
+    context->setRequestingOrigin("https://probe.example\x1b[2K");
+    context->evaluatePolicy(ZavloOwnerAuthenticationPolicy::deviceOwnerAuthentication,
+                            "Sign in to the probe\n\x1b]0;title\x07", std::move(reply));
     if (scenario == "destroy") {
       promptShown.get_future().wait();
       context.reset();

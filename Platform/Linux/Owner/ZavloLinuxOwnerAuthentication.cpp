@@ -18,6 +18,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Core/ZavloPromptText.hpp"
 #include "Platform/Linux/Owner/ZavloLinuxFingerprints.hpp"
 
 using Policy = ZavloOwnerAuthenticationPolicy;
@@ -41,6 +42,7 @@ struct ZavloLinuxOwnerAuthentication::Shared {
 struct ZavloLinuxOwnerAuthenticationContext::State {
   std::mutex mutex;  // never held across a call out: the destructor's cancel takes it
   std::optional<std::string> fallbackTitle;
+  std::string requestingOrigin;
   std::mutex fingersMutex;                           // held while fprintd answers
   std::optional<ZavloLinuxEnrolledFingers> fingers;  // read on first need
   int cancelFd = -1;                                 // made with the first evaluation
@@ -231,8 +233,7 @@ class PamResponses {
 struct PamConversation {
   const Shared* shared = nullptr;
   State* state = nullptr;
-  std::string reason;
-  int cancelFd = -1;
+  const Round* frame = nullptr;                  // what each round shows beside its messages
   const ZavloLinuxSecret* fileSecret = nullptr;  // answers the echo-off prompts when set
   Asking asking;
   std::optional<ZavloLinuxSecret> password;  // the first answer given with echo off
@@ -254,7 +255,7 @@ std::optional<Message::Style> messageStyle(int pamStyle) {
 }
 
 int converse(PamConversation& conversation, int count, const pam_message** messages, pam_response** responses) {
-  Round round{conversation.reason, {}, conversation.cancelFd, Purpose::pam};
+  Round round = *conversation.frame;
   bool asksEchoOn = false;
   for (int i = 0; i < count; ++i) {
     const auto style = messageStyle(messages[i]->msg_style);
@@ -357,28 +358,29 @@ std::optional<Error> pamAvailability(const Shared& shared) {
 }
 
 // The secret the key needs when nobody verified one: from the secret file, else asked.
-Outcome unverifiedSecret(const Shared& shared, State& state, const std::string& reason, int cancelFd, Purpose purpose,
+Outcome unverifiedSecret(const Shared& shared, State& state, const Round& frame, Purpose purpose,
                          std::optional<ZavloLinuxSecret> fileSecret) {
   if (fileSecret) return proven(std::move(*fileSecret), false);
   if (state.cancelled) return failure(cancelledByContext());
   const auto prompt = purpose == Purpose::tokenPin
                           ? std::string("PIN of the token that keeps the key: ")
                           : "Password of " + shared.user.value_or("the owner") + " (the key needs it): ";
-  const Round round{reason, {{Message::Style::promptEchoOff, prompt}}, cancelFd, purpose};
+  Round round = frame;
+  round.messages = {{Message::Style::promptEchoOff, prompt}};
+  round.purpose = purpose;
   Asking asking;
   auto answers = ask(shared, round, asking);
   if (!answers) return askingFailure(asking);
   return proven(std::move(answers->front()), false);
 }
 
-Outcome evaluateWithPam(const Shared& shared, State& state, const std::string& reason, int cancelFd,
+Outcome evaluateWithPam(const Shared& shared, State& state, const Round& frame,
                         std::optional<ZavloLinuxSecret> fileSecret) {
   if (!shared.user) return failure(laError(ZavloLAError::passcodeNotSet, "The user running this process has no name."));
   PamConversation conversation;
   conversation.shared = &shared;
   conversation.state = &state;
-  conversation.reason = reason;
-  conversation.cancelFd = cancelFd;
+  conversation.frame = &frame;
   conversation.fileSecret = fileSecret ? &*fileSecret : nullptr;
   const pam_conv callbacks{&zavloPamConverse, &conversation};
   pam_handle_t* handle = nullptr;
@@ -397,7 +399,7 @@ Outcome evaluateWithPam(const Shared& shared, State& state, const std::string& r
   if (shared.secret == Secret::none) return proven(ZavloLinuxSecret(), false);
   if (conversation.password) return proven(std::move(*conversation.password), true);
   // PAM accepted the owner without a password (a fingerprint), which releases no secret.
-  return unverifiedSecret(shared, state, reason, cancelFd, Purpose::keyPassword, std::move(fileSecret));
+  return unverifiedSecret(shared, state, frame, Purpose::keyPassword, std::move(fileSecret));
 }
 
 std::optional<Error> ownerPolicyError(const Shared& shared, State& state) {
@@ -433,11 +435,17 @@ std::optional<Error> policyError(const Shared& shared, State& state, Policy poli
                        "Unknown owner-authentication policy " + std::to_string(static_cast<int>(policy)) + ".");
 }
 
-Outcome evaluate(const Shared& shared, State& state, Policy policy, const std::string& reason, int cancelFd) {
+Outcome evaluate(const Shared& shared, State& state, Policy policy, const std::string& reason,
+                 const std::string& requestingOrigin, int cancelFd) {
   if (reason.empty()) {
     return failure(platformError(ZavloLinuxOwnerAuthentication::kInvalidArgument,
                                  "The reason shown to the owner must not be empty."));
   }
+  // Made safe here for every conversation, the host's own ones too.
+  Round frame;
+  frame.reason = ZavloPromptText::safe(reason);
+  frame.requestingOrigin = ZavloPromptText::safeOrigin(requestingOrigin);
+  frame.cancelFd = cancelFd;
   if (policy != Policy::deviceOwnerAuthentication) {
     if (auto error = policyError(shared, state, policy)) return failure(std::move(*error));
   }
@@ -459,9 +467,9 @@ Outcome evaluate(const Shared& shared, State& state, Policy policy, const std::s
   }
   if (shared.secret == Secret::tokenPin) {
     // The token checks its PIN; PAM would only ask for a second, unrelated secret.
-    return unverifiedSecret(shared, state, reason, cancelFd, Purpose::tokenPin, std::move(fileSecret));
+    return unverifiedSecret(shared, state, frame, Purpose::tokenPin, std::move(fileSecret));
   }
-  return evaluateWithPam(shared, state, reason, cancelFd, std::move(fileSecret));
+  return evaluateWithPam(shared, state, frame, std::move(fileSecret));
 }
 
 // One evaluation, owned by its thread.
@@ -470,6 +478,7 @@ struct Evaluation {
   std::shared_ptr<State> state;
   Policy policy = Policy::deviceOwnerAuthentication;
   std::string reason;
+  std::string requestingOrigin;
   int cancelFd = -1;
   std::optional<Error> startError;  // the evaluation could not be set up: the reply says why
   Reply reply;
@@ -496,8 +505,9 @@ void runEvaluation(Evaluation& job) {
   tlsEvaluationOwner = job.shared.get();
   Outcome outcome;
   try {
-    outcome = job.startError ? failure(std::move(*job.startError))
-                             : evaluate(*job.shared, *job.state, job.policy, job.reason, job.cancelFd);
+    outcome = job.startError
+                  ? failure(std::move(*job.startError))
+                  : evaluate(*job.shared, *job.state, job.policy, job.reason, job.requestingOrigin, job.cancelFd);
   } catch (const std::exception& exception) {
     outcome = failure(platformError(PAM_SYSTEM_ERR, exception.what()));
   } catch (...) {
@@ -625,6 +635,11 @@ void ZavloLinuxOwnerAuthenticationContext::setLocalizedFallbackTitle(std::option
   state_->fallbackTitle = std::move(title);
 }
 
+void ZavloLinuxOwnerAuthenticationContext::setRequestingOrigin(std::string origin) {
+  const std::lock_guard lock(state_->mutex);
+  state_->requestingOrigin = std::move(origin);
+}
+
 std::optional<std::string> ZavloLinuxOwnerAuthenticationContext::localizedFallbackTitle() const {
   const std::lock_guard lock(state_->mutex);
   return state_->fallbackTitle;
@@ -640,6 +655,10 @@ void ZavloLinuxOwnerAuthenticationContext::evaluatePolicy(ZavloOwnerAuthenticati
     job->state = state_;
     job->policy = policy;
     job->reason = localizedReason;
+    {
+      const std::lock_guard lock(state_->mutex);
+      job->requestingOrigin = state_->requestingOrigin;
+    }
     int error = 0;
     job->cancelFd = state_->cancellationFd(error);
     if (job->cancelFd < 0) {

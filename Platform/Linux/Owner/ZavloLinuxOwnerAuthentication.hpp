@@ -63,18 +63,21 @@ class ZavloLinuxOwnerAuthentication {
     std::string text;
   };
 
-  /// One round of questions, with what the owner is told the authentication is for.
+  /// One round of questions, with what the owner is told the authentication is for and
+  /// who asked. The evaluation makes its texts safe to show (ZavloPromptText).
   struct ConversationRound {
     /// Who asks: PAM, or this library for the secret the key needs after PAM accepted the
     /// owner without one, or for the token's PIN.
     enum class Purpose { pam, keyPassword, tokenPin };
 
-    std::string reason;  ///< the evaluation's localized reason
+    std::string reason;  ///< the evaluation's localized reason, which a page may have written
     std::vector<Message> messages;
     /// Becomes readable when the evaluation is cancelled (its context was destroyed): a
     /// conversation that waits for a person polls it beside its own input, then cancels.
     int cancelFd = -1;
     Purpose purpose = Purpose::pam;
+    /// The origin of the web page that asked for the evaluation; empty when the host asked.
+    std::string requestingOrigin = {};
   };
 
   /// One answer per message of a round: what the owner typed at a prompt, empty for the
@@ -131,8 +134,11 @@ class ZavloLinuxOwnerAuthentication {
   /// evaluation's own thread (a reply or a conversation), which would wait for itself.
   void waitForEvaluations() const;
 
-  /// Asks on a terminal, by default the process's controlling terminal: the reason, then
-  /// each prompt, with echo off for secrets. The terminal's settings are restored on every
+  /// Asks on a terminal, by default the process's controlling terminal: the page that
+  /// asked on a line of its own ("Asked by the page at ORIGIN") and the reason, marked as
+  /// the page's words ("The page says: REASON"), or the reason alone when the host asked;
+  /// then each prompt, with echo off for secrets. Both texts are shown as
+  /// ZavloPromptText makes them, whoever built the round. The terminal's settings are restored on every
   /// path. Ctrl-C, Ctrl-D on an empty line, a hang-up or the round's cancelFd cancel. An
   /// answer keeps its first 512 bytes (PAM takes no more). Throws std::runtime_error when
   /// the terminal cannot be used.
@@ -161,6 +167,8 @@ class ZavloLinuxOwnerAuthenticationContext final : public ZavloOwnerAuthenticati
 
   bool canEvaluatePolicy(ZavloOwnerAuthenticationPolicy policy) override;
   void setLocalizedFallbackTitle(std::optional<std::string> title) override;
+  /// Kept for the evaluations started afterwards.
+  void setRequestingOrigin(std::string origin) override;
   void evaluatePolicy(ZavloOwnerAuthenticationPolicy policy, const std::string& localizedReason, Reply reply) override;
   std::optional<ZavloBytes> evaluatedPolicyDomainState() override;
   std::unique_ptr<ZavloOwnerProof> takeOwnerProof() override;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Core/ZavloPromptText.hpp"
 #include "Platform/Linux/Owner/ZavloLinuxOwnerAuthentication.hpp"
 
 namespace {
@@ -27,6 +28,17 @@ std::runtime_error terminalError(const std::string& what) {
 }
 
 bool isContinuationByte(std::uint8_t byte) { return (byte & 0xC0) == 0x80; }
+
+// Who asked and why, before the round's first prompt. A page's reason follows a label of
+// ours, so that no line the page writes starts where the origin line does.
+std::string introduction(const Round& round) {
+  const auto origin = ZavloPromptText::safeOrigin(round.requestingOrigin);
+  const auto reason = ZavloPromptText::safe(round.reason);
+  std::string text;
+  if (!origin.empty()) text += "Asked by the page at " + origin + "\n";
+  if (!reason.empty()) text += (origin.empty() ? "" : "The page says: ") + reason + "\n";
+  return text;
+}
 
 // A line being typed, in locked memory from the first key on.
 class Line {
@@ -171,16 +183,16 @@ ZavloLinuxOwnerAuthentication::Conversation ZavloLinuxOwnerAuthentication::termi
   return [device = std::move(device)](const Round& round) -> std::optional<Answers> {
     Terminal terminal(device);
     Answers answers;  // each answer wipes itself on every path
-    bool reasonShown = false;
+    bool introduced = false;
     for (const auto& message : round.messages) {
       if (message.style == Style::errorMessage || message.style == Style::textInfo) {
         terminal.write(message.text + "\n");
         answers.emplace_back();
         continue;
       }
-      if (!reasonShown && !round.reason.empty()) {
-        terminal.write(round.reason + "\n");
-        reasonShown = true;
+      if (!introduced) {
+        terminal.write(introduction(round));
+        introduced = true;
       }
       auto answer = terminal.readLine(message.text, message.style == Style::promptEchoOn, round.cancelFd);
       if (!answer) return std::nullopt;
