@@ -147,13 +147,13 @@ void ZavloAuthenticationBridge::handleGetDeviceBindingState(const nlohmann::json
 
 void ZavloAuthenticationBridge::handleEnrollDeviceBinding(const nlohmann::json& body, const Asker& asker) {
   if (auto config = deviceBindingConfig(body, asker)) {
-    services_.operations->enrollDeviceBinding(*config, answering(shared_from_this(), asker));
+    services_.operations->enrollDeviceBinding(*config, answering(shared_from_this(), asker), asker.origin);
   }
 }
 
 void ZavloAuthenticationBridge::handleSignDeviceBindingChallenge(const nlohmann::json& body, const Asker& asker) {
   if (auto config = deviceBindingConfig(body, asker)) {
-    services_.operations->signDeviceBindingChallenge(*config, answering(shared_from_this(), asker));
+    services_.operations->signDeviceBindingChallenge(*config, answering(shared_from_this(), asker), asker.origin);
   }
 }
 

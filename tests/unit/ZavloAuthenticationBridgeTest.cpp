@@ -269,6 +269,17 @@ TEST_F(ZavloAuthenticationBridgeTest, AMessageWithAReplyIsAnsweredThroughItAndTh
     EXPECT_EQ(reply->answers[0].second, result) << body;
   }
 
+  // The owner's prompt names the page that asked.
+  auto reply = std::make_shared<RecordingReply>();
+  page->postMessage(
+      kHandler, ZavloScriptMessage{{{"method", "enrollDeviceBinding"}, {"callback", "cb"}, {"config", json::object()}},
+                                   {"https://a.example", true},
+                                   reply});
+  graph.platform.runUntilIdle();
+  ASSERT_EQ(reply->answers.size(), 1U);
+  EXPECT_EQ(reply->answers[0].second.value("status", ""), "SUCCESS") << reply->answers[0].second;
+  EXPECT_EQ(graph.platform.ownerAuthentication().prompts().back().requestingOrigin, "https://a.example");
+
   EXPECT_TRUE(page->allowedOrigins(kHandler)->ownPageOnly()) << "no rules given: the host's own page";
   const auto rules = ZavloOriginRules::parse({"https://a.example", "https://*.b.example:8443"});
   wrapper.setupWebView(page, graph.screen, ZavloAuthEnvironment::development, *rules);
