@@ -39,7 +39,9 @@ set(curlLinked "")
 if(curl)
   execute_process(COMMAND ldd ${CMAKE_MATCH_1} OUTPUT_VARIABLE curlLinked COMMAND_ERROR_IS_FATAL ANY)
 endif()
-foreach(library libpam libgio libp11-kit libsqlite3 libtss2)
+# GIO is the core's own now: it asks systemd-resolved, NetworkManager and ModemManager for
+# the cellular link's name servers and modems.
+foreach(library libpam libp11-kit libsqlite3 libtss2)
   if(needed MATCHES "\\[${library}[.-]" OR (linked MATCHES "${library}[.-]" AND NOT curlLinked MATCHES "${library}[.-]"))
     message(FATAL_ERROR "zavlo-sna-only links ${library}")
   endif()
