@@ -8,6 +8,7 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -81,28 +82,22 @@ TEST(ZavloDualStackNamespaceTest, TheFirstFamilyToBeReadyWinsAndTheOtherAttemptI
 
     std::optional<ZavloTestTlsIdentity> identity;
     if (c.tls) identity = authority.issueServerIdentity({"localhost"});
-    std::unique_ptr<ZavloTestServer> v4;
-    std::unique_ptr<ZavloTestServer> v6;
     ns->runInside([&] {
-      v4 = std::make_unique<ZavloTestServer>(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\nv4"),
-                                             ZavloTestServer::Options{"127.0.0.1", 0, identity});
+      const ZavloTestServer v4(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\nv4"), {"127.0.0.1", 0, identity});
+      std::optional<ZavloTestServer> v6;
       if (c.ipv6 == Ipv6Path::answers) {
-        v6 = std::make_unique<ZavloTestServer>(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\nv6"),
-                                               ZavloTestServer::Options{"::1", v4->port(), identity});
+        v6.emplace(ZavloTestServerReply::answer("HTTP/1.1 200 OK\r\n\r\nv6"),
+                   ZavloTestServer::Options{"::1", v4.port(), identity});
       } else if (c.ipv6 == Ipv6Path::acceptsButStallsTls) {
-        v6 = std::make_unique<ZavloTestServer>(ZavloTestServerReply::neverAnswer(),
-                                               ZavloTestServer::Options{"::1", v4->port(), {}});
+        v6.emplace(ZavloTestServerReply::neverAnswer(), ZavloTestServer::Options{"::1", v4.port(), {}});
       }
-    });
-
-    ns->runInside([&] {
       ZavloLinuxPlatform platform(ZavloLinuxPlatform::Options{
           .hostApplicationVersion = {}, .cellularInterfaces = {"lo", kDroppingLink}, .additionalTrustAnchorsPem = {}});
       auto parameters = zavloCellularParameters(ZavloConnectionParameters::IpVersion::any, c.tls);
       if (c.tls) parameters.tls->additionalTrustAnchorsPem = {authority.certificatePem()};
       ASSERT_EQ(parameters.tcp.connectionTimeout, 5s);
       auto& loop = platform.runLoop();
-      ZavloConnectionRecorder recorder(platform.makeConnection("localhost", v4->port(), parameters), loop);
+      ZavloConnectionRecorder recorder(platform.makeConnection("localhost", v4.port(), parameters), loop);
       const auto started = std::chrono::steady_clock::now();
       recorder.start();
       loop.runUntil([&] { return recorder.has("ready") || recorder.has("failed") || recorder.has("waiting"); }, 10s);
@@ -112,10 +107,10 @@ TEST(ZavloDualStackNamespaceTest, TheFirstFamilyToBeReadyWinsAndTheOtherAttemptI
       ASSERT_EQ(recorder.events(), (std::vector<std::string>{"preparing", "ready"}));
       EXPECT_LT(elapsed, 2s) << "far below the 5 s time-out of an attempt";
       const bool ipv6Won = std::string(c.winner) == "v6";
-      EXPECT_EQ(openSocketsTo(v4->port(), true), ipv6Won ? 1 : 0);
-      EXPECT_EQ(openSocketsTo(v4->port(), false), ipv6Won ? 0 : 1);
+      EXPECT_EQ(openSocketsTo(v4.port(), true), ipv6Won ? 1 : 0);
+      EXPECT_EQ(openSocketsTo(v4.port(), false), ipv6Won ? 0 : 1);
       if (ipv6Won) {
-        EXPECT_EQ(v4->acceptedCount(), 0U) << "IPv4 was never tried";
+        EXPECT_EQ(v4.acceptedCount(), 0U) << "IPv4 was never tried";
       }
 
       recorder.send("GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");

@@ -382,8 +382,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   // passed. Once none is left and none is in flight, it waits if every attempt met what
   // another path may cure, else it fails.
   void startNextAttempt() {
-    nextAttemptTimer_.cancel();
-    ++nextAttemptSchedule_;  // a delay that has already run out starts nothing more
+    stopNextAttemptTimer();
     while (nextEndpoint_ < endpoints_.size()) {
       const auto& endpoint = endpoints_[nextEndpoint_++];
       if (bindingFor(endpoint).kind == ZavloLinuxBinding::Kind::none) {
@@ -499,12 +498,17 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 
   // The first attempt ready becomes the connection's stream; the others are closed.
   void won(const std::shared_ptr<Attempt>& attempt) {
-    nextAttemptTimer_.cancel();
+    stopNextAttemptTimer();
     attempt->timeout.cancel();
     attempts_.erase(std::find(attempts_.begin(), attempts_.end(), attempt));
     closeAttempts();
     stream_ = attempt;
     becomeReady();
+  }
+
+  void stopNextAttemptTimer() {
+    nextAttemptTimer_.cancel();
+    ++nextAttemptSchedule_;  // a delay that has already run out starts nothing either
   }
 
   void closeAttempts() {
@@ -560,7 +564,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   }
 
   void closeTransport() {
-    nextAttemptTimer_.cancel();
+    stopNextAttemptTimer();
     if (resolver_) resolver_->cancel();
     closeAttempts();
     if (stream_) stream_->close();
