@@ -8,10 +8,10 @@
 #include <thread>
 
 #include "Platform/Linux/ZavloLinuxPlatform.hpp"
-#include "Testing/Network/ZavloClosedPort.hpp"
-#include "tools/peers/ZavloTestCertificates.hpp"
 #include "Testing/Contracts/ZavloConnectionRecorder.hpp"
+#include "Testing/Network/ZavloClosedPort.hpp"
 #include "Testing/Network/ZavloTestServer.hpp"
+#include "tools/peers/ZavloTestCertificates.hpp"
 
 using namespace std::chrono_literals;
 using IpVersion = ZavloConnectionParameters::IpVersion;
@@ -282,7 +282,10 @@ TEST_F(ZavloLinuxConnectionTest, CancelAtAnyMomentNeverReportsAfterCancelled) {
 TEST_F(ZavloLinuxConnectionTest, CancelFromAnotherThreadEndsCleanlyWhateverTheConnectionIsDoing) {
   ZavloTestServer server(ZavloTestServerReply::neverAnswer());
   for (int round = 0; round < 20; ++round) {
-    auto recorder = connect("127.0.0.1", server.port());
+    // Odd rounds race the families: ::1, refused, then 127.0.0.1 at once.
+    const bool racing = round % 2 == 1;
+    auto recorder = connect(racing ? "localhost" : "127.0.0.1", server.port(),
+                            zavloCellularParameters(racing ? IpVersion::any : IpVersion::v4));
     recorder.start();
     recorder.send(kRequest);
     recorder.receive(1, 65536);
@@ -463,5 +466,24 @@ TEST(ZavloLinuxSpecialUseNameTest, OnlyLocalhostAndInvalidAndNamesUnderThemAreSp
   for (const auto* host : {"", ".", "notlocalhost", "localhost.example", "myinvalid", "invalid.example", "127.0.0.1",
                            "localhostx", "example.com"}) {
     EXPECT_EQ(zavloSpecialUseName(host), Name::none) << host;
+  }
+}
+
+// Addresses as the resolver gave them (IPv6 has a colon), and the order they are raced in.
+TEST(ZavloInterleaveFamiliesTest, TheFirstAddressFamilyStartsThenTheFamiliesAlternateEachInItsOwnOrder) {
+  using Addresses = std::vector<std::string>;
+  const struct {
+    Addresses resolved;
+    Addresses raced;
+  } cases[] = {
+      {{"6a::", "6b::", "4a", "4b", "4c"}, {"6a::", "4a", "6b::", "4b", "4c"}},
+      {{"4a", "6a::", "6b::", "6c::"}, {"4a", "6a::", "6b::", "6c::"}},
+      {{"4a", "4b", "6a::", "4c"}, {"4a", "6a::", "4b", "4c"}},
+      {{"6a::", "6b::"}, {"6a::", "6b::"}},
+      {{}, {}},
+  };
+  const auto isIpv6 = [](const std::string& address) { return address.find(':') != std::string::npos; };
+  for (const auto& c : cases) {
+    EXPECT_EQ(zavloInterleaveFamilies(c.resolved, isIpv6), c.raced) << ::testing::PrintToString(c.resolved);
   }
 }

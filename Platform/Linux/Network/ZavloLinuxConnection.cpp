@@ -12,6 +12,8 @@
 #include <asio/ssl.hpp>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -30,6 +32,10 @@ namespace {
 // maximum-sized buffer each.
 constexpr std::size_t kFirstReadSize = 4096;
 constexpr std::size_t kReadGrowth = 4;
+
+// How long an attempt of a connection that may use either IP version has before the next
+// address is tried beside it: a path that drops packets costs this, not the time-out.
+constexpr std::chrono::milliseconds kConnectionAttemptDelay{250};
 
 // The one place where system, resolver and TLS errors become connection errors. ssl, when
 // given, tells why a certificate was refused.
@@ -92,7 +98,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
         host_(std::move(host)),
         port_(port),
         parameters_(std::move(parameters)),
-        timer_(*core_->io) {
+        nextAttemptTimer_(*core_->io) {
     if (host_.size() > 2 && host_.front() == '[' && host_.back() == ']') host_ = host_.substr(1, host_.size() - 2);
   }
 
@@ -167,6 +173,23 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     std::size_t maximum;
     ReceiveCompletion completion;
   };
+  // One endpoint tried, with its own socket and time-out. The attempt that is ready first
+  // becomes the connection's stream. Handlers hold it, so that a stream closed under a
+  // pending operation lives until that operation has ended.
+  struct Attempt {
+    explicit Attempt(asio::io_context& io) : timeout(io) {}
+    Tcp::socket& socket() { return secure ? secure->next_layer() : *plain; }
+    void close() {
+      timeout.cancel();
+      std::error_code ignored;
+      socket().close(ignored);
+    }
+
+    std::optional<Tcp::socket> plain;
+    std::optional<asio::ssl::stream<Tcp::socket>> secure;
+    asio::steady_timer timeout;
+    bool timedOut = false;
+  };
 
   // --- Delivery to the queue given to start(); callable from any thread once started.
 
@@ -234,8 +257,6 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   }
 
   // --- I/O thread.
-
-  Tcp::socket& socket() { return secure_ ? secure_->next_layer() : *plain_; }
 
   // fail() for a failure start() has reported already.
   void failedAtStart(ZavloConnectionError error) {
@@ -422,36 +443,68 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
             noUsableInterface().localizedDescription + " has an " + (ipv6 ? "IPv6" : "IPv4") + " address"};
   }
 
-  // Tries the endpoints in order from index, skipping families without a usable interface.
-  // Once none is left it waits if every try met what another path may cure, else it fails.
-  void connectTo(std::size_t index) {
-    const auto bindingFor = [this](const Tcp::endpoint& endpoint) -> const ZavloLinuxBinding& {
-      return endpoint.address().is_v6() ? bindingV6_ : bindingV4_;
-    };
-    std::optional<bool> skippedIpv6;
-    while (index < endpoints_.size() && bindingFor(endpoints_[index]).kind == ZavloLinuxBinding::Kind::none) {
-      skippedIpv6 = skippedIpv6.value_or(endpoints_[index].address().is_v6());
-      ++index;
-    }
-    if (index >= endpoints_.size()) {
-      if (!lastError_) return fail(noInterfaceOfFamily(skippedIpv6.value_or(false)));
-      return waitable_ ? wait(*lastError_) : fail(*lastError_);
-    }
+  const ZavloLinuxBinding& bindingFor(const Tcp::endpoint& endpoint) const {
+    return endpoint.address().is_v6() ? bindingV6_ : bindingV4_;
+  }
 
-    const auto& endpoint = endpoints_[index];
+  // Whether attempts overlap: only when either IP version may be used.
+  bool racesAttempts() const { return parameters_.ipVersion == ZavloConnectionParameters::IpVersion::any; }
+
+  // Connects to endpoints_ from index first on, skipping families without a usable
+  // interface: one after another, or raced with the families interleaved.
+  void connectTo(std::size_t first) {
+    if (racesAttempts()) {
+      const auto rest =
+          first < endpoints_.size() ? endpoints_.begin() + static_cast<std::ptrdiff_t>(first) : endpoints_.end();
+      const auto ordered =
+          zavloInterleaveFamilies(std::vector<Tcp::endpoint>(rest, endpoints_.end()),
+                                  [](const Tcp::endpoint& endpoint) { return endpoint.address().is_v6(); });
+      std::copy(ordered.begin(), ordered.end(), rest);
+    }
+    nextEndpoint_ = first;
+    skippedIpv6_.reset();
+    startNextAttempt();
+  }
+
+  // Starts the next endpoint's attempt, and when racing, the one after it once the delay has
+  // passed. Once none is left and none is in flight, it waits if every attempt met what
+  // another path may cure, else it fails.
+  void startNextAttempt() {
+    stopNextAttemptTimer();
+    while (nextEndpoint_ < endpoints_.size()) {
+      const auto& endpoint = endpoints_[nextEndpoint_++];
+      if (bindingFor(endpoint).kind == ZavloLinuxBinding::Kind::none) {
+        skippedIpv6_ = skippedIpv6_.value_or(endpoint.address().is_v6());
+        continue;
+      }
+      if (!startAttempt(endpoint)) continue;  // failed at once: the next goes now
+      if (racesAttempts() && nextEndpoint_ < endpoints_.size()) {
+        nextAttemptTimer_.expires_after(kConnectionAttemptDelay);
+        nextAttemptTimer_.async_wait(
+            [self = shared_from_this(), schedule = nextAttemptSchedule_](const std::error_code& error) {
+              if (error || schedule != self->nextAttemptSchedule_ || self->phase_ != Phase::preparing) return;
+              self->startNextAttempt();
+            });
+      }
+      return;
+    }
+    if (!attempts_.empty()) return;  // those in flight decide
+    if (!lastError_) return fail(noInterfaceOfFamily(skippedIpv6_.value_or(false)));
+    return waitable_ ? wait(*lastError_) : fail(*lastError_);
+  }
+
+  // False when the attempt failed before any I/O (its error recorded).
+  bool startAttempt(const Tcp::endpoint& endpoint) {
     const auto& binding = bindingFor(endpoint);
-    ++attempt_;
-    timedOut_ = false;
-    plain_.reset();
-    secure_.reset();
+    auto attempt = std::make_shared<Attempt>(*core_->io);
     if (tls_) {
       SSL_CTX_up_ref(tls_->nativeHandle());
       asio::ssl::context context(tls_->nativeHandle());  // owns that extra reference
-      secure_.emplace(*core_->io, context);
+      attempt->secure.emplace(*core_->io, context);
     } else {
-      plain_.emplace(*core_->io);
+      attempt->plain.emplace(*core_->io);
     }
-    auto& tcp = socket();
+    auto& tcp = attempt->socket();
     std::error_code error;
     tcp.open(endpoint.protocol(), error);
     if (!error && binding.kind == ZavloLinuxBinding::Kind::bound &&
@@ -459,7 +512,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
                      static_cast<socklen_t>(binding.interfaceName.size() + 1)) != 0) {
       error = systemError(errno);
     }
-    if (error) return attemptFailed(index, error);
+    if (error) {
+      recordFailure(*attempt, error);
+      return false;
+    }
     // Each option costs a system call per hop, so only what differs from the defaults.
     if (parameters_.tcp.enableKeepalive) tcp.set_option(asio::socket_base::keep_alive(true), error);
     if (tls_) {
@@ -470,56 +526,85 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
         ::setsockopt(tcp.native_handle(), IPPROTO_TCP, TCP_FASTOPEN_CONNECT, &enable, sizeof enable);
       }
     }
+    attempts_.push_back(attempt);
     // With Fast Open the handshake travels with the first bytes, so the time-out covers
     // the TLS handshake too.
     if (parameters_.tcp.connectionTimeout.count() > 0) {
-      timer_.expires_after(parameters_.tcp.connectionTimeout);
-      timer_.async_wait([self = shared_from_this(), attempt = attempt_](const std::error_code& waitError) {
-        if (waitError || attempt != self->attempt_ || self->phase_ != Phase::preparing) return;
-        self->timedOut_ = true;
+      attempt->timeout.expires_after(parameters_.tcp.connectionTimeout);
+      attempt->timeout.async_wait([self = shared_from_this(), attempt](const std::error_code& waitError) {
+        if (waitError || !self->inFlight(attempt)) return;
+        attempt->timedOut = true;
         std::error_code ignored;
-        self->socket().close(ignored);
+        attempt->socket().close(ignored);
       });
     }
-    tcp.async_connect(endpoint,
-                      [self = shared_from_this(), index, attempt = attempt_](const std::error_code& connectError) {
-                        if (attempt == self->attempt_) self->connected(index, connectError);
-                      });
+    tcp.async_connect(endpoint, [self = shared_from_this(), attempt](const std::error_code& connectError) {
+      self->connected(attempt, connectError);
+    });
+    return true;
   }
 
-  void connected(std::size_t index, const std::error_code& error) {
-    if (cancelled_ || phase_ != Phase::preparing) return;
-    if (error) return attemptFailed(index, error);
-    if (!secure_) return becomeReady();
-    if (!tls_->prepare(secure_->native_handle(), host_, port_)) {
+  bool inFlight(const std::shared_ptr<Attempt>& attempt) const {
+    return phase_ == Phase::preparing && std::find(attempts_.begin(), attempts_.end(), attempt) != attempts_.end();
+  }
+
+  void connected(const std::shared_ptr<Attempt>& attempt, const std::error_code& error) {
+    if (cancelled_ || !inFlight(attempt)) return;
+    if (error) return attemptFailed(attempt, error);
+    if (!attempt->secure) return won(attempt);
+    if (!tls_->prepare(attempt->secure->native_handle(), host_, port_)) {
       return fail({EINVAL, "The host name cannot be checked against a certificate"});
     }
-    secure_->async_handshake(asio::ssl::stream_base::client, [self = shared_from_this(), index, attempt = attempt_](
-                                                                 const std::error_code& handshakeError) {
-      if (attempt == self->attempt_) self->handshaken(index, handshakeError);
-    });
+    // The race goes on through the handshake: with Fast Open a connect completes before
+    // any packet has crossed the path, and a path may carry a SYN but lose larger packets.
+    attempt->secure->async_handshake(asio::ssl::stream_base::client,
+                                     [self = shared_from_this(), attempt](const std::error_code& handshakeError) {
+                                       self->handshaken(attempt, handshakeError);
+                                     });
   }
 
-  void handshaken(std::size_t index, const std::error_code& error) {
-    if (cancelled_ || phase_ != Phase::preparing) return;
-    if (!error) return becomeReady();
+  void handshaken(const std::shared_ptr<Attempt>& attempt, const std::error_code& error) {
+    if (cancelled_ || !inFlight(attempt)) return;
+    if (!error) return won(attempt);
     // Transport failures may be specific to this address; TLS refusals are not.
-    if (error.category() == asio::error::get_system_category()) return attemptFailed(index, error);
-    fail(connectionError(error, secure_->native_handle()));
+    if (error.category() == asio::error::get_system_category()) return attemptFailed(attempt, error);
+    fail(connectionError(error, attempt->secure->native_handle()));
   }
 
-  void attemptFailed(std::size_t index, const std::error_code& error) {
-    const auto cause = timedOut_ ? systemError(ETIMEDOUT) : error;
+  void attemptFailed(const std::shared_ptr<Attempt>& attempt, const std::error_code& error) {
+    attempts_.erase(std::find(attempts_.begin(), attempts_.end(), attempt));
+    recordFailure(*attempt, error);
+    startNextAttempt();
+  }
+
+  void recordFailure(Attempt& attempt, const std::error_code& error) {
+    const auto cause = attempt.timedOut ? systemError(ETIMEDOUT) : error;
     if (!curableByAnotherPath(cause)) waitable_ = false;
     lastError_ = connectionError(cause);
-    timer_.cancel();
-    std::error_code ignored;
-    socket().close(ignored);
-    connectTo(index + 1);
+    attempt.close();
+  }
+
+  // The first attempt ready becomes the connection's stream; the others are closed.
+  void won(const std::shared_ptr<Attempt>& attempt) {
+    stopNextAttemptTimer();
+    attempt->timeout.cancel();
+    attempts_.erase(std::find(attempts_.begin(), attempts_.end(), attempt));
+    closeAttempts();
+    stream_ = attempt;
+    becomeReady();
+  }
+
+  void stopNextAttemptTimer() {
+    nextAttemptTimer_.cancel();
+    ++nextAttemptSchedule_;  // a delay that has already run out starts nothing either
+  }
+
+  void closeAttempts() {
+    for (const auto& attempt : attempts_) attempt->close();
+    attempts_.clear();
   }
 
   void becomeReady() {
-    timer_.cancel();
     phase_ = Phase::ready;
     deliverState(State::ready);
     pumpSends();
@@ -567,12 +652,12 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   }
 
   void closeTransport() {
-    timer_.cancel();
+    stopNextAttemptTimer();
     if (resolver_) resolver_->cancel();
     lookup_.reset();
     ++resolution_;  // a name server search still running reports to no one
-    std::error_code ignored;
-    if (plain_ || secure_) socket().close(ignored);
+    closeAttempts();
+    if (stream_) stream_->close();
   }
 
   void pumpSends() {
@@ -587,10 +672,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     sending_ = true;
     auto onWritten = [self = shared_from_this()](const std::error_code& error, std::size_t) { self->sent(error); };
     const auto buffer = asio::buffer(sends_.front().content);
-    if (secure_) {
-      asio::async_write(*secure_, buffer, std::move(onWritten));
+    if (stream_->secure) {
+      asio::async_write(*stream_->secure, buffer, std::move(onWritten));
     } else {
-      asio::async_write(*plain_, buffer, std::move(onWritten));
+      asio::async_write(*stream_->plain, buffer, std::move(onWritten));
     }
   }
 
@@ -639,10 +724,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
         self->received(error, count);
       };
       const auto buffer = asio::buffer(readBuffer_.get(), std::min(readCapacity_, front.maximum));
-      if (secure_) {
-        asio::async_read(*secure_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
+      if (stream_->secure) {
+        asio::async_read(*stream_->secure, buffer, asio::transfer_at_least(minimum), std::move(onRead));
       } else {
-        asio::async_read(*plain_, buffer, asio::transfer_at_least(minimum), std::move(onRead));
+        asio::async_read(*stream_->plain, buffer, asio::transfer_at_least(minimum), std::move(onRead));
       }
     }
   }
@@ -655,7 +740,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
     // A read returns what one system call, or one TLS record, brought; a receive returns
     // everything that has arrived by now, so read on while more is waiting. A plain read
     // that left room took all the socket held: asking the kernel again would cost a call.
-    if (!error && filled_ < receives_.front().maximum && (secure_ || count == room) && moreIsWaiting()) {
+    if (!error && filled_ < receives_.front().maximum && (stream_->secure || count == room) && moreIsWaiting()) {
       if (filled_ == readCapacity_) {
         auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(
             std::min(receives_.front().maximum, readCapacity_ * kReadGrowth));
@@ -669,10 +754,10 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
       };
       const auto rest =
           asio::buffer(readBuffer_.get() + filled_, std::min(readCapacity_, receives_.front().maximum) - filled_);
-      if (secure_) {
-        secure_->async_read_some(rest, std::move(onRead));
+      if (stream_->secure) {
+        stream_->secure->async_read_some(rest, std::move(onRead));
       } else {
-        plain_->async_read_some(rest, std::move(onRead));
+        stream_->plain->async_read_some(rest, std::move(onRead));
       }
       return;
     }
@@ -693,12 +778,12 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   // Whether a read would find bytes without waiting for the peer: decrypted or still
   // encrypted in the TLS engine, or in the socket.
   bool moreIsWaiting() {
-    if (secure_) {
-      SSL* ssl = secure_->native_handle();
+    if (stream_->secure) {
+      SSL* ssl = stream_->secure->native_handle();
       if (SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1 || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0) return true;
     }
     std::error_code error;
-    return socket().available(error) > 0 && !error;
+    return stream_->socket().available(error) > 0 && !error;
   }
 
   void finishReceive(std::vector<std::uint8_t> data, bool isComplete, std::optional<ZavloConnectionError> error) {
@@ -738,12 +823,13 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   std::uint64_t resolution_ = 0;
   std::vector<Tcp::endpoint> endpoints_;
   std::optional<ZavloConnectionError> lastError_;
-  bool waitable_ = true;  // every try so far met what another path may cure
-  std::optional<Tcp::socket> plain_;
-  std::optional<asio::ssl::stream<Tcp::socket>> secure_;
-  asio::steady_timer timer_;
-  std::uint64_t attempt_ = 0;
-  bool timedOut_ = false;
+  bool waitable_ = true;                            // every try so far met what another path may cure
+  std::size_t nextEndpoint_ = 0;                    // of endpoints_, the next to try
+  std::optional<bool> skippedIpv6_;                 // the family of the first endpoint skipped for want of an interface
+  std::vector<std::shared_ptr<Attempt>> attempts_;  // started, and neither failed nor ready
+  asio::steady_timer nextAttemptTimer_;             // racing: when the next endpoint starts beside them
+  std::uint64_t nextAttemptSchedule_ = 0;
+  std::shared_ptr<Attempt> stream_;  // the attempt that was ready first
   std::optional<ZavloConnectionError> failure_;
   // Lists, not deques: a deque allocates even when empty or moved from, and a connection
   // usually holds one send and one receive.

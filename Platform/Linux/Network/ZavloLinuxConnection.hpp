@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
@@ -35,10 +37,36 @@ ZavloLinuxBinding zavloChooseBinding(const std::vector<ZavloLinuxInterface>& int
 enum class ZavloLinuxSpecialName { none, localhost, invalid };
 ZavloLinuxSpecialName zavloSpecialUseName(std::string_view host);
 
+/// The order in which a connection that may use either address family tries a host's
+/// addresses: the family of the first address first, then the other, alternating, each
+/// family in the order given (so that one broken family delays the other by one attempt
+/// at most).
+template <class Address, class IsIpv6>
+std::vector<Address> zavloInterleaveFamilies(std::vector<Address> addresses, IsIpv6 isIpv6) {
+  if (addresses.empty()) return addresses;
+  const bool firstIsIpv6 = isIpv6(addresses.front());
+  std::vector<Address> first;
+  std::vector<Address> other;
+  for (auto& address : addresses) (isIpv6(address) == firstIsIpv6 ? first : other).push_back(std::move(address));
+  std::vector<Address> ordered;
+  ordered.reserve(first.size() + other.size());
+  for (std::size_t i = 0; i < first.size() || i < other.size(); ++i) {
+    if (i < first.size()) ordered.push_back(std::move(first[i]));
+    if (i < other.size()) ordered.push_back(std::move(other[i]));
+  }
+  return ordered;
+}
+
 struct ZavloLinuxNetworkCore;
 
 /// Makes the Linux connections of one platform: TCP and TLS over standalone Asio and
 /// OpenSSL, with sockets pinned to an interface of the required type.
+///
+/// A connection limited to one IP version tries its addresses one after another. One that
+/// may use either races them (families interleaved): each attempt starts 250 ms after the
+/// one before it, or as soon as that one fails, and the first to be ready (for TLS: with
+/// its handshake done) is kept while the others are closed. Each attempt has the whole
+/// connection time-out of its own.
 ///
 /// Threading contract: makeConnection may be called from any thread. All socket work runs
 /// on one I/O thread per service: the thread that runs the given run loop (then a
