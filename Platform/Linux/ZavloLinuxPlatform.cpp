@@ -35,12 +35,17 @@ ZavloLinuxOwnerAuthenticationService makeOwnerAuthentication(ZavloLinuxOwnerAuth
   return zavloLinuxOwnerAuthenticationFactory(std::move(options));
 }
 
+std::shared_ptr<ZavloLinuxModems> makeModems(std::optional<std::string> busAddress) {
+  if (!ZavloLinuxModems::supported()) return {};
+  return std::make_shared<ZavloLinuxModems>(std::move(busAddress));
+}
+
 }  // namespace
 
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : mainQueue_(std::move(options.mainQueue)),
       deviceInfo_(std::move(options.hostApplicationVersion)),
-      classifier_(std::move(options.cellularInterfaces)),
+      classifier_(std::move(options.cellularInterfaces), makeModems(std::move(options.modemManagerBusAddress))),
       trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
       keyStoreSettings_{.path = options.keyFilePath.value_or(defaultKeyFilePath()),
                         .defaultPath = !options.keyFilePath,
