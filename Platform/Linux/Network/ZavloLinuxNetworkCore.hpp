@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxModems.hpp"
 #include "Platform/ZavloConnection.hpp"
 
 // The network core under the Linux connections: the I/O thread, the interface list they
@@ -32,7 +33,7 @@ class ZavloIoContext final : public asio::io_context {
 
 /// What the connections of one service share: the I/O thread (a thread of the service's
 /// own, or the thread of the run loop it runs on) and the interface list.
-struct ZavloLinuxNetworkCore {
+struct ZavloLinuxNetworkCore : std::enable_shared_from_this<ZavloLinuxNetworkCore> {
   // On an I/O thread of its own, started on first use.
   explicit ZavloLinuxNetworkCore(ZavloLinuxInterfaceClassifier interfaceClassifier)
       : ownIo(std::make_shared<ZavloIoContext>()), io(ownIo), classifier(std::move(interfaceClassifier)) {}
@@ -96,9 +97,11 @@ struct ZavloLinuxNetworkCore {
 
  private:
   // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
-  // namespace. Without it waiting connections wait until cancelled.
+  // namespace, and to ModemManager's bearers. Without it waiting connections wait until
+  // cancelled.
   void watchPaths();
   void readPathChanges();
+  void settlePathChange();
   void pathChanged();
 
   // I/O thread only; destroyed before io.
@@ -107,4 +110,7 @@ struct ZavloLinuxNetworkCore {
   bool pathWatchUnavailable = false;
   asio::steady_timer pathSettle{*io};
   bool pathSettling = false;
+  // Set on the I/O thread with the kernel's watch; stop() resets it once that thread is
+  // gone, after which nothing more is posted from it.
+  ZavloLinuxModems::Subscription modemWatch;
 };
