@@ -86,20 +86,23 @@ TEST_F(ZavloLinuxModemsNamespaceTest, ALinkIsCellularWhileAConnectedBearerUsesIt
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     ZavloModemManagerMock modemManager(c.modemManager);
-    ZavloLinuxPlatform platform(onBus(c.noBus ? "unix:path=/nonexistent/zavlo-modems-bus" : modemManager.address()));
+    const auto address = c.noBus ? "unix:path=/nonexistent/zavlo-modems-bus" : modemManager.address();
+    // Each on a platform of its own, so that each is the first to ask ModemManager.
+    ZavloLinuxPlatform listing(onBus(address));
     std::optional<Type> listed;
     ns->runInside([&] {
-      for (const auto& interface : platform.interfaceClassifier().listInterfaces()) {
+      for (const auto& interface : listing.interfaceClassifier().listInterfaces()) {
         if (interface.name == kLink && interface.usable()) listed = interface.type;
       }
     });
     EXPECT_EQ(listed, c.expected);
+    ZavloLinuxPlatform monitoring(onBus(address));
     Types seen;
-    ZavloLinuxPathMonitor monitor(platform.interfaceClassifier());
-    start(platform, monitor, seen);
+    ZavloLinuxPathMonitor monitor(monitoring.interfaceClassifier());
+    start(monitoring, monitor, seen);
     EXPECT_EQ(seen, Types{c.expected}) << "the first path";
-    ASSERT_TRUE(platform.modems()->hasFirstReading()) << "ModemManager's absence must be known, not waited out";
-    EXPECT_EQ(platform.modems()->reading().reached, c.modemManager.has_value());
+    ASSERT_TRUE(listing.modems()->hasFirstReading()) << "ModemManager's absence must be known, not waited out";
+    EXPECT_EQ(listing.modems()->reading().reached, c.modemManager.has_value());
   }
 }
 
