@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Platform/Linux/Network/ZavloLinuxPathMonitor.hpp"
@@ -45,9 +46,15 @@ class ZavloLinuxModemsNamespaceTest : public ZavloLinuxModemsTest {
     ns = ZavloNetworkNamespace::create(whyNot, "modems");
     if (!ns) GTEST_SKIP() << "cannot test in a network namespace: " << whyNot;
     ns->ip({"link", "add", kLink, "type", "veth", "peer", "name", "eth-likep"});
-    ns->ip({"link", "set", "eth-likep", "up"});
-    ns->ip({"link", "set", kLink, "up"});
+    // No IPv6 link-local addresses, whose duplicate detection would change the links later.
+    for (const auto* link : {kLink, "eth-likep"}) ns->ip({"link", "set", link, "addrgenmode", "none", "up"});
     ns->ip({"address", "add", "10.205.0.1/24", "dev", kLink});
+    // The kernel reports the link running a moment after both ends are up.
+    const auto usable = [&] {
+      const auto listed = ns->run([] { return ZavloLinuxInterfaceClassifier().listInterfaces(); });
+      return std::any_of(listed.begin(), listed.end(), [](const auto& i) { return i.name == kLink && i.usable(); });
+    };
+    for (int tries = 0; tries < 200 && !usable(); ++tries) std::this_thread::sleep_for(10ms);
   }
 
   // Starts the monitor inside the namespace; returns once its first path has come.
