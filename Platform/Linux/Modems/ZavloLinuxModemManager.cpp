@@ -23,7 +23,9 @@ constexpr const char* k3gppInterface = "org.freedesktop.ModemManager1.Modem.Mode
 constexpr const char* kBearerInterface = "org.freedesktop.ModemManager1.Bearer";
 constexpr const char* kObjectManagerInterface = "org.freedesktop.DBus.ObjectManager";
 constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
-constexpr const char* kServiceUnknown = "org.freedesktop.DBus.Error.ServiceUnknown";
+// What the bus answers for a name nobody owns: without auto-start, and with it.
+constexpr std::array<std::string_view, 2> kNoOwner = {"org.freedesktop.DBus.Error.NameHasNoOwner",
+                                                      "org.freedesktop.DBus.Error.ServiceUnknown"};
 // A daemon that hangs holds only the watcher's thread, and only this long per call.
 constexpr int kCallTimeoutMs = 5000;
 
@@ -333,7 +335,7 @@ class ModemManagerWatcher final : public ZavloLinuxModemWatcher {
     if (!objects) {
       if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) return;
       gchar* remote = g_dbus_error_get_remote_error(error.get());
-      const bool absent = remote != nullptr && std::string_view(remote) == kServiceUnknown;
+      const bool absent = remote != nullptr && std::find(kNoOwner.begin(), kNoOwner.end(), remote) != kNoOwner.end();
       g_free(remote);
       return publish_(unreached(absent ? "ModemManager is not on the bus" : error->message));
     }
