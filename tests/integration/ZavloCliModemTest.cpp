@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <optional>
 #include <string>
 
 #include "Testing/Network/ZavloProcess.hpp"
@@ -18,10 +16,10 @@ ZavloProcessResult interfacesOnBus(const std::string& busAddress) {
 }
 
 std::string loopbackType(const nlohmann::json& dictionary) {
-  const auto& interfaces = dictionary.at("interfaces");
-  const auto lo =
-      std::find_if(interfaces.begin(), interfaces.end(), [](const auto& i) { return i.at("name") == "lo"; });
-  return lo == interfaces.end() ? "" : lo->at("type").get<std::string>();
+  for (const auto& interface : dictionary.at("interfaces")) {
+    if (interface.at("name") == "lo") return interface.at("type");
+  }
+  return "";
 }
 
 }  // namespace
@@ -58,5 +56,4 @@ TEST(ZavloCliModems, InterfacesWithoutModemManagerIsTheKernelsView) {
   EXPECT_EQ(loopbackType(dictionary), "loopback");
   EXPECT_EQ(dictionary.at("modems"), nlohmann::json::array());
   EXPECT_EQ(withBus.standardOutput, withoutBus.standardOutput);
-  EXPECT_EQ(withBus.exitStatus, withoutBus.exitStatus);
 }

@@ -2,7 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,13 +18,12 @@ class ZavloModemManagerMock {
   /// Why it cannot run on this machine, naming the Debian package; nothing when it can.
   static std::optional<std::string> missing();
 
-  /// parameters: the template's (the bearer's interface, its name servers, ...). Without a
-  /// template the bus has no ModemManager.
+  /// parameters: the template's; without, the bus has no ModemManager.
   explicit ZavloModemManagerMock(const std::optional<nlohmann::json>& parameters);
 
   [[nodiscard]] const std::string& address() const { return bus_.address(); }
-  /// Calls one of the template's control methods; dbus-send arguments ("boolean:true").
-  /// Returns once the mock has emitted the signals of the change.
+  /// Calls a control method of the template (dbus-send arguments: "boolean:true"); returns
+  /// once the mock has emitted the change's signals.
   void call(const std::string& method, const std::vector<std::string>& arguments = {}) const;
 
  private:
@@ -33,6 +31,5 @@ class ZavloModemManagerMock {
   std::unique_ptr<ZavloChildProcess> mock_;
 };
 
-/// Waits (at most 10 s, a safety bound) until modems hold a reading that satisfies done;
-/// whether one did.
+/// Whether modems come to hold a reading that satisfies done within 10 s (a safety bound).
 bool zavloAwaitModems(ZavloLinuxModems& modems, const std::function<bool(const ZavloLinuxModemReading&)>& done);

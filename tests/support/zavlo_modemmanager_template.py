@@ -1,18 +1,14 @@
-"""ModemManager for python-dbusmock, which ships no template for it.
-
-    DBUS_SYSTEM_BUS_ADDRESS=ADDRESS /usr/bin/python3 -m dbusmock --template PATH -p PARAMETERS
+"""ModemManager for python-dbusmock (which ships none), run as
+DBUS_SYSTEM_BUS_ADDRESS=ADDRESS /usr/bin/python3 -m dbusmock --template PATH -p PARAMETERS.
 
 One modem as ModemManager exports it: the modem and its 3GPP interface through the object
-manager, its SIM in the first of two slots, and one bearer, disconnected unless told.
-Parameters (JSON, each optional): interface, dns, dns6, connected, operator_code,
-operator_name, signal, access_technologies (ModemManager's bit mask). Control methods on
-org.freedesktop.DBus.Mock, each emitting what ModemManager would: SetBearerConnected(b),
-SetOperator(ss), SetSignal(uu) (quality, technologies), RemoveModem(), AddModem().
+manager, its SIM in the first of two slots, one bearer. Parameters (JSON, each optional):
+interface, dns, dns6, connected, operator_code, operator_name, signal, access_technologies.
+Control methods on org.freedesktop.DBus.Mock, each emitting what ModemManager would:
+SetBearerConnected(b), SetOperator(ss), SetSignal(uu), RemoveModem(), AddModem().
 Prints "ready" once it owns the name.
 """
-
 import dbus
-
 import dbusmock
 from dbusmock import MOCK_IFACE
 
