@@ -32,7 +32,7 @@ ZavloLinuxModems::~ZavloLinuxModems() { watcher_.reset(); }
 
 bool ZavloLinuxModems::supported() noexcept { return &zavloLinuxModemWatcherFactory != nullptr; }
 
-void ZavloLinuxModems::start() {
+void ZavloLinuxModems::start() const {
   std::call_once(started_, [this] {
     startedAt_ = std::chrono::steady_clock::now();
     if (!supported()) {
@@ -54,24 +54,24 @@ bool ZavloLinuxModems::hasFirstReading() const {
   return hasFirstReading_;
 }
 
-std::chrono::steady_clock::time_point ZavloLinuxModems::firstReadingDeadline() {
+std::chrono::steady_clock::time_point ZavloLinuxModems::firstReadingDeadline() const {
   start();
   return startedAt_ + kFirstReadingLimit;
 }
 
-bool ZavloLinuxModems::waitForFirstReading() {
+bool ZavloLinuxModems::waitForFirstReading() const {
   const auto deadline = firstReadingDeadline();
   std::unique_lock lock(mutex_);
   return firstReadingArrived_.wait_until(lock, deadline, [this] { return hasFirstReading_; });
 }
 
-ZavloLinuxModemReading ZavloLinuxModems::reading() {
+ZavloLinuxModemReading ZavloLinuxModems::reading() const {
   start();
   std::lock_guard lock(mutex_);
   return reading_;
 }
 
-bool ZavloLinuxModems::isConnectedBearerInterface(const std::string& interfaceName) {
+bool ZavloLinuxModems::isConnectedBearerInterface(const std::string& interfaceName) const {
   start();
   std::lock_guard lock(mutex_);
   return std::any_of(reading_.modems.begin(), reading_.modems.end(), [&](const ZavloLinuxModem& modem) {
@@ -81,7 +81,7 @@ bool ZavloLinuxModems::isConnectedBearerInterface(const std::string& interfaceNa
   });
 }
 
-std::vector<std::string> ZavloLinuxModems::dnsServers(const std::string& interfaceName) {
+std::vector<std::string> ZavloLinuxModems::dnsServers(const std::string& interfaceName) const {
   start();
   std::vector<std::string> servers;
   std::lock_guard lock(mutex_);
@@ -112,7 +112,7 @@ void ZavloLinuxModems::unsubscribe(std::uint64_t id) {
   }
 }
 
-void ZavloLinuxModems::publish(ZavloLinuxModemReading reading) {
+void ZavloLinuxModems::publish(ZavloLinuxModemReading reading) const {
   bool changed = false;
   {
     std::lock_guard lock(mutex_);

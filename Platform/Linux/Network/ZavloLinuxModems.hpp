@@ -115,40 +115,41 @@ class ZavloLinuxModems : public std::enable_shared_from_this<ZavloLinuxModems> {
   /// Whether ModemManager can be reached from this program at all (::LinuxModems linked).
   static bool supported() noexcept;
 
-  /// Starts the watcher, once; returns at once.
-  void start();
+  /// Starts the watcher, once; returns at once. Queries start it too: starting is invisible
+  /// to callers, so they are const.
+  void start() const;
   [[nodiscard]] bool hasFirstReading() const;
   /// Starts; the moment until which the first reading is waited for.
-  [[nodiscard]] std::chrono::steady_clock::time_point firstReadingDeadline();
+  [[nodiscard]] std::chrono::steady_clock::time_point firstReadingDeadline() const;
   /// Starts, then waits for the first reading until firstReadingDeadline(); whether there is one.
-  bool waitForFirstReading();
+  bool waitForFirstReading() const;
 
-  [[nodiscard]] ZavloLinuxModemReading reading();
+  [[nodiscard]] ZavloLinuxModemReading reading() const;
   /// Whether a connected bearer of a modem carries its data over this link.
-  [[nodiscard]] bool isConnectedBearerInterface(const std::string& interfaceName);
+  [[nodiscard]] bool isConnectedBearerInterface(const std::string& interfaceName) const;
   /// The name servers of the connected bearers on this link, without repeats, in the
   /// bearers' order (IPv4 ones first); empty for any other link.
-  [[nodiscard]] std::vector<std::string> dnsServers(const std::string& interfaceName);
+  [[nodiscard]] std::vector<std::string> dnsServers(const std::string& interfaceName) const;
 
   /// onChange runs on the watcher's thread after the first reading and after each one
   /// that differs from the one before. Keep it short; it must not subscribe or unsubscribe.
   [[nodiscard]] Subscription subscribe(std::function<void()> onChange);
 
  private:
-  void publish(ZavloLinuxModemReading reading);
+  void publish(ZavloLinuxModemReading reading) const;
   void unsubscribe(std::uint64_t id);
 
   const std::optional<std::string> busAddress_;
-  std::once_flag started_;
-  std::chrono::steady_clock::time_point startedAt_;  // set once, under started_
-  std::unique_ptr<ZavloLinuxModemWatcher> watcher_;
+  mutable std::once_flag started_;
+  mutable std::chrono::steady_clock::time_point startedAt_;  // set once, under started_
+  mutable std::unique_ptr<ZavloLinuxModemWatcher> watcher_;
 
   mutable std::mutex mutex_;  // the reading
-  std::condition_variable firstReadingArrived_;
-  bool hasFirstReading_ = false;
-  ZavloLinuxModemReading reading_;
+  mutable std::condition_variable firstReadingArrived_;
+  mutable bool hasFirstReading_ = false;
+  mutable ZavloLinuxModemReading reading_;
 
-  std::mutex subscriberMutex_;  // held while onChange handlers run
+  mutable std::mutex subscriberMutex_;  // held while onChange handlers run
   std::map<std::uint64_t, std::function<void()>> subscribers_;
   std::uint64_t nextSubscriber_ = 1;
 };
