@@ -35,10 +35,24 @@ ZavloLinuxOwnerAuthenticationService makeOwnerAuthentication(ZavloLinuxOwnerAuth
   return zavloLinuxOwnerAuthenticationFactory(std::move(options));
 }
 
-ZavloLinuxLinkDnsOptions linkDns(ZavloLinuxPlatform::Options& options) {
-  return {.hostServers = std::move(options.cellularDnsServers),
-          .modemServers = std::move(options.modemDnsServers),
-          .askSystem = true};
+// The modem's name servers, when the host gave no source of its own: ModemManager's, for
+// a connected bearer's link.
+ZavloLinuxLinkDnsOptions linkDns(ZavloLinuxPlatform::Options& options,
+                                 const std::shared_ptr<ZavloLinuxModems>& modems) {
+  auto modemServers = std::move(options.modemDnsServers);
+  if (!modemServers && modems) {
+    modemServers = [weakModems = std::weak_ptr(modems)](const std::string& interfaceName) {
+      const auto alive = weakModems.lock();
+      return alive ? alive->dnsServers(interfaceName) : std::vector<std::string>{};
+    };
+  }
+  return {
+      .hostServers = std::move(options.cellularDnsServers), .modemServers = std::move(modemServers), .askSystem = true};
+}
+
+std::shared_ptr<ZavloLinuxModems> makeModems(std::optional<std::string> busAddress) {
+  if (!ZavloLinuxModems::supported()) return {};
+  return std::make_shared<ZavloLinuxModems>(std::move(busAddress));
 }
 
 }  // namespace
@@ -46,7 +60,7 @@ ZavloLinuxLinkDnsOptions linkDns(ZavloLinuxPlatform::Options& options) {
 ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
     : mainQueue_(std::move(options.mainQueue)),
       deviceInfo_(std::move(options.hostApplicationVersion)),
-      classifier_(std::move(options.cellularInterfaces)),
+      classifier_(std::move(options.cellularInterfaces), makeModems(std::move(options.modemManagerBusAddress))),
       trustAnchors_(std::move(options.additionalTrustAnchorsPem)),
       keyStoreSettings_{.path = options.keyFilePath.value_or(defaultKeyFilePath()),
                         .defaultPath = !options.keyFilePath,
@@ -55,8 +69,9 @@ ZavloLinuxPlatform::ZavloLinuxPlatform(Options options)
                         .tpm = std::move(options.tpm),
                         .sealingCost = options.sealingCost},
       ownerAuthentication_(makeOwnerAuthentication(std::move(options.ownerAuthentication), keyStoreSettings_.keyToken)),
-      connections_(mainQueue_ ? ZavloLinuxConnectionService(classifier_, linkDns(options))
-                              : ZavloLinuxConnectionService(classifier_, linkDns(options), runLoop_)) {}
+      connections_(mainQueue_
+                       ? ZavloLinuxConnectionService(classifier_, linkDns(options, classifier_.modems()))
+                       : ZavloLinuxConnectionService(classifier_, linkDns(options, classifier_.modems()), runLoop_)) {}
 
 std::shared_ptr<ZavloConnection> ZavloLinuxPlatform::makeConnection(const std::string& host, std::uint16_t port,
                                                                     ZavloConnectionParameters parameters) {

@@ -10,6 +10,7 @@
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
 #include "Platform/Linux/Network/ZavloLinuxConnection.hpp"
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
+#include "Platform/Linux/Network/ZavloLinuxModems.hpp"
 #include "Platform/Linux/ZavloLinuxDeviceInfo.hpp"
 #include "Platform/Linux/ZavloLinuxPlatformServices.hpp"
 #include "Platform/ZavloPlatform.hpp"
@@ -28,6 +29,10 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
     std::optional<std::string> hostApplicationVersion = {};
     /// Interfaces to treat as cellular whatever the kernel says (tests, demos, odd modems).
     std::vector<std::string> cellularInterfaces = {};
+    /// The bus ModemManager is reached on (a D-Bus address); absent: the system bus. The
+    /// links of its connected bearers count as cellular. Only where ::LinuxModems is linked
+    /// (::Linux links it); nothing is reached before the first listing of interfaces.
+    std::optional<std::string> modemManagerBusAddress = {};
     /// Trust anchors (PEM) that every TLS connection accepts beside the system trust store:
     /// a private operator CA, or a test's own.
     std::vector<std::string> additionalTrustAnchorsPem = {};
@@ -100,6 +105,9 @@ class ZavloLinuxPlatform final : public ZavloPlatform {
   const ZavloLinuxInterfaceClassifier& interfaceClassifier() const { return classifier_; }
   /// Forgets the answers kept for names over the cellular links (see Options::cellularDnsServers).
   void forgetCellularNames() { connections_.forgetNames(); }
+  /// ModemManager's modems (their bearers' name servers, for resolving over a bearer's
+  /// link); null when the host links no ::LinuxModems.
+  const std::shared_ptr<ZavloLinuxModems>& modems() const { return classifier_.modems(); }
 
  private:
   void openKeyStore();

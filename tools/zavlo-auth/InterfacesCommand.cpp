@@ -1,5 +1,6 @@
-// zavlo-auth interfaces: what the path monitor sees and what the cellular preflight
-// decides, so that an integrator sees at once whether the modem is recognised.
+// zavlo-auth interfaces: what the path monitor sees, what the cellular preflight decides
+// and what ModemManager says of each modem, so that an integrator sees at once whether the
+// modem is recognised.
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,6 +24,26 @@ nlohmann::json interfaceDictionary(const ZavloLinuxInterface& interface) {
           {"usableIPv4", interface.hasUsableIPv4},
           {"usableIPv6", interface.hasUsableIPv6},
           {"defaultRoute", interface.hasDefaultRoute}};
+}
+
+nlohmann::json modemDictionary(const ZavloLinuxModem& modem) {
+  auto bearers = nlohmann::json::array();
+  for (const auto& bearer : modem.bearers) {
+    bearers.push_back({{"path", bearer.path},
+                       {"interface", bearer.interfaceName},
+                       {"connected", bearer.connected},
+                       {"dnsServers", bearer.dnsServers}});
+  }
+  return {{"path", modem.path},
+          {"operatorCode", modem.operatorCode},
+          {"operatorName", modem.operatorName},
+          {"registrationState", modem.registrationState},
+          {"signalQuality", modem.signalQuality},
+          {"signalRecent", modem.signalRecent},
+          {"accessTechnologies", modem.accessTechnologies},
+          {"sim", modem.simPath},
+          {"simSlot", modem.simSlot ? nlohmann::json(*modem.simSlot) : nlohmann::json()},
+          {"bearers", std::move(bearers)}};
 }
 
 nlohmann::json pathDictionary(const ZavloNetworkPath& path) {
@@ -69,12 +90,22 @@ void runInterfaces(ZavloCliContext& context) {
   for (const auto& interface : monitor.interfaces()) interfaces.push_back(interfaceDictionary(interface));
   dictionary["interfaces"] = std::move(interfaces);
   dictionary["path"] = pathDictionary(outcome->firstPath.value_or(ZavloNetworkPath{}));
+  // The path monitor has waited for ModemManager's first reading.
+  auto modems = nlohmann::json::array();
+  if (const auto& source = platform.modems()) {
+    const auto reading = source->reading();
+    if (!reading.reached) context.trace("modems: ModemManager not reached: " + reading.detail);
+    for (const auto& modem : reading.modems) modems.push_back(modemDictionary(modem));
+  }
+  dictionary["modems"] = std::move(modems);
   context.printCompletion(dictionary);
 }
 
 }  // namespace
 
 void addInterfacesCommand(CLI::App& app, ZavloCliContext& context) {
-  app.add_subcommand("interfaces", "List the interfaces the path monitor sees, their types and the cellular preflight")
+  app.add_subcommand(
+         "interfaces",
+         "List the interfaces the path monitor sees, their types, the cellular preflight and ModemManager's modems")
       ->callback([&context] { runInterfaces(context); });
 }

@@ -20,6 +20,8 @@
 #include <set>
 #include <string_view>
 
+#include "Platform/Linux/Network/ZavloLinuxModems.hpp"
+
 namespace {
 
 bool startsWith(const std::string& text, std::string_view prefix) { return text.rfind(prefix, 0) == 0; }
@@ -85,6 +87,8 @@ ZavloInterfaceType ZavloLinuxInterfaceClassifier::classify(const ZavloLinuxLinkF
   if (std::find(declaredCellular_.begin(), declaredCellular_.end(), facts.name) != declaredCellular_.end()) {
     return ZavloInterfaceType::cellular;
   }
+  // ModemManager knows the modem's link even where the kernel shows a plain Ethernet device.
+  if (modems_ && modems_->isConnectedBearerInterface(facts.name)) return ZavloInterfaceType::cellular;
   if ((facts.flags & IFF_LOOPBACK) != 0 || facts.arpType == ARPHRD_LOOPBACK) return ZavloInterfaceType::loopback;
   if (facts.hasWirelessPhy || facts.devType == "wlan") return ZavloInterfaceType::wifi;
   // A VPN's TUN link has the no-ARP link type of some modems and may carry any name; pinning
@@ -107,6 +111,7 @@ void ZavloLinuxInterfaceClassifier::addDeviceFacts(ZavloLinuxLinkFacts& facts) {
 }
 
 std::vector<ZavloLinuxInterface> ZavloLinuxInterfaceClassifier::listInterfaces() const {
+  if (modems_) modems_->waitForFirstReading();
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) return {};
   std::map<std::string, ZavloLinuxLinkFacts> facts;

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Platform/ZavloNetworkInterface.hpp"
+
+class ZavloLinuxModems;
 
 /// What the kernel tells about one link, enough to classify it.
 struct ZavloLinuxLinkFacts {
@@ -28,26 +31,33 @@ struct ZavloLinuxInterface {
   [[nodiscard]] bool usable() const noexcept { return up && (hasUsableIPv4 || hasUsableIPv6); }
 };
 
-/// Classification of links, with the host's declared cellular interfaces taking priority.
-/// Cellular only on evidence of a modem: declared, DEVTYPE=wwan, a modem driver, the raw-IP
-/// or PPP link types modem drivers use, or the names modem drivers give (wwan*, rmnet*,
-/// ccmni*). A TUN link (VPNs and other tunnels) is never cellular unless declared, whatever
-/// its name. Wi-Fi: a wireless PHY. Loopback: the flag. Wired Ethernet: any other Ethernet
-/// link.
+/// Classification of links, with the host's declared cellular interfaces taking priority,
+/// then ModemManager's word, then the kernel's evidence.
+/// Cellular only on evidence of a modem: declared, the link of a bearer ModemManager reports
+/// connected (whatever the kernel shows), DEVTYPE=wwan, a modem driver, the raw-IP or PPP
+/// link types modem drivers use, or the names modem drivers give (wwan*, rmnet*, ccmni*). A
+/// TUN link (VPNs and other tunnels) is never cellular unless declared or a bearer's,
+/// whatever its name. Wi-Fi: a wireless PHY. Loopback: the flag. Wired Ethernet: any other
+/// Ethernet link.
 class ZavloLinuxInterfaceClassifier {
  public:
-  explicit ZavloLinuxInterfaceClassifier(std::vector<std::string> declaredCellular = {})
-      : declaredCellular_(std::move(declaredCellular)) {}
+  explicit ZavloLinuxInterfaceClassifier(std::vector<std::string> declaredCellular = {},
+                                         std::shared_ptr<ZavloLinuxModems> modems = {})
+      : declaredCellular_(std::move(declaredCellular)), modems_(std::move(modems)) {}
 
   [[nodiscard]] ZavloInterfaceType classify(const ZavloLinuxLinkFacts& facts) const;
   /// Adds what the device itself tells to facts read elsewhere: DEVTYPE and the wireless
   /// PHY from sysfs, the driver from ethtool (asked in the calling thread's namespace).
   static void addDeviceFacts(ZavloLinuxLinkFacts& facts);
-  /// Every interface of the calling thread's network namespace, in index order.
+  /// Every interface of the calling thread's network namespace, in index order. The first
+  /// listings wait for ModemManager's first reading (ZavloLinuxModems::waitForFirstReading).
   [[nodiscard]] std::vector<ZavloLinuxInterface> listInterfaces() const;
 
   [[nodiscard]] const std::vector<std::string>& declaredCellular() const noexcept { return declaredCellular_; }
+  /// ModemManager's modems, shared by every copy of this classifier; null without.
+  [[nodiscard]] const std::shared_ptr<ZavloLinuxModems>& modems() const noexcept { return modems_; }
 
  private:
   std::vector<std::string> declaredCellular_;
+  std::shared_ptr<ZavloLinuxModems> modems_;
 };

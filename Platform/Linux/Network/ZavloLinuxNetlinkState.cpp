@@ -92,6 +92,10 @@ ZavloLinuxNetlinkState::Effect ZavloLinuxNetlinkState::apply(const nlmsghdr& mes
   }
 }
 
+void ZavloLinuxNetlinkState::reclassify() {
+  for (auto& [index, link] : links_) link.type = classifier_.classify(link.facts);
+}
+
 void ZavloLinuxNetlinkState::clear() {
   links_.clear();
   addresses_.clear();

@@ -29,6 +29,9 @@ class ZavloLinuxNetlinkState {
   /// Applies one RTM_NEWLINK/DELLINK/NEWADDR/DELADDR/NEWROUTE/DELROUTE message whose
   /// nlmsg_len bytes are readable. Other and malformed messages change nothing.
   Effect apply(const nlmsghdr& message);
+  /// Classifies every known link again, for when what the classifier knows besides the
+  /// kernel (ModemManager's bearers) has changed.
+  void reclassify();
   void clear();
   void clearRoutes() { routes_.clear(); }
 

@@ -49,17 +49,20 @@ void ZavloLinuxNetworkCore::stop() {
     pathWatch.reset();
     pathSettle.cancel();
     stopAskingForServers();
+    modemWatch.reset();
     return;
   }
   guard.reset();
   io->stop();
   if (!thread.joinable()) return;
   if (thread.get_id() == std::this_thread::get_id()) {
+    modemWatch.reset();
     thread.detach();  // cannot join itself; the context outlives it through the handlers
     return;
   }
   thread.join();
   stopAskingForServers();
+  modemWatch.reset();  // before the context drops what it still holds
   ownIo->shutdown();
   keptAlive.clear();  // the thread is gone: nothing else touches it now
   pathWaiters.clear();
@@ -99,6 +102,13 @@ void ZavloLinuxNetworkCore::watchPaths() {
   }
   pathWatch.emplace(*io, socket);
   readPathChanges();
+  if (const auto& modems = classifier.modems()) {
+    modemWatch = modems->subscribe([io = io, weak = weak_from_this()] {
+      asio::post(*io, [weak] {
+        if (const auto self = weak.lock(); self && !self->stopped) self->settlePathChange();
+      });
+    });
+  }
 }
 
 void ZavloLinuxNetworkCore::readPathChanges() {
@@ -111,15 +121,18 @@ void ZavloLinuxNetworkCore::readPathChanges() {
       if (received > 0 || (received < 0 && (errno == ENOBUFS || errno == EINTR))) continue;
       break;
     }
-    if (!pathSettling) {
-      pathSettling = true;
-      pathSettle.expires_after(kPathSettleTime);
-      pathSettle.async_wait([this](const std::error_code& waitError) {
-        pathSettling = false;
-        if (!waitError) pathChanged();
-      });
-    }
+    settlePathChange();
     readPathChanges();
+  });
+}
+
+void ZavloLinuxNetworkCore::settlePathChange() {
+  if (pathSettling) return;
+  pathSettling = true;
+  pathSettle.expires_after(kPathSettleTime);
+  pathSettle.async_wait([this](const std::error_code& waitError) {
+    pathSettling = false;
+    if (!waitError) pathChanged();
   });
 }
 

@@ -18,6 +18,7 @@
 #include "Platform/Linux/Loop/ZavloLinuxRunLoop.hpp"
 #include "Platform/Linux/Network/ZavloLinuxInterfaces.hpp"
 #include "Platform/Linux/Network/ZavloLinuxLinkDns.hpp"
+#include "Platform/Linux/Network/ZavloLinuxModems.hpp"
 #include "Platform/ZavloConnection.hpp"
 
 // The network core under the Linux connections: the I/O thread, the interface list they
@@ -117,9 +118,11 @@ struct ZavloLinuxNetworkCore : std::enable_shared_from_this<ZavloLinuxNetworkCor
 
  private:
   // Subscribes, once, to the kernel's link, address and route changes in the I/O thread's
-  // namespace. Without it waiting connections wait until cancelled.
+  // namespace, and to ModemManager's bearers. Without it waiting connections wait until
+  // cancelled.
   void watchPaths();
   void readPathChanges();
+  void settlePathChange();
   void pathChanged();
   void stopAskingForServers();
 
@@ -132,4 +135,7 @@ struct ZavloLinuxNetworkCore : std::enable_shared_from_this<ZavloLinuxNetworkCor
   std::unordered_map<std::string, ZavloLinuxLinkServers> linkServers;
   // Asks the D-Bus sources; started on first use by the I/O thread, so it shares its namespace.
   std::optional<asio::thread_pool> dnsAsker;
+  // Set on the I/O thread with the kernel's watch; stop() resets it once that thread is
+  // gone, after which nothing more is posted from it.
+  ZavloLinuxModems::Subscription modemWatch;
 };

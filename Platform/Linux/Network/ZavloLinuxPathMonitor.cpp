@@ -12,11 +12,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <optional>
 #include <string>
 #include <system_error>
+
+#include "Platform/Linux/Network/ZavloLinuxModems.hpp"
 
 // What the reader thread and the posted deliveries share with the monitor.
 struct ZavloLinuxPathMonitor::Delivery : std::enable_shared_from_this<Delivery> {
@@ -76,15 +79,21 @@ struct ZavloLinuxPathMonitor::Delivery : std::enable_shared_from_this<Delivery> 
   }
 };
 
-// Owns the rtnetlink socket; everything but wake() runs on the reader thread.
+// Owns the rtnetlink socket; everything but wake() runs on the reader thread. ModemManager's
+// changes of bearers come as a wake-up of their own and make the links be classified again.
 class ZavloLinuxPathMonitor::Reader {
  public:
   Reader(ZavloLinuxInterfaceClassifier classifier, std::shared_ptr<Delivery> delivery)
-      : state_(std::move(classifier)), delivery_(std::move(delivery)), buffer_(kBufferSize) {}
+      : modems_(classifier.modems()),
+        state_(std::move(classifier)),
+        delivery_(std::move(delivery)),
+        buffer_(kBufferSize) {}
 
   ~Reader() {
+    modemSubscription_.reset();  // before the descriptor it writes to goes
     if (socket_ >= 0) ::close(socket_);
     if (wake_ >= 0) ::close(wake_);
+    if (modemWake_ >= 0) ::close(modemWake_);
   }
 
   Reader(const Reader&) = delete;
@@ -96,6 +105,12 @@ class ZavloLinuxPathMonitor::Reader {
     wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     socket_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (wake_ < 0 || socket_ < 0) return false;
+    if (modems_) {
+      modemWake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+      // Without it the bearers still count, but their changes wait for the kernel's next one.
+      if (modemWake_ >= 0) modemSubscription_ = modems_->subscribe([fd = modemWake_] { notify(fd); });
+      modems_->start();
+    }
     const int receiveBuffer = 1 << 20;
     ::setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     sockaddr_nl local{};
@@ -108,12 +123,10 @@ class ZavloLinuxPathMonitor::Reader {
     return true;
   }
 
-  void wake() const {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(wake_, &one, sizeof one);
-  }
+  void wake() const { notify(wake_); }
 
   void run() {
+    if (!awaitModems()) return;
     bool first = true;
     // Each pass reads the tables whole, then follows changes until the socket overruns
     // (changes were lost, so everything is read again).
@@ -133,8 +146,15 @@ class ZavloLinuxPathMonitor::Reader {
       first = false;
 
       while (outcome == Outcome::ok) {
-        bool unused = false;
-        outcome = receive(0, unused);
+        // A change of the modems seen during a dump is applied before waiting again.
+        if (!modemsChanged_) {
+          bool unused = false;
+          outcome = receive(0, unused);
+        }
+        if (outcome == Outcome::ok && modemsChanged_) {
+          modemsChanged_ = false;
+          state_.reclassify();
+        }
         if (outcome == Outcome::ok && routesStale_) {
           routesStale_ = false;
           state_.clearRoutes();
@@ -149,6 +169,33 @@ class ZavloLinuxPathMonitor::Reader {
  private:
   enum class Outcome { ok, cancelled, overrun, failed };
   static constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
+
+  static void notify(int eventFd) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(eventFd, &one, sizeof one);
+  }
+
+  static void drain(int eventFd) {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto read = ::read(eventFd, &count, sizeof count);
+  }
+
+  // Waits (until ModemManager's first-reading deadline) for the modems, so that the first
+  // path already counts a connected bearer's link as cellular. False when cancelled.
+  bool awaitModems() {
+    if (!modems_) return true;
+    const auto deadline = modems_->firstReadingDeadline();
+    while (!modems_->hasFirstReading()) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+      if (left <= 0) break;
+      std::array<pollfd, 2> fds{{{wake_, POLLIN, 0}, {modemWake_, POLLIN, 0}}};
+      if (::poll(fds.data(), fds.size(), static_cast<int>(left)) < 0 && errno != EINTR) break;
+      if (fds[0].revents != 0) return false;
+      if (fds[1].revents != 0) drain(modemWake_);
+    }
+    return true;
+  }
 
   void publish(bool always) {
     {
@@ -198,13 +245,19 @@ class ZavloLinuxPathMonitor::Reader {
   // Waits for one datagram (or the wake-up) and applies its messages. done is set when
   // the end of the dump numbered sequence arrives.
   Outcome receive(std::uint32_t sequence, bool& done) {
-    std::array<pollfd, 2> fds{{{socket_, POLLIN, 0}, {wake_, POLLIN, 0}}};
+    // Without modems the last entry is -1, which poll() skips.
+    std::array<pollfd, 3> fds{{{socket_, POLLIN, 0}, {wake_, POLLIN, 0}, {modemWake_, POLLIN, 0}}};
     for (;;) {
       if (::poll(fds.data(), fds.size(), -1) < 0) {
         if (errno == EINTR) continue;
         return Outcome::failed;
       }
       if (fds[1].revents != 0) return Outcome::cancelled;
+      if (fds[2].revents != 0) {
+        drain(modemWake_);
+        modemsChanged_ = true;
+        if (fds[0].revents == 0) return Outcome::ok;
+      }
       if ((fds[0].revents & (POLLIN | POLLERR)) != 0) break;
       if (fds[0].revents != 0) return Outcome::failed;
     }
@@ -243,11 +296,15 @@ class ZavloLinuxPathMonitor::Reader {
     return Outcome::ok;
   }
 
+  std::shared_ptr<ZavloLinuxModems> modems_;
+  ZavloLinuxModems::Subscription modemSubscription_;
   ZavloLinuxNetlinkState state_;
   std::shared_ptr<Delivery> delivery_;
   std::vector<std::uint8_t> buffer_;
   int socket_ = -1;
   int wake_ = -1;
+  int modemWake_ = -1;
+  bool modemsChanged_ = false;
   std::uint32_t portId_ = 0;
   std::uint32_t sequence_ = 0;
   bool routesStale_ = false;

@@ -28,6 +28,10 @@
 /// destroying a monitor cancels it.
 /// Link facts from sysfs are those of the namespace sysfs was mounted in.
 ///
+/// With ModemManager's modems in the classifier, a bearer that connects or disconnects
+/// makes the links be classified again, as a link change would; the first path waits for
+/// ModemManager's first reading (ZavloLinuxModems::kFirstReadingLimit at most).
+///
 /// If rtnetlink cannot be opened, the monitor delivers one unsatisfied path and no more.
 class ZavloLinuxPathMonitor final : public ZavloPathMonitor {
  public:
