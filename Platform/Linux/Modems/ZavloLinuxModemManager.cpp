@@ -1,8 +1,6 @@
 // ModemManager over GDBus: the watcher ZavloLinuxModems starts through
 // zavloLinuxModemWatcherFactory.
 #include <gio/gio.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +11,7 @@
 #include <thread>
 
 #include "Platform/Linux/Network/ZavloLinuxModems.hpp"
+#include "Platform/Linux/ZavloLinuxGLibHeadroom.hpp"
 
 namespace {
 
@@ -157,31 +156,16 @@ ZavloLinuxModemReading unreached(std::string detail) {
   return {.reached = false, .detail = std::move(detail), .modems = {}};
 }
 
-// GLib ends the process when it cannot make a wakeup descriptor or a thread, and a library
-// must not end its host: what the watcher needs is tried first. The reason it would fail,
-// or nothing.
+// The reason GLib could not run here, or nothing.
 std::optional<std::string> glibWouldAbort() {
-  // A main context, a connection, its worker's and its calls' wakeups, with room to spare.
-  std::array<int, 8> descriptors{};
-  descriptors.fill(-1);
-  bool enough = true;
-  for (auto& descriptor : descriptors) {
-    descriptor = eventfd(0, EFD_CLOEXEC);
-    if (descriptor < 0) {
-      enough = false;
+  switch (zavloGLibShortage()) {
+    case ZavloGLibShortage::descriptors:
+      return "no file descriptor is left to reach ModemManager";
+    case ZavloGLibShortage::thread:
+      return "no thread can be started for GLib's D-Bus worker";
+    case ZavloGLibShortage::none:
       break;
-    }
   }
-  for (const int descriptor : descriptors) {
-    if (descriptor >= 0) close(descriptor);
-  }
-  if (!enough) return "no file descriptor is left to reach ModemManager";
-  pthread_t thread{};
-  if (pthread_create(
-          &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr) != 0) {
-    return "no thread can be started for GLib's D-Bus worker";
-  }
-  pthread_join(thread, nullptr);
   return std::nullopt;
 }
 

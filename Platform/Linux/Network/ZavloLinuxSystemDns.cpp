@@ -3,8 +3,6 @@
 // configuration). Both are asked synchronously, off the connections' I/O thread.
 #include <arpa/inet.h>
 #include <gio/gio.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,6 +11,8 @@
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "Platform/Linux/ZavloLinuxGLibHeadroom.hpp"
 
 std::vector<std::string> zavloResolvedLinkServers(unsigned interfaceIndex);
 std::vector<std::string> zavloNetworkManagerLinkServers(const std::string& interfaceName);
@@ -39,38 +39,12 @@ bool inSystemNamespace() {
   return error ? true : own == system;  // unreadable without root: most likely the same
 }
 
-// GLib ends the process when it cannot make a wakeup descriptor or a thread; a library
-// must not end its host, so what a call needs is tried first.
-bool glibCanRun() {
-  std::array<int, 8> descriptors{};
-  descriptors.fill(-1);
-  bool enough = true;
-  for (auto& descriptor : descriptors) {
-    descriptor = eventfd(0, EFD_CLOEXEC);
-    if (descriptor < 0) {
-      enough = false;
-      break;
-    }
-  }
-  for (const int descriptor : descriptors) {
-    if (descriptor >= 0) close(descriptor);
-  }
-  if (!enough) return false;
-  pthread_t thread{};
-  if (pthread_create(
-          &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr) != 0) {
-    return false;
-  }
-  pthread_join(thread, nullptr);
-  return true;
-}
-
 // A private connection to the system bus, closed on every path: GLib's shared bus
 // singleton ends the process when the bus goes away.
 class SystemBus {
  public:
   SystemBus() {
-    if (!glibCanRun()) return;
+    if (zavloGLibShortage() != ZavloGLibShortage::none) return;
     gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     if (address == nullptr) return;
     connection_ = g_dbus_connection_new_for_address_sync(

@@ -4,8 +4,6 @@
 #include <gio/gio.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +12,8 @@
 #include <filesystem>
 #include <memory>
 #include <string_view>
+
+#include "Platform/Linux/ZavloLinuxGLibHeadroom.hpp"
 
 namespace {
 
@@ -167,32 +167,16 @@ void appendField(std::string& out, std::string_view tag, std::string_view value)
   out.append(tag).append(":").append(std::to_string(value.size())).append(":").append(value).append("\n");
 }
 
-// GLib ends the process when it cannot make a wakeup descriptor or a thread, and a library
-// must not end its host: what a D-Bus call needs is tried first. The reason it would fail,
-// or nothing.
+// The reason GLib could not run here, or nothing.
 std::optional<std::string> glibWouldAbort() {
-  // A connection, its worker's and its call's wakeups, with room to spare.
-  constexpr std::size_t kDescriptors = 8;
-  std::array<int, kDescriptors> descriptors{};
-  descriptors.fill(-1);
-  bool enough = true;
-  for (auto& descriptor : descriptors) {
-    descriptor = eventfd(0, EFD_CLOEXEC);
-    if (descriptor < 0) {
-      enough = false;
+  switch (zavloGLibShortage()) {
+    case ZavloGLibShortage::descriptors:
+      return "No file descriptor is left to reach the fingerprint daemon.";
+    case ZavloGLibShortage::thread:
+      return "No thread can be started to reach the fingerprint daemon.";
+    case ZavloGLibShortage::none:
       break;
-    }
   }
-  for (const int descriptor : descriptors) {
-    if (descriptor >= 0) close(descriptor);
-  }
-  if (!enough) return "No file descriptor is left to reach the fingerprint daemon.";
-  pthread_t thread{};
-  if (pthread_create(
-          &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr) != 0) {
-    return "No thread can be started to reach the fingerprint daemon.";
-  }
-  pthread_join(thread, nullptr);
   return std::nullopt;
 }
 
