@@ -15,8 +15,10 @@
 // allow TCP Fast Open and the server takes it. With a cookie cached and the last hop's session
 // offered, a hop is two round trips (SYN with the ClientHello / SYN-ACK with the server's
 // flight, then Finished with the request / the answer); without Fast Open, three.
-// fastopen_per_hop is the server namespace's count of connections that came with data in the
-// SYN, per hop; rtt_per_hop is per_hop_ms over the link's round trip.
+// delayed/WHO/tls-server-without-fastopen: the same to a server that does not take it.
+// fastopen_per_hop is the server namespace's count of connections accepted with a valid
+// cookie (with a cookie-holding client: the ClientHello in the SYN), per hop; rtt_per_hop is per_hop_ms over the link's
+// round trip.
 //
 // Names are WHO/WHAT/hops:N, WHO being library, sockets or openssl(-resumed) (the floor),
 // sockets-epoll (the floor on non-blocking sockets waiting in epoll, as on an event loop),
@@ -63,9 +65,10 @@ struct Setup {
   std::string curl;
   std::string caFile;  // the TLS server's CA, for curl
   std::unique_ptr<ZavloDelayedLink> link;
-  std::unique_ptr<ZavloChainServer> delayed;     // listens inside the link's server namespace
-  std::unique_ptr<ZavloChainServer> delayedTls;  // the same place, TLS, taking Fast Open
-  std::string delayedCaFile;                     // its CA, for curl
+  std::unique_ptr<ZavloChainServer> delayed;                    // listens inside the link's server namespace
+  std::unique_ptr<ZavloChainServer> delayedTls;                 // the same place, TLS, taking Fast Open
+  std::unique_ptr<ZavloChainServer> delayedTlsWithoutFastOpen;  // the same, not taking it
+  std::string delayedCaFile;                                    // its CA, for curl
   // The chain by name: its own IPv4-only link, chain server and name server.
   std::unique_ptr<ZavloDelayedLink> namedLink;
   std::unique_ptr<ZavloChainServer> named;
@@ -282,6 +285,26 @@ void registerDelayedTls(Setup& setup) {
                                })
       ->Apply(delayed)
       ->Iterations(4);
+  // A server that does not take Fast Open, at the address whose cookie the clients hold:
+  // the SYN's data is not acknowledged and goes again after the SYN-ACK, in the same round trip.
+  const auto withoutPem = setup.delayedTlsWithoutFastOpen->trustAnchorPem();
+  benchmark::RegisterBenchmark("delayed/openssl-resumed/tls-server-without-fastopen",
+                               [&setup, withoutPem](benchmark::State& s) {
+                                 delayedChain(s, [&](benchmark::State& state) {
+                                   floorChain(state, *setup.delayedTlsWithoutFastOpen, {true, true, withoutPem});
+                                 });
+                               })
+      ->Apply(delayed)
+      ->Iterations(4);
+  benchmark::RegisterBenchmark(
+      "delayed/library/tls-server-without-fastopen",
+      [&setup, withoutPem](benchmark::State& s) {
+        delayedChain(s, [&](benchmark::State& state) {
+          libraryChain(state, *setup.delayedTlsWithoutFastOpen, {withoutPem, setup.link->interfaceName(), ""});
+        });
+      })
+      ->Apply(delayed)
+      ->Iterations(4);
 }
 
 void registerDelayed(Setup& setup) {
@@ -379,19 +402,24 @@ void setUpDelayedTls(Setup& setup) {
   try {
     zavloEnableTcpFastOpen(setup.link->clientSide());
     zavloEnableTcpFastOpen(setup.link->serverSide());
-    setup.delayedTls = setup.link->serverSide().run([&] {
-      ZavloChainServerOptions options;
-      options.bindAddress = setup.link->serverAddress();
-      options.tls = true;
-      options.fastOpenQueue = kFastOpenQueue;
-      return std::make_unique<ZavloChainServer>(options);
-    });
+    const auto serve = [&](int fastOpenQueue) {
+      return setup.link->serverSide().run([&] {
+        ZavloChainServerOptions options;
+        options.bindAddress = setup.link->serverAddress();
+        options.tls = true;
+        options.fastOpenQueue = fastOpenQueue;
+        return std::make_unique<ZavloChainServer>(options);
+      });
+    };
+    setup.delayedTls = serve(kFastOpenQueue);
+    setup.delayedTlsWithoutFastOpen = serve(0);
     setup.delayedCaFile = writeTemporaryFile(setup.delayedTls->trustAnchorPem());
     std::cout << "delayed link, TLS: " << setup.delayedTls->baseUrl()
               << ", TCP Fast Open allowed in both namespaces (net.ipv4.tcp_fastopen = 3), "
                  "the server's listening socket takes it\n";
   } catch (const std::exception& error) {
     setup.delayedTls.reset();
+    setup.delayedTlsWithoutFastOpen.reset();
     std::cout << "delayed link, TLS: skipped (" << error.what() << ")\n";
   }
 }
