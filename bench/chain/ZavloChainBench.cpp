@@ -11,6 +11,15 @@
 // the cellular link's name server: two names per chain, each asked once per chain (the chain
 // forgets kept answers first), so its floor adds one round trip per name and chain.
 //
+// delayed/WHO/tls runs chains of TLS hops over the first delayed link, where both namespaces
+// allow TCP Fast Open and the server takes it. With a cookie cached and the last hop's session
+// offered, a hop is two round trips (SYN with the ClientHello / SYN-ACK with the server's
+// flight, then Finished with the request / the answer); without Fast Open, three.
+// delayed/WHO/tls-server-without-fastopen: the same to a server that does not take it.
+// fastopen_per_hop is the server namespace's count of connections accepted with a valid
+// cookie (from a client holding one: the ClientHello came in the SYN), per hop; rtt_per_hop is
+// per_hop_ms over the link's round trip.
+//
 // Names are WHO/WHAT/hops:N, WHO being library, sockets or openssl(-resumed) (the floor),
 // sockets-epoll (the floor on non-blocking sockets waiting in epoll, as on an event loop),
 // libcurl or curl; scripts/bench compares library/WHAT/hops:N with every other WHO of the same
@@ -33,6 +42,7 @@
 
 #include "Testing/Network/ZavloDelayRelay.hpp"
 #include "Testing/Network/ZavloDnsmasq.hpp"
+#include "Testing/Network/ZavloTcpFastOpen.hpp"
 #include "ZavloChainFloor.hpp"
 #include "ZavloLibcurlChain.hpp"
 #include "ZavloLibraryChain.hpp"
@@ -55,13 +65,29 @@ struct Setup {
   std::string curl;
   std::string caFile;  // the TLS server's CA, for curl
   std::unique_ptr<ZavloDelayedLink> link;
-  std::unique_ptr<ZavloChainServer> delayed;  // listens inside the link's server namespace
+  std::unique_ptr<ZavloChainServer> delayed;                    // listens inside the link's server namespace
+  std::unique_ptr<ZavloChainServer> delayedTls;                 // the same place, TLS, taking Fast Open
+  std::unique_ptr<ZavloChainServer> delayedTlsWithoutFastOpen;  // the same, not taking it
+  std::string delayedCaFile;                                    // its CA, for curl
   // The chain by name: its own IPv4-only link, chain server and name server.
   std::unique_ptr<ZavloDelayedLink> namedLink;
   std::unique_ptr<ZavloChainServer> named;
   std::unique_ptr<ZavloDnsmasq> names;
 };
 Setup* gSetup = nullptr;
+
+// Connections the delayed TLS server may hold half-open with data from the SYN.
+constexpr int kFastOpenQueue = 64;
+
+// A CA's PEM in a file of its own, for curl; empty when none can be made.
+std::string writeTemporaryFile(const std::string& text) {
+  char path[] = "/tmp/zavlo-chain-ca-XXXXXX";
+  const int fd = mkstemp(path);
+  if (fd < 0) return {};
+  close(fd);
+  std::ofstream(path) << text;
+  return path;
+}
 
 void reportPerHop(benchmark::State& state, unsigned hops) {
   state.counters["per_hop"] = benchmark::Counter(static_cast<double>(state.iterations()) * hops,
@@ -113,12 +139,12 @@ void curlChain(benchmark::State& state, ZavloChainServer& server, const std::str
   runChains(state, server, hops, [&] { return zavloRunCurlChain(gSetup->curl, url, caFile, server.token()); });
 }
 
-void libcurlChain(benchmark::State& state, ZavloChainServer& server, const std::string& caFile) {
+void libcurlChain(benchmark::State& state, ZavloChainServer& server, const std::string& caFile, bool fastOpen = false) {
   const auto hops = static_cast<unsigned>(state.range(0));
   const auto url = server.chainUrl(hops);
   std::optional<ZavloLibcurlChainClient> client;
   try {
-    client.emplace(caFile);
+    client.emplace(caFile, fastOpen);
   } catch (const std::exception& error) {
     state.SkipWithError(error.what());
     return;
@@ -145,8 +171,10 @@ template <class Chain>
 void delayedChain(benchmark::State& state, Chain&& chain, ZavloDelayedLink* over = nullptr, unsigned nameLookups = 0) {
   auto& link = over != nullptr ? *over : *gSetup->link;
   std::optional<ZavloNetworkNamespace::Entered> inside;
+  ZavloTcpFastOpenCounters before;
   try {
     inside.emplace(link.clientSide().enter());
+    before = zavloTcpFastOpenCounters(link.serverSide());
   } catch (const std::exception& error) {
     state.SkipWithError(error.what());
     return;
@@ -155,13 +183,20 @@ void delayedChain(benchmark::State& state, Chain&& chain, ZavloDelayedLink* over
   chain(state);
   const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - started;
   if (state.error_occurred() || state.iterations() == 0) return;
-  const double perHop =
-      elapsed.count() / (static_cast<double>(state.iterations()) * static_cast<double>(state.range(0)));
+  const double hops = static_cast<double>(state.iterations()) * static_cast<double>(state.range(0));
+  const double perHop = elapsed.count() / hops;
   const double oneWay = std::chrono::duration<double, std::milli>(link.oneWayDelay()).count();
   const double floor = 4.0 * oneWay + 2.0 * oneWay * nameLookups / static_cast<double>(state.range(0));
   state.counters["per_hop_ms"] = perHop;
   state.counters["floor_ms"] = floor;
   state.counters["over_floor_ms"] = perHop - floor;
+  state.counters["rtt_per_hop"] = perHop / (2.0 * oneWay);
+  try {
+    const auto fastOpen = zavloTcpFastOpenCounters(link.serverSide()) - before;
+    state.counters["fastopen_per_hop"] = static_cast<double>(fastOpen.passive) / hops;
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+  }
 }
 
 void registerLoopback(Setup& setup) {
@@ -211,10 +246,73 @@ void registerLoopback(Setup& setup) {
   })->Apply(hops);
 }
 
+void delayedArguments(benchmark::internal::Benchmark* b) {
+  b->ArgName("hops")->Arg(kDelayedHops)->UseRealTime()->Unit(benchmark::kMillisecond);
+}
+
+void registerDelayedTls(Setup& setup) {
+  const auto delayed = delayedArguments;
+  const auto pem = setup.delayedTls->trustAnchorPem();
+  // The floors: raw OpenSSL resuming the last hop's session, without and with Fast Open.
+  for (const bool fastOpen : {false, true}) {
+    benchmark::RegisterBenchmark(fastOpen ? "delayed/openssl-resumed-fastopen/tls" : "delayed/openssl-resumed/tls",
+                                 [&setup, pem, fastOpen](benchmark::State& s) {
+                                   delayedChain(s, [&](benchmark::State& state) {
+                                     ZavloChainFloorClient::Options options{true, true, pem};
+                                     options.fastOpen = fastOpen;
+                                     floorChain(state, *setup.delayedTls, options);
+                                   });
+                                 })
+        ->Apply(delayed)
+        ->Iterations(4);
+    benchmark::RegisterBenchmark(fastOpen ? "delayed/libcurl-fastopen/tls" : "delayed/libcurl/tls",
+                                 [&setup, fastOpen](benchmark::State& s) {
+                                   delayedChain(s, [&](benchmark::State& state) {
+                                     libcurlChain(state, *setup.delayedTls, setup.delayedCaFile, fastOpen);
+                                   });
+                                 })
+        ->Apply(delayed)
+        ->Iterations(4);
+  }
+  benchmark::RegisterBenchmark(
+      "delayed/curl/tls",
+      [&setup](benchmark::State& s) {
+        delayedChain(s, [&](benchmark::State& state) { curlChain(state, *setup.delayedTls, setup.delayedCaFile); });
+      })
+      ->Apply(delayed)
+      ->Iterations(4);
+  benchmark::RegisterBenchmark("delayed/library/tls",
+                               [&setup, pem](benchmark::State& s) {
+                                 delayedChain(s, [&](benchmark::State& state) {
+                                   libraryChain(state, *setup.delayedTls, {pem, setup.link->interfaceName(), ""});
+                                 });
+                               })
+      ->Apply(delayed)
+      ->Iterations(4);
+  // A server that does not take Fast Open, at the address whose cookie the clients hold:
+  // the SYN's data, not acknowledged, goes again as soon as the SYN-ACK is in.
+  const auto withoutPem = setup.delayedTlsWithoutFastOpen->trustAnchorPem();
+  benchmark::RegisterBenchmark("delayed/openssl-resumed/tls-server-without-fastopen",
+                               [&setup, withoutPem](benchmark::State& s) {
+                                 delayedChain(s, [&](benchmark::State& state) {
+                                   floorChain(state, *setup.delayedTlsWithoutFastOpen, {true, true, withoutPem});
+                                 });
+                               })
+      ->Apply(delayed)
+      ->Iterations(4);
+  benchmark::RegisterBenchmark(
+      "delayed/library/tls-server-without-fastopen",
+      [&setup, withoutPem](benchmark::State& s) {
+        delayedChain(s, [&](benchmark::State& state) {
+          libraryChain(state, *setup.delayedTlsWithoutFastOpen, {withoutPem, setup.link->interfaceName(), ""});
+        });
+      })
+      ->Apply(delayed)
+      ->Iterations(4);
+}
+
 void registerDelayed(Setup& setup) {
-  const auto delayed = [](benchmark::internal::Benchmark* b) {
-    b->ArgName("hops")->Arg(kDelayedHops)->UseRealTime()->Unit(benchmark::kMillisecond);
-  };
+  const auto delayed = delayedArguments;
   benchmark::RegisterBenchmark("delayed/sockets/http",
                                [&](benchmark::State& s) {
                                  delayedChain(s,
@@ -244,6 +342,7 @@ void registerDelayed(Setup& setup) {
                                })
       ->Apply(delayed)
       ->Iterations(4);
+  if (setup.delayedTls) registerDelayedTls(setup);
   if (!setup.named) return;
   benchmark::RegisterBenchmark(
       "delayed/library-by-name/http",
@@ -301,6 +400,34 @@ void setUpNamedLink(Setup& setup) {
   }
 }
 
+// A TLS chain server on the delayed link's server side that takes Fast Open, both namespaces
+// allowing it; without it the delayed TLS benchmarks are left out and the rest still runs.
+void setUpDelayedTls(Setup& setup) {
+  try {
+    zavloEnableTcpFastOpen(setup.link->clientSide());
+    zavloEnableTcpFastOpen(setup.link->serverSide());
+    const auto serve = [&](int fastOpenQueue) {
+      return setup.link->serverSide().run([&] {
+        ZavloChainServerOptions options;
+        options.bindAddress = setup.link->serverAddress();
+        options.tls = true;
+        options.fastOpenQueue = fastOpenQueue;
+        return std::make_unique<ZavloChainServer>(options);
+      });
+    };
+    setup.delayedTls = serve(kFastOpenQueue);
+    setup.delayedTlsWithoutFastOpen = serve(0);
+    setup.delayedCaFile = writeTemporaryFile(setup.delayedTls->trustAnchorPem());
+    std::cout << "delayed link, TLS: " << setup.delayedTls->baseUrl()
+              << ", TCP Fast Open allowed in both namespaces (net.ipv4.tcp_fastopen = 3), "
+                 "the server's listening socket takes it\n";
+  } catch (const std::exception& error) {
+    setup.delayedTls.reset();
+    setup.delayedTlsWithoutFastOpen.reset();
+    std::cout << "delayed link, TLS: skipped (" << error.what() << ")\n";
+  }
+}
+
 // The delayed link needs namespaces and TUN devices, hence root; without them the rest still runs.
 void setUpDelayedLink(Setup& setup) {
   if (geteuid() != 0) {
@@ -315,6 +442,7 @@ void setUpDelayedLink(Setup& setup) {
       options.bindAddress = address;
       return std::make_unique<ZavloChainServer>(options);
     });
+    setUpDelayedTls(setup);
     std::cout << "delayed link: " << setup.link->oneWayDelay().count() / 1000 << " ms each way, "
               << setup.link->clientSide().name() << " (" << setup.link->clientAddress() << ") -> "
               << setup.link->serverSide().name() << " (" << setup.link->serverAddress() << "), device "
@@ -347,13 +475,7 @@ int main(int argc, char** argv) {
   tls.locationHost = "127.0.0.1";
   setup.tls = std::make_unique<ZavloChainServer>(tls);
 
-  char caTemplate[] = "/tmp/zavlo-chain-ca-XXXXXX";
-  const int caFd = mkstemp(caTemplate);
-  if (caFd >= 0) {
-    close(caFd);
-    setup.caFile = caTemplate;
-    std::ofstream(setup.caFile) << setup.tls->trustAnchorPem();
-  }
+  setup.caFile = writeTemporaryFile(setup.tls->trustAnchorPem());
   setup.curl = zavloFindCurl();
 
   std::cout << "chain: a chain of N hops is N requests (N - 1 redirects, then the token); "
@@ -377,6 +499,8 @@ int main(int argc, char** argv) {
     std::cout << "delayed link relay: " << statistics.forwardedAToB << " packets client->server, "
               << statistics.forwardedBToA << " server->client, " << statistics.dropped << " dropped\n";
   }
-  if (!setup.caFile.empty()) std::remove(setup.caFile.c_str());
+  for (const auto& file : {setup.caFile, setup.delayedCaFile}) {
+    if (!file.empty()) std::remove(file.c_str());
+  }
   return 0;
 }

@@ -23,6 +23,9 @@ class ZavloChainFloorClient {
     bool resumeSessions = false;  ///< offer the last hop's TLS session to the next hop
     std::string trustAnchorPem;   ///< the CA the TLS server certificate must chain to
     bool eventDriven = false;     ///< non-blocking sockets and epoll (plain HTTP)
+    /// TCP_FASTOPEN_CONNECT: with a cookie for the server cached, the first write (the
+    /// ClientHello) leaves in the SYN.
+    bool fastOpen = false;
   };
 
   explicit ZavloChainFloorClient(Options options);

@@ -11,7 +11,7 @@ std::size_t append(char* data, std::size_t size, std::size_t count, void* body) 
 
 }  // namespace
 
-ZavloLibcurlChainClient::ZavloLibcurlChainClient(const std::string& caFile) {
+ZavloLibcurlChainClient::ZavloLibcurlChainClient(const std::string& caFile, bool fastOpen) {
   static const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   easy_ = initialised ? curl_easy_init() : nullptr;
   if (easy_ == nullptr) throw std::runtime_error("libcurl: no easy handle");
@@ -27,6 +27,7 @@ ZavloLibcurlChainClient::ZavloLibcurlChainClient(const std::string& caFile) {
   curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, append);
   curl_easy_setopt(easy_, CURLOPT_WRITEDATA, &body_);
+  if (fastOpen) curl_easy_setopt(easy_, CURLOPT_TCP_FASTOPEN, 1L);
   if (!caFile.empty()) {
     // Only the test CA: loading the system bundle as well would charge curl for certificates
     // the other clients never read.

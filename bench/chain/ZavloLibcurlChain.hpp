@@ -11,7 +11,8 @@
 class ZavloLibcurlChainClient {
  public:
   /// caFile: the CA the TLS server certificate must chain to, as a PEM file; empty for http.
-  explicit ZavloLibcurlChainClient(const std::string& caFile);
+  /// fastOpen: CURLOPT_TCP_FASTOPEN, data in the SYN where a cookie allows.
+  explicit ZavloLibcurlChainClient(const std::string& caFile, bool fastOpen = false);
   ~ZavloLibcurlChainClient();
   ZavloLibcurlChainClient(const ZavloLibcurlChainClient&) = delete;
   ZavloLibcurlChainClient& operator=(const ZavloLibcurlChainClient&) = delete;

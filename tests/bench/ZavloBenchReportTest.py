@@ -13,13 +13,16 @@ import unittest
 SCRIPT = sys.argv.pop(1) if len(sys.argv) > 1 else os.path.join(os.path.dirname(__file__), "../../scripts/bench-report")
 
 
-def runs(name, values, key="real_time", unit="us", errors=0):
-    """One iteration entry per value (the repetitions), then errors failed ones, then a misleading aggregate."""
+def runs(name, values, key="real_time", unit="us", errors=0, counters=None):
+    """One iteration entry per value (the repetitions), then errors failed ones, then a misleading aggregate.
+    counters: further counters, each a list of one value per repetition."""
     entries = []
     for index, value in enumerate(values):
         entry = {"name": name, "run_name": name, "run_type": "iteration", "repetitions": len(values) + errors,
                  "repetition_index": index, "iterations": 10, "real_time": 1.0, "cpu_time": 1.0, "time_unit": unit}
         entry[key] = value
+        for counter, per_repetition in (counters or {}).items():
+            entry[counter] = per_repetition[index]
         entries.append(entry)
     for index in range(errors):
         entries.append({"name": name, "run_name": name, "run_type": "iteration", "error_occurred": True,
@@ -37,7 +40,12 @@ CHAIN = runs("library/http/hops:1", [30e-6, 31e-6, 29e-6], "per_hop") + \
     runs("libcurl/http/hops:5", [14e-6, 14e-6, 14e-6], "per_hop") + \
     runs("sockets/http-absolute/hops:5", [8e-6, 8e-6, 8e-6], "per_hop") + \
     runs("delayed/library/http/hops:5/iterations:4/real_time", [0.11, 0.11, 0.11], "per_hop") + \
-    runs("delayed/sockets/http/hops:5/iterations:6/real_time", [0.1, 0.1, 0.1], "per_hop")
+    runs("delayed/sockets/http/hops:5/iterations:6/real_time", [0.1, 0.1, 0.1], "per_hop",
+         counters={"rtt_per_hop": [2.01, 2.03, 2.02]}) + \
+    runs("delayed/library/tls/hops:5/iterations:4/real_time", [0.103, 0.103, 0.103], "per_hop",
+         counters={"rtt_per_hop": [2.06, 2.2, 2.05], "fastopen_per_hop": [1, 1, 0.95], "resumed": [1, 1, 1]}) + \
+    runs("delayed/openssl-resumed/tls/hops:5/iterations:4/real_time", [0.153, 0.153, 0.153], "per_hop",
+         counters={"rtt_per_hop": [3.07, 3.07, 3.07], "fastopen_per_hop": [0, 0, 0], "resumed": [0.95, 0.95, 0.95]})
 TELEMETRY = runs("delivery/library", [900, 1000, 1100], "events_per_s", "ms") + \
     runs("delivery/libcurl", [4000, 4000, 4000], "events_per_s", "ms") + \
     runs("send-event/library/answering", [3.0, 5.0], errors=1) + \
@@ -76,6 +84,7 @@ class BenchReportTest(unittest.TestCase):
             ("chain", "library/http/hops:5", "sockets/http/hops:5"),
             ("chain", "library/http/hops:5", "libcurl/http/hops:5"),
             ("chain", "delayed/library/http/hops:5", "delayed/sockets/http/hops:5"),  # Iterations() differ
+            ("chain", "delayed/library/tls/hops:5", "delayed/openssl-resumed/tls/hops:5"),
             ("telemetry", "delivery/library", "delivery/libcurl"),
             ("telemetry", "send-event/library/answering", "send-event/libcurl/answering"),
             ("telemetry", "send-event/library/silent", "send-event/libcurl/silent"),
@@ -101,6 +110,13 @@ class BenchReportTest(unittest.TestCase):
         self.assertEqual(row["library"]["failed_repetitions"], 1)
         self.assertAlmostEqual(row["ratio"], 2.0)
         self.assertIn("1 of 3 repetitions failed: hop failed", self.markdown)
+
+    def test_round_trips_and_for_tls_fast_open_and_resumption_stand_beside_a_figure_as_medians(self):
+        for expected in (
+                "| delayed/http/hops:5 | time per hop | 110 ms | raw sockets | 100 ms (2.02 round trips/hop) | **1.10** |",
+                "| delayed/tls/hops:5 | time per hop | 103 ms (2.06 round trips/hop, Fast Open 100%, resumed 100%) | "
+                "raw OpenSSL, session resumed | 153 ms (3.07 round trips/hop, Fast Open 0%, resumed 95%) | **0.67** |"):
+            self.assertIn(expected, self.markdown)
 
     def test_markdown_has_one_row_per_comparison_and_the_notes(self):
         table_rows = [line for line in self.markdown.splitlines()

@@ -50,9 +50,11 @@ void check(bool ok, const char* what) {
 }
 
 // A server context with a fresh CA and a "localhost" certificate, all in memory.
-Context makeTlsContext(std::string& trustAnchorPem) {
+Context makeTlsContext(const std::string& bindAddress, std::string& trustAnchorPem) {
   const ZavloTestCertificateAuthority authority("Zavlo chain test CA");
-  const auto identity = authority.issueServerIdentity({"localhost", "127.0.0.1", "::1"});
+  std::vector<std::string> names{"localhost", "127.0.0.1", "::1"};
+  if (std::find(names.begin(), names.end(), bindAddress) == names.end()) names.push_back(bindAddress);
+  const auto identity = authority.issueServerIdentity(names);
   trustAnchorPem = authority.certificatePem();
 
   Context context(SSL_CTX_new(TLS_server_method()));
@@ -99,7 +101,7 @@ struct Connection {
 };
 
 // A non-blocking listening socket on a numeric address; port 0 picks one, reported in bound.
-int listenOn(const std::string& bindAddress, std::uint16_t port, std::uint16_t& bound) {
+int listenOn(const std::string& bindAddress, std::uint16_t port, int fastOpenQueue, std::uint16_t& bound) {
   sockaddr_storage address{};
   socklen_t length = 0;
   auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
@@ -121,6 +123,11 @@ int listenOn(const std::string& bindAddress, std::uint16_t port, std::uint16_t& 
   const int one = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   if (ipv6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+  if (fastOpenQueue > 0 && setsockopt(fd, IPPROTO_TCP, TCP_FASTOPEN, &fastOpenQueue, sizeof fastOpenQueue) != 0) {
+    const auto error = osError("TCP_FASTOPEN");
+    close(fd);
+    throw error;
+  }
   if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, SOMAXCONN) != 0) {
     const auto error = osError("bind/listen " + bindAddress);
     close(fd);
@@ -404,7 +411,7 @@ ZavloChainServer::ZavloChainServer(ZavloChainServerOptions options) : state_(std
   State& s = *state_;
   s.options = std::move(options);
   s.scheme = s.options.tls ? "https" : "http";
-  if (s.options.tls) s.tls = makeTlsContext(s.trustAnchorPem);
+  if (s.options.tls) s.tls = makeTlsContext(s.options.bindAddress, s.trustAnchorPem);
 
   const bool ipv6 = s.options.bindAddress.find(':') != std::string::npos;
   if (!s.options.locationHost.empty()) {
@@ -418,11 +425,11 @@ ZavloChainServer::ZavloChainServer(ZavloChainServerOptions options) : state_(std
   // served too, on the same port, when this machine has it.
   const bool bothLoopbacks = s.host == "localhost" && s.options.bindAddress == "127.0.0.1";
   for (int tries = 0;; ++tries) {
-    s.listenFd = listenOn(s.options.bindAddress, s.options.port, s.port);
+    s.listenFd = listenOn(s.options.bindAddress, s.options.port, s.options.fastOpenQueue, s.port);
     if (!bothLoopbacks || !ipv6LoopbackAvailable()) break;
     std::uint16_t samePort = 0;
     try {
-      s.listenFd6 = listenOn("::1", s.port, samePort);
+      s.listenFd6 = listenOn("::1", s.port, s.options.fastOpenQueue, samePort);
       break;
     } catch (const std::runtime_error&) {
       // That port is taken on ::1: start again on another, unless the port was asked for.

@@ -29,9 +29,14 @@ struct ZavloChainServerOptions {
   /// 127.0.0.1 (the certificate's name; ::1 is then served too, on the same port, where the
   /// machine has it), otherwise the bind address (IPv6 in brackets).
   std::string locationHost;
-  /// TLS with a certificate for "localhost", 127.0.0.1 and ::1 issued by a test CA made for this
-  /// server; clients trust trustAnchorPem().
+  /// TLS with a certificate for "localhost", 127.0.0.1, ::1 and bindAddress issued by a test CA
+  /// made for this server; clients trust trustAnchorPem(). TLS 1.3 sends session tickets, so a
+  /// client that keeps them resumes.
   bool tls = false;
+  /// When above 0, the listening socket takes TCP Fast Open connections (data in the SYN), with
+  /// this many not yet fully open at a time. The namespace must allow it too (net.ipv4.tcp_fastopen
+  /// with bit 2 set).
+  int fastOpenQueue = 0;
   std::string token = "zavlo-chain-token";
   /// When set, each final answer carries what this returns instead of token. Called on the
   /// server's thread.
