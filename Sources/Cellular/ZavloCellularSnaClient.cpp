@@ -269,14 +269,19 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
                                           std::int64_t httpCode, const std::string& responseBody,
                                           const std::optional<std::string>& failure) {
   if (!sendEvent_) return;
+  sendEvent_(HopEvent{requestId_, requestUrl.absoluteString(), responseUrl, httpCode, responseBody, failure,
+                      std::chrono::system_clock::now()});
+}
+
+std::shared_ptr<ZavloAuthEventLog> ZavloCellularSnaClient::HopEvent::toEventLog() const {
   auto event = std::make_shared<ZavloAuthEventLog>();
-  event->requestId = requestId_;
+  event->timestamp = ZavloAuthEventLog::makeTimestamp(at);
+  event->requestId = requestId;
   event->authProvider = "NATIVE_SNA";
   event->eventName = "SNA_HOP";
-  // Key by key: an initialiser list would build and copy a two-element array per entry,
-  // on every hop.
+  // Key by key: an initialiser list would build and copy a two-element array per entry.
   nlohmann::json metaData(nlohmann::json::value_t::object);
-  metaData["requestUrl"] = requestUrl.absoluteString();
+  metaData["requestUrl"] = requestUrl;
   metaData["responseUrl"] = responseUrl;
   metaData["httpCode"] = httpCode;
   metaData["requestBody"] = "";
@@ -288,7 +293,7 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
   }
   metaData["sdkVersion"] = ZavloAuthSDKVersion;
   event->metaData = std::move(metaData);
-  sendEvent_(std::move(event));
+  return event;
 }
 
 void ZavloCellularSnaClient::traceHop(const ZavloUrl& url, std::int64_t status, std::optional<std::string> redirect,

@@ -25,8 +25,21 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
  public:
   using Completion = std::function<void(ZavloChainOutcome)>;
   using ResponseHandler = std::function<void(ZavloConnectionResult)>;
-  /// Where the per-hop telemetry events go (fire and forget).
-  using EventSink = std::function<void(std::shared_ptr<ZavloAuthEventLog>)>;
+  /// What one hop reports to telemetry, as the hop saw it: the event log is built from it
+  /// by whoever sends it (toEventLog()), off the queue that runs the chain.
+  struct HopEvent {
+    std::optional<std::string> requestId;
+    std::string requestUrl;
+    std::string responseUrl;
+    std::int64_t httpCode = 0;
+    std::string responseBody;
+    std::optional<std::string> failure;
+    std::chrono::system_clock::time_point at;
+    /// The "SNA_HOP" event of the native provider, stamped with `at`.
+    [[nodiscard]] std::shared_ptr<ZavloAuthEventLog> toEventLog() const;
+  };
+  /// Where the per-hop telemetry goes (fire and forget), on the main queue: hand it over.
+  using EventSink = std::function<void(HopEvent)>;
 
   static std::shared_ptr<ZavloCellularSnaClient> create(ZavloPlatform& platform, EventSink sendEvent);
 

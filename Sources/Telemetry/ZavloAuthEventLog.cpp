@@ -104,9 +104,11 @@ std::string ZavloAuthEventLog::makeTransactionId() {
   return zavloRandomUuidText(bytes);
 }
 
-std::string ZavloAuthEventLog::makeTimestamp() {
+std::string ZavloAuthEventLog::makeTimestamp() { return makeTimestamp(std::chrono::system_clock::now()); }
+
+std::string ZavloAuthEventLog::makeTimestamp(std::chrono::system_clock::time_point at) {
   using namespace std::chrono;
-  const auto now = floor<seconds>(system_clock::now());
+  const auto now = floor<seconds>(at);
   const auto day = floor<days>(now);
   const year_month_day date{day};
   const hh_mm_ss time{now - day};

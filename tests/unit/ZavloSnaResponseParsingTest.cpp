@@ -252,7 +252,8 @@ struct Judged {
 Judged judge(const char* requestUrl, std::string response, const std::optional<ZavloConnectionError>& error = {}) {
   ZavloTestPlatform platform;
   Judged judged;
-  auto client = Client::create(platform, [&](auto event) { judged.events.push_back(std::move(event)); });
+  auto client =
+      Client::create(platform, [&](const Client::HopEvent& event) { judged.events.push_back(event.toEventLog()); });
   client->processResponse(url(requestUrl), std::vector<std::uint8_t>(response.begin(), response.end()), error,
                           [&](ZavloConnectionResult result) { judged.results.push_back(std::move(result)); });
   return judged;
