@@ -34,6 +34,7 @@ TEST(ZavloHttp1Codec, RequestTextByteForByte) {
       {"http://h:80/x", "GET /x HTTP/1.1\r\nHost: h"},
       {"http://h", "GET / HTTP/1.1\r\nHost: h"},
       {"http://h/dir/", "GET /dir/ HTTP/1.1\r\nHost: h"},
+      {"http://h/a?b=/", "GET /a/?b=/ HTTP/1.1\r\nHost: h"},             // a URL ending in "/" gives its path one
       {"http://h/a%20b?x=%20y", "GET /a b?x=%20y HTTP/1.1\r\nHost: h"},  // path decoded, query as written
       {"http://[::1]:8080/v6", "GET /v6 HTTP/1.1\r\nHost: ::1:8080"},
   };

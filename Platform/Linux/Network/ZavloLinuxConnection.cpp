@@ -453,7 +453,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   // Connects to endpoints_ from index first on, skipping families without a usable
   // interface: one after another, or raced with the families interleaved.
   void connectTo(std::size_t first) {
-    if (racesAttempts()) {
+    if (racesAttempts() && first + 1 < endpoints_.size()) {  // one endpoint has no order to change
       const auto rest =
           first < endpoints_.size() ? endpoints_.begin() + static_cast<std::ptrdiff_t>(first) : endpoints_.end();
       const auto ordered =
