@@ -53,14 +53,14 @@ std::shared_ptr<ZavloCellularSnaClient> ZavloCellularSnaClient::create(ZavloPlat
 ZavloCellularSnaClient::ZavloCellularSnaClient(ZavloPlatform& platform, EventSink sendEvent)
     : platform_(platform), sendEvent_(std::move(sendEvent)) {}
 
-ZavloCellularSnaClient::ResponseHandler ZavloCellularSnaClient::checkResponseHandler() const {
+std::shared_ptr<const ZavloCellularSnaClient::ResponseHandler> ZavloCellularSnaClient::checkResponseHandler() const {
   std::lock_guard lock(accessQueue_);
   return checkResponseHandler_;
 }
 
 void ZavloCellularSnaClient::setCheckResponseHandler(ResponseHandler handler) {
   std::lock_guard lock(accessQueue_);
-  checkResponseHandler_ = std::move(handler);
+  checkResponseHandler_ = handler ? std::make_shared<const ResponseHandler>(std::move(handler)) : nullptr;
 }
 
 void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion) {
@@ -72,7 +72,7 @@ void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string
   setCheckResponseHandler(makeResponseHandler(std::move(completion)));
   platform_.mainQueue().post([self = shared_from_this(), url] {
     self->createTimer();
-    if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(url, handler);
+    if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(url, std::move(handler));
   });
 }
 
@@ -104,7 +104,8 @@ ZavloCellularSnaClient::ResponseHandler ZavloCellularSnaClient::makeResponseHand
         return;
       }
       self->createTimer();
-      if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(*redirect->url, handler);
+      if (auto handler = self->checkResponseHandler())
+        self->activateConnectionForDataFetch(*redirect->url, std::move(handler));
     }
   };
 }
@@ -113,22 +114,23 @@ void ZavloCellularSnaClient::deliver(const ResponseHandler& completion, ZavloCon
   if (completion) completion(std::move(result));
 }
 
-void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion) {
+void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
+                                                            std::shared_ptr<const ResponseHandler> completion) {
   if (connection_) {
     connection_->cancel();
     connection_.reset();
   }
   if (url.scheme().empty() || url.host().empty()) {
-    return deliver(completion, ZavloNetworkError::other("URL has no Host or Scheme"));
+    return deliver(*completion, ZavloNetworkError::other("URL has no Host or Scheme"));
   }
   const auto command = Http1::createHttpCommand(url);
   if (!command || !isValidUtf8(*command)) {
-    return deliver(completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
+    return deliver(*completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
   }
   std::optional<std::int64_t> port;
   if (url.port()) port = *url.port();
   auto hop = std::make_shared<const Hop>(
-      Hop{url, std::vector<std::uint8_t>(command->begin(), command->end()), completion, port});
+      Hop{url, std::vector<std::uint8_t>(command->begin(), command->end()), std::move(completion), port});
   hopStarted_ = std::chrono::steady_clock::now();
   connectTime_.reset();
   requestSent_.reset();
@@ -137,7 +139,7 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
   if (!createConnection(
           url.scheme(), url.host(), port,
           tryIpv6First ? ZavloConnectionParameters::IpVersion::v6 : ZavloConnectionParameters::IpVersion::any)) {
-    return deliver(completion,
+    return deliver(*hop->completion,
                    ZavloNetworkError::connectionCantBeCreated("Problem creating a connection " + url.absoluteString()));
   }
   connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), tryIpv6First));
@@ -158,8 +160,8 @@ void ZavloCellularSnaClient::fallBackFromIpv6(const std::shared_ptr<const Hop>& 
   auto retry =
       createConnection(hop->url.scheme(), hop->url.host(), hop->port, ZavloConnectionParameters::IpVersion::any);
   if (!retry) {
-    return deliver(hop->completion, ZavloNetworkError::connectionCantBeCreated(
-                                        "Problem creating IPv4 fallback connection " + hop->url.absoluteString()));
+    return deliver(*hop->completion, ZavloNetworkError::connectionCantBeCreated(
+                                         "Problem creating IPv4 fallback connection " + hop->url.absoluteString()));
   }
   retry->setStateUpdateHandler(createConnectionUpdateHandler(hop, false));
   retry->start(platform_.mainQueue());
@@ -208,8 +210,8 @@ ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHand
       case ZavloConnection::State::failed:
         if (ipv6Fallback) {
           if (const auto self = weak.lock()) self->fallBackFromIpv6(hop);
-        } else if (hop->completion) {
-          hop->completion(ZavloNetworkError::other(
+        } else if (*hop->completion) {
+          (*hop->completion)(ZavloNetworkError::other(
               "Connection failed: " + (error ? error->localizedDescription : std::string("unknown error"))));
         }
         return;
@@ -222,7 +224,7 @@ void ZavloCellularSnaClient::sendAndReceiveWithBody(const std::shared_ptr<const 
   std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
   connection_->send(hop->request, [weak, hop](const std::optional<ZavloConnectionError>& error) {
     if (error) {
-      if (hop->completion) hop->completion(ZavloNetworkError::other(error->localizedDescription));
+      if (*hop->completion) (*hop->completion)(ZavloNetworkError::other(error->localizedDescription));
     } else if (const auto self = weak.lock()) {
       self->requestSent_ = std::chrono::steady_clock::now();
     }
@@ -232,7 +234,8 @@ void ZavloCellularSnaClient::sendAndReceiveWithBody(const std::shared_ptr<const 
   connection_->receive(1, kMaximumResponseLength,
                        [weak, hop](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
                                    const std::optional<ZavloConnectionError>& error) {
-                         if (auto self = weak.lock()) self->processResponse(hop->url, received, error, hop->completion);
+                         if (auto self = weak.lock())
+                           self->processResponse(hop->url, received, error, *hop->completion);
                        });
 }
 
@@ -250,7 +253,7 @@ void ZavloCellularSnaClient::fireTimer() {
     timer_.reset();
   }
   if (auto handler = checkResponseHandler()) {
-    handler(ZavloNetworkError::connectionCantBeCreated("Connection cancelled - time out"));
+    (*handler)(ZavloNetworkError::connectionCantBeCreated("Connection cancelled - time out"));
   }
 }
 
