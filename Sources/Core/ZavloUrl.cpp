@@ -134,11 +134,17 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   if (input.find('\0') != std::string::npos) return std::nullopt;
   if (schemeOf(input)) return parse(input);  // RFC 3986, 5.2.2: the reference is the target
   if (base.scheme_.empty()) return std::nullopt;
-  if (!base.host_.empty() && (!base.origin_.empty() || base.parsed_) && isPlainAbsolutePath(input)) {
-    auto origin = base.origin_.empty() ? originOf(static_cast<CURLU*>(base.parsed_.get())) : base.origin_;
-    if (!origin.empty()) {
+  if (!base.host_.empty() && (base.origin_ || base.parsed_) && isPlainAbsolutePath(input)) {
+    auto origin = base.origin_;
+    if (!origin) {
+      if (auto found = originOf(static_cast<CURLU*>(base.parsed_.get())); !found.empty()) {
+        origin = std::make_shared<const std::string>(std::move(found));
+      }
+    }
+    if (origin) {
       ZavloUrl url;
-      url.absolute_ = base.scheme_ + origin + input;
+      url.absolute_.reserve(base.scheme_.size() + origin->size() + input.size());
+      url.absolute_.append(base.scheme_).append(*origin).append(input);
       url.scheme_ = base.scheme_;
       url.host_ = base.host_;
       url.port_ = base.port_;

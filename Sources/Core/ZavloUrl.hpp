@@ -48,7 +48,8 @@ class ZavloUrl {
   std::shared_ptr<void> parsed_;
   /// What libcurl writes between the scheme and the path of this URL ("://host:port"),
   /// when known: a plain absolute path is then resolved by joining texts.
-  std::string origin_;
+  /// Shared by the URLs resolved from it: copying a URL allocates no more for it.
+  std::shared_ptr<const std::string> origin_;
 
   std::string absolute_;
   std::string scheme_;
