@@ -55,14 +55,7 @@ std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
 ZavloAuthRequestManager::ZavloAuthRequestManager(ZavloPlatform& platform,
                                                  std::shared_ptr<ZavloAuthLogManager> logManager,
                                                  std::shared_ptr<ZavloCellularPathChecker> pathChecker)
-    : platform_(platform),
-      logManager_(std::move(logManager)),
-      telemetry_(platform.makeSerialQueue("com.zavlo.auth.telemetry")),
-      pathChecker_(std::move(pathChecker)) {}
-
-void ZavloAuthRequestManager::send(std::shared_ptr<ZavloAuthEventLog> event) {
-  telemetry_->post([logManager = logManager_, event = std::move(event)] { logManager->sendEventLog(event); });
-}
+    : platform_(platform), logManager_(std::move(logManager)), pathChecker_(std::move(pathChecker)) {}
 
 ZavloAuthRequestManager::~ZavloAuthRequestManager() { clearSession(); }
 
@@ -92,7 +85,7 @@ void ZavloAuthRequestManager::sendStartEvent(const char* eventName, const std::o
   auto metaData = ZavloAuthEventLog::createDeviceMetadata(platform_.deviceInfo());
   metaData["sdkVersion"] = ZavloAuthSDKVersion;
   event->metaData = std::move(metaData);
-  send(std::move(event));
+  logManager_->sendEventLog(event);
 }
 
 void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std::optional<std::string>& requestId,
@@ -107,7 +100,7 @@ void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std:
   event->status = status;
   event->failureReason = failureReason;
   event->metaData = std::move(metaData);
-  send(std::move(event));
+  logManager_->sendEventLog(event);
 }
 
 void ZavloAuthRequestManager::performCellularPreflightCheck(const std::optional<std::string>& /*requestId*/,
@@ -183,13 +176,12 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
     if (completion) completion(zavloFailure(std::move(exception)));
   };
   auto onSuccess = [self = shared_from_this(), requestId, completion, url = std::move(*url)] {
-    // The hop's event is built on the telemetry queue: the chain's queue only hands it over.
+    // Built and sent here, on the main queue, so that the collector gets every event of a
+    // session in order and before the session's completion returns.
     std::weak_ptr<ZavloAuthLogManager> logManager = self->logManager_;
-    auto client = ZavloCellularSnaClient::create(
-        self->platform_, [logManager, telemetry = self->telemetry_](ZavloCellularSnaClient::HopEvent event) {
-          telemetry->post([logManager, event = std::move(event)] {
-            if (auto manager = logManager.lock()) manager->sendEventLog(event.toEventLog());
-          });
+    auto client =
+        ZavloCellularSnaClient::create(self->platform_, [logManager](const ZavloCellularSnaClient::HopEvent& event) {
+          if (auto manager = logManager.lock()) manager->sendEventLog(event.toEventLog());
         });
     client->CONNECTION_TIME_OUT = kSnaHopTimeOut;
     {

@@ -72,13 +72,9 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   void sendOutcomeEvent(const char* eventName, const std::optional<std::string>& requestId, bool snaType,
                         const char* status, const std::optional<std::string>& failureReason, nlohmann::json metaData);
   void sendStartEvent(const char* eventName, const std::optional<std::string>& requestId, bool snaType);
-  /// Hands an event to the telemetry queue, which sends every event of this manager in order.
-  void send(std::shared_ptr<ZavloAuthEventLog> event);
 
   ZavloPlatform& platform_;
   std::shared_ptr<ZavloAuthLogManager> logManager_;
-  // Events are encoded and sent here, not on the main queue that runs the chains.
-  std::shared_ptr<ZavloQueue> telemetry_;
   std::shared_ptr<ZavloCellularPathChecker> pathChecker_;
 
   std::mutex observerMutex_;
