@@ -19,6 +19,27 @@ bool startsWith(std::string_view text, std::string_view prefix) { return text.su
 // same texts but copies and escapes them on the way.
 bool isValidUtf8(std::string_view text) { return ZavloAuthValidationUtils::isWellFormedUtf8(text); }
 
+// Dotted-quad text as an address parser reads it: four decimal numbers up to 255, without
+// leading zeros.
+bool isIpv4Literal(std::string_view host) {
+  int parts = 0;
+  while (parts < 4) {
+    std::size_t digits = 0;
+    unsigned value = 0;
+    while (digits < host.size() && host[digits] >= '0' && host[digits] <= '9') {
+      value = value * 10 + static_cast<unsigned>(host[digits] - '0');
+      if (++digits > 3 || value > 255) return false;
+    }
+    if (digits == 0 || (digits > 1 && host[0] == '0')) return false;
+    host.remove_prefix(digits);
+    if (++parts < 4) {
+      if (host.empty() || host[0] != '.') return false;
+      host.remove_prefix(1);
+    }
+  }
+  return host.empty();
+}
+
 std::string bodyText(const std::optional<std::string>& body) {
   return body && isValidUtf8(*body) ? *body : std::string();
 }
@@ -32,14 +53,14 @@ std::shared_ptr<ZavloCellularSnaClient> ZavloCellularSnaClient::create(ZavloPlat
 ZavloCellularSnaClient::ZavloCellularSnaClient(ZavloPlatform& platform, EventSink sendEvent)
     : platform_(platform), sendEvent_(std::move(sendEvent)) {}
 
-ZavloCellularSnaClient::ResponseHandler ZavloCellularSnaClient::checkResponseHandler() const {
+std::shared_ptr<const ZavloCellularSnaClient::ResponseHandler> ZavloCellularSnaClient::checkResponseHandler() const {
   std::lock_guard lock(accessQueue_);
   return checkResponseHandler_;
 }
 
 void ZavloCellularSnaClient::setCheckResponseHandler(ResponseHandler handler) {
   std::lock_guard lock(accessQueue_);
-  checkResponseHandler_ = std::move(handler);
+  checkResponseHandler_ = handler ? std::make_shared<const ResponseHandler>(std::move(handler)) : nullptr;
 }
 
 void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion) {
@@ -51,7 +72,7 @@ void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string
   setCheckResponseHandler(makeResponseHandler(std::move(completion)));
   platform_.mainQueue().post([self = shared_from_this(), url] {
     self->createTimer();
-    if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(url, handler);
+    if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(url, std::move(handler));
   });
 }
 
@@ -83,7 +104,8 @@ ZavloCellularSnaClient::ResponseHandler ZavloCellularSnaClient::makeResponseHand
         return;
       }
       self->createTimer();
-      if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(*redirect->url, handler);
+      if (auto handler = self->checkResponseHandler())
+        self->activateConnectionForDataFetch(*redirect->url, std::move(handler));
     }
   };
 }
@@ -92,30 +114,35 @@ void ZavloCellularSnaClient::deliver(const ResponseHandler& completion, ZavloCon
   if (completion) completion(std::move(result));
 }
 
-void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion) {
+void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
+                                                            std::shared_ptr<const ResponseHandler> completion) {
   if (connection_) {
     connection_->cancel();
     connection_.reset();
   }
   if (url.scheme().empty() || url.host().empty()) {
-    return deliver(completion, ZavloNetworkError::other("URL has no Host or Scheme"));
+    return deliver(*completion, ZavloNetworkError::other("URL has no Host or Scheme"));
   }
   const auto command = Http1::createHttpCommand(url);
   if (!command || !isValidUtf8(*command)) {
-    return deliver(completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
+    return deliver(*completion, ZavloNetworkError::other("Unable to create HTTP Request command"));
   }
   std::optional<std::int64_t> port;
   if (url.port()) port = *url.port();
   auto hop = std::make_shared<const Hop>(
-      Hop{url, std::vector<std::uint8_t>(command->begin(), command->end()), completion, port});
+      Hop{url, std::vector<std::uint8_t>(command->begin(), command->end()), std::move(completion), port});
   hopStarted_ = std::chrono::steady_clock::now();
   connectTime_.reset();
   requestSent_.reset();
-  if (!createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::v6)) {
-    return deliver(completion,
+  // An IPv4 address has no IPv6 try to make: the first connection may use either version.
+  const bool tryIpv6First = !isIpv4Literal(url.host());
+  if (!createConnection(
+          url.scheme(), url.host(), port,
+          tryIpv6First ? ZavloConnectionParameters::IpVersion::v6 : ZavloConnectionParameters::IpVersion::any)) {
+    return deliver(*hop->completion,
                    ZavloNetworkError::connectionCantBeCreated("Problem creating a connection " + url.absoluteString()));
   }
-  connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), true));
+  connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), tryIpv6First));
   connection_->start(platform_.mainQueue());
 }
 
@@ -133,8 +160,8 @@ void ZavloCellularSnaClient::fallBackFromIpv6(const std::shared_ptr<const Hop>& 
   auto retry =
       createConnection(hop->url.scheme(), hop->url.host(), hop->port, ZavloConnectionParameters::IpVersion::any);
   if (!retry) {
-    return deliver(hop->completion, ZavloNetworkError::connectionCantBeCreated(
-                                        "Problem creating IPv4 fallback connection " + hop->url.absoluteString()));
+    return deliver(*hop->completion, ZavloNetworkError::connectionCantBeCreated(
+                                         "Problem creating IPv4 fallback connection " + hop->url.absoluteString()));
   }
   retry->setStateUpdateHandler(createConnectionUpdateHandler(hop, false));
   retry->start(platform_.mainQueue());
@@ -183,8 +210,8 @@ ZavloConnection::StateHandler ZavloCellularSnaClient::createConnectionUpdateHand
       case ZavloConnection::State::failed:
         if (ipv6Fallback) {
           if (const auto self = weak.lock()) self->fallBackFromIpv6(hop);
-        } else if (hop->completion) {
-          hop->completion(ZavloNetworkError::other(
+        } else if (*hop->completion) {
+          (*hop->completion)(ZavloNetworkError::other(
               "Connection failed: " + (error ? error->localizedDescription : std::string("unknown error"))));
         }
         return;
@@ -197,7 +224,7 @@ void ZavloCellularSnaClient::sendAndReceiveWithBody(const std::shared_ptr<const 
   std::weak_ptr<ZavloCellularSnaClient> weak = weak_from_this();
   connection_->send(hop->request, [weak, hop](const std::optional<ZavloConnectionError>& error) {
     if (error) {
-      if (hop->completion) hop->completion(ZavloNetworkError::other(error->localizedDescription));
+      if (*hop->completion) (*hop->completion)(ZavloNetworkError::other(error->localizedDescription));
     } else if (const auto self = weak.lock()) {
       self->requestSent_ = std::chrono::steady_clock::now();
     }
@@ -207,7 +234,8 @@ void ZavloCellularSnaClient::sendAndReceiveWithBody(const std::shared_ptr<const 
   connection_->receive(1, kMaximumResponseLength,
                        [weak, hop](const std::vector<std::uint8_t>& received, bool /*isComplete*/,
                                    const std::optional<ZavloConnectionError>& error) {
-                         if (auto self = weak.lock()) self->processResponse(hop->url, received, error, hop->completion);
+                         if (auto self = weak.lock())
+                           self->processResponse(hop->url, received, error, *hop->completion);
                        });
 }
 
@@ -225,7 +253,7 @@ void ZavloCellularSnaClient::fireTimer() {
     timer_.reset();
   }
   if (auto handler = checkResponseHandler()) {
-    handler(ZavloNetworkError::connectionCantBeCreated("Connection cancelled - time out"));
+    (*handler)(ZavloNetworkError::connectionCantBeCreated("Connection cancelled - time out"));
   }
 }
 
@@ -244,14 +272,19 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
                                           std::int64_t httpCode, const std::string& responseBody,
                                           const std::optional<std::string>& failure) {
   if (!sendEvent_) return;
+  sendEvent_(HopEvent{requestId_, requestUrl.absoluteString(), responseUrl, httpCode, responseBody, failure,
+                      std::chrono::system_clock::now()});
+}
+
+std::shared_ptr<ZavloAuthEventLog> ZavloCellularSnaClient::HopEvent::toEventLog() const {
   auto event = std::make_shared<ZavloAuthEventLog>();
-  event->requestId = requestId_;
+  event->timestamp = ZavloAuthEventLog::makeTimestamp(at);
+  event->requestId = requestId;
   event->authProvider = "NATIVE_SNA";
   event->eventName = "SNA_HOP";
-  // Key by key: an initialiser list would build and copy a two-element array per entry,
-  // on every hop.
+  // Key by key: an initialiser list would build and copy a two-element array per entry.
   nlohmann::json metaData(nlohmann::json::value_t::object);
-  metaData["requestUrl"] = requestUrl.absoluteString();
+  metaData["requestUrl"] = requestUrl;
   metaData["responseUrl"] = responseUrl;
   metaData["httpCode"] = httpCode;
   metaData["requestBody"] = "";
@@ -263,7 +296,7 @@ void ZavloCellularSnaClient::sendHopEvent(const ZavloUrl& requestUrl, const std:
   }
   metaData["sdkVersion"] = ZavloAuthSDKVersion;
   event->metaData = std::move(metaData);
-  sendEvent_(std::move(event));
+  return event;
 }
 
 void ZavloCellularSnaClient::traceHop(const ZavloUrl& url, std::int64_t status, std::optional<std::string> redirect,

@@ -25,8 +25,21 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
  public:
   using Completion = std::function<void(ZavloChainOutcome)>;
   using ResponseHandler = std::function<void(ZavloConnectionResult)>;
-  /// Where the per-hop telemetry events go (fire and forget).
-  using EventSink = std::function<void(std::shared_ptr<ZavloAuthEventLog>)>;
+  /// What one hop reports to telemetry, as the hop saw it: the event log is built from it
+  /// by whoever sends it (toEventLog()), off the queue that runs the chain.
+  struct HopEvent {
+    std::optional<std::string> requestId;
+    std::string requestUrl;
+    std::string responseUrl;
+    std::int64_t httpCode = 0;
+    std::string responseBody;
+    std::optional<std::string> failure;
+    std::chrono::system_clock::time_point at;
+    /// The "SNA_HOP" event of the native provider, stamped with `at`.
+    [[nodiscard]] std::shared_ptr<ZavloAuthEventLog> toEventLog() const;
+  };
+  /// Where the per-hop telemetry goes (fire and forget), on the main queue: hand it over.
+  using EventSink = std::function<void(HopEvent)>;
 
   static std::shared_ptr<ZavloCellularSnaClient> create(ZavloPlatform& platform, EventSink sendEvent);
 
@@ -63,7 +76,7 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   // The steps of one hop, in the order they run.
   /// Opens the connection for one hop and, once ready, sends the request.
-  void activateConnectionForDataFetch(const ZavloUrl& url, const ResponseHandler& completion);
+  void activateConnectionForDataFetch(const ZavloUrl& url, std::shared_ptr<const ResponseHandler> completion);
   /// A cellular-only connection, stored as the current one; null for an empty host or a
   /// scheme that does not begin with "http" as written (so "HTTPS" makes none).
   std::shared_ptr<ZavloConnection> createConnection(const std::string& scheme, const std::string& host,
@@ -73,7 +86,7 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   struct Hop {
     ZavloUrl url;
     std::vector<std::uint8_t> request;
-    ResponseHandler completion;
+    std::shared_ptr<const ResponseHandler> completion;  // never null
     std::optional<std::int64_t> port;
   };
   /// ipv6Fallback: a failure starts the second try (any IP version) instead of ending the hop.
@@ -85,7 +98,8 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   void fireTimer();
   void cleanUp();
 
-  [[nodiscard]] ResponseHandler checkResponseHandler() const;
+  /// Shared, not copied: every hop holds it.
+  [[nodiscard]] std::shared_ptr<const ResponseHandler> checkResponseHandler() const;
   void setCheckResponseHandler(ResponseHandler handler);
   ResponseHandler makeResponseHandler(Completion completion);
   void sendHopEvent(const ZavloUrl& requestUrl, const std::string& responseUrl, std::int64_t httpCode,
@@ -100,8 +114,8 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
   std::shared_ptr<ZavloTimer> timer_;
   std::optional<std::string> requestId_;
   mutable std::mutex accessQueue_;  // "com.zavlo.cellular.sna.manager": guards the handler only
-  ResponseHandler checkResponseHandler_;
-  bool finished_ = false;  // the completion has been called; main queue only
+  std::shared_ptr<const ResponseHandler> checkResponseHandler_;  // null, or holding a handler
+  bool finished_ = false;                                        // the completion has been called; main queue only
   std::chrono::steady_clock::time_point hopStarted_;
   std::optional<std::chrono::microseconds> connectTime_;
   std::optional<std::chrono::steady_clock::time_point> requestSent_;

@@ -15,24 +15,32 @@ bool startsWith(std::string_view text, std::string_view prefix) { return text.su
 std::optional<std::string> ZavloHttp1Codec::createHttpCommand(const ZavloUrl& url) {
   if (url.host().empty() || url.scheme().empty()) return std::nullopt;
   if (!url.decodedPath()) return std::nullopt;
-  std::string path = *url.decodedPath();
+  std::string_view path = *url.decodedPath();
   const auto& absolute = url.absoluteString();
-  if (!absolute.empty() && absolute.back() == '/' && (path.empty() || path.back() != '/')) path += '/';
+  const std::string_view slash =
+      !absolute.empty() && absolute.back() == '/' && !path.empty() && path.back() != '/' ? "/" : "";
   if (path.empty()) path = "/";
 
-  std::string command = "GET " + path;
-  if (url.query()) command += "?" + *url.query();
-  command += " HTTP/1.1\r\nHost: " + url.host();
+  constexpr std::string_view kHeaders =
+      "\r\nAccept: text/html,application/json,application/xhtml+xml,application/xml,*/*"
+      "\r\nUser-Agent: ZavloAuthenticationSDK/1.0"
+      "\r\nConnection: close\r\n\r\n";
+  const auto& query = url.query();
+  // Built in one allocation: the longest port is six characters with its colon.
+  std::string command;
+  command.reserve(4 + path.size() + slash.size() + (query ? query->size() + 1 : 0) + 17 + url.host().size() + 6 +
+                  kHeaders.size());
+  command.append("GET ").append(path).append(slash);
+  if (query) command.append("?").append(*query);
+  command.append(" HTTP/1.1\r\nHost: ").append(url.host());
   const auto& scheme = url.scheme();
   // An https URL naming port 443 fails the first test and passes the second, so it keeps
   // ":443"; intended.
   const auto port = url.port();
   if (port && ((startsWith(scheme, "https") && *port != 443) || (startsWith(scheme, "http") && *port != 80))) {
-    command += ":" + std::to_string(*port);
+    command.append(":").append(std::to_string(*port));
   }
-  command += "\r\nAccept: text/html,application/json,application/xhtml+xml,application/xml,*/*";
-  command += "\r\nUser-Agent: ZavloAuthenticationSDK/1.0";
-  command += "\r\nConnection: close\r\n\r\n";
+  command.append(kHeaders);
   return command;
 }
 

@@ -54,6 +54,35 @@ bool namesHost(std::string_view hierarchy) {
   return authority.find(':') != 0 && !authority.empty();
 }
 
+// A reference libcurl resolves by putting it after the base's authority, unchanged: an
+// absolute path, then maybe a query, of characters it neither escapes nor decodes, with no
+// dot segment to remove, no fragment and no empty query.
+bool isPlainAbsolutePath(std::string_view reference) {
+  if (reference.size() < 1 || reference[0] != '/' || reference.starts_with("//")) return false;
+  const auto queryAt = reference.find('?');
+  if (queryAt + 1 == reference.size()) return false;
+  for (const char c : reference) {
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0 &&
+        std::string_view("-._~!$&'()*+,;=:@/?").find(c) == std::string_view::npos) {
+      return false;
+    }
+  }
+  const auto path = reference.substr(0, queryAt);
+  return path.find("/./") == std::string_view::npos && path.find("/../") == std::string_view::npos &&
+         !path.ends_with("/.") && !path.ends_with("/..");
+}
+
+// "://host:port" of libcurl's text of a URL, or nothing.
+std::string originOf(CURLU* handle) {
+  const auto text = part(handle, CURLUPART_URL);
+  if (!text) return {};
+  const auto start = text->find("://");
+  if (start == std::string::npos) return {};
+  const auto pathStart = text->find('/', start + 3);
+  if (pathStart == std::string::npos) return {};
+  return text->substr(start, pathStart - start);
+}
+
 }  // namespace
 
 ZavloUrl ZavloUrl::fromHandle(void* opaque, std::string absolute) {
@@ -105,6 +134,28 @@ std::optional<ZavloUrl> ZavloUrl::resolve(const ZavloUrl& base, std::string_view
   if (input.find('\0') != std::string::npos) return std::nullopt;
   if (schemeOf(input)) return parse(input);  // RFC 3986, 5.2.2: the reference is the target
   if (base.scheme_.empty()) return std::nullopt;
+  if (!base.host_.empty() && (base.origin_ || base.parsed_) && isPlainAbsolutePath(input)) {
+    auto origin = base.origin_;
+    if (!origin) {
+      if (auto found = originOf(static_cast<CURLU*>(base.parsed_.get())); !found.empty()) {
+        origin = std::make_shared<const std::string>(std::move(found));
+      }
+    }
+    if (origin) {
+      ZavloUrl url;
+      url.absolute_.reserve(base.scheme_.size() + origin->size() + input.size());
+      url.absolute_.append(base.scheme_).append(*origin).append(input);
+      url.scheme_ = base.scheme_;
+      url.host_ = base.host_;
+      url.port_ = base.port_;
+      const auto queryAt = input.find('?');
+      url.encodedPath_ = input.substr(0, queryAt);
+      url.decodedPath_ = url.encodedPath_;  // nothing escaped
+      if (queryAt != std::string::npos) url.query_ = input.substr(queryAt + 1);
+      url.origin_ = std::move(origin);
+      return url;
+    }
+  }
   UrlHandle handle(base.parsed_ ? curl_url_dup(static_cast<CURLU*>(base.parsed_.get())) : curl_url());
   if (!handle) return std::nullopt;
   if (!base.parsed_ && curl_url_set(handle.get(), CURLUPART_URL, base.absolute_.c_str(), kParseFlags) != CURLUE_OK) {

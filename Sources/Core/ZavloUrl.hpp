@@ -46,6 +46,10 @@ class ZavloUrl {
   /// resolving against it skips that parse (a chain resolves every hop's redirect against
   /// the URL the one before gave); null when unknown. Shared by copies, never changed.
   std::shared_ptr<void> parsed_;
+  /// What libcurl writes between the scheme and the path of this URL ("://host:port"),
+  /// when known: a plain absolute path is then resolved by joining texts.
+  /// Shared by the URLs resolved from it: copying a URL allocates no more for it.
+  std::shared_ptr<const std::string> origin_;
 
   std::string absolute_;
   std::string scheme_;

@@ -176,10 +176,13 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
     if (completion) completion(zavloFailure(std::move(exception)));
   };
   auto onSuccess = [self = shared_from_this(), requestId, completion, url = std::move(*url)] {
+    // Built and sent here, on the main queue, so that the collector gets every event of a
+    // session in order and before the session's completion returns.
     std::weak_ptr<ZavloAuthLogManager> logManager = self->logManager_;
-    auto client = ZavloCellularSnaClient::create(self->platform_, [logManager](auto event) {
-      if (auto manager = logManager.lock()) manager->sendEventLog(std::move(event));
-    });
+    auto client =
+        ZavloCellularSnaClient::create(self->platform_, [logManager](const ZavloCellularSnaClient::HopEvent& event) {
+          if (auto manager = logManager.lock()) manager->sendEventLog(event.toEventLog());
+        });
     client->CONNECTION_TIME_OUT = kSnaHopTimeOut;
     {
       std::lock_guard lock(self->observerMutex_);

@@ -104,16 +104,34 @@ std::string ZavloAuthEventLog::makeTransactionId() {
   return zavloRandomUuidText(bytes);
 }
 
-std::string ZavloAuthEventLog::makeTimestamp() {
+std::string ZavloAuthEventLog::makeTimestamp() { return makeTimestamp(std::chrono::system_clock::now()); }
+
+std::string ZavloAuthEventLog::makeTimestamp(std::chrono::system_clock::time_point at) {
   using namespace std::chrono;
-  const auto now = floor<seconds>(system_clock::now());
+  const auto now = floor<seconds>(at);
   const auto day = floor<days>(now);
   const year_month_day date{day};
   const hh_mm_ss time{now - day};
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02ld:%02ld:%02ldZ", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                static_cast<long>(time.hours().count()), static_cast<long>(time.minutes().count()),
-                static_cast<long>(time.seconds().count()));
-  return text.data();
+  const int year = static_cast<int>(date.year());
+  if (year < 0 || year > 9999) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02ld:%02ld:%02ldZ", year,
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<long>(time.hours().count()), static_cast<long>(time.minutes().count()),
+                  static_cast<long>(time.seconds().count()));
+    return text.data();
+  }
+  // Digit by digit: every event is stamped, and formatted printing costs many times more.
+  std::string text = "0000-00-00T00:00:00Z";
+  const auto put = [&text](std::size_t at, long value, int digits) {
+    for (auto i = static_cast<std::size_t>(digits); i-- > 0; value /= 10)
+      text[at + i] = static_cast<char>('0' + value % 10);
+  };
+  put(0, year, 4);
+  put(5, static_cast<unsigned>(date.month()), 2);
+  put(8, static_cast<unsigned>(date.day()), 2);
+  put(11, static_cast<long>(time.hours().count()), 2);
+  put(14, static_cast<long>(time.minutes().count()), 2);
+  put(17, static_cast<long>(time.seconds().count()), 2);
+  return text;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,6 +56,8 @@ class ZavloAuthEventLog {
   static std::string makeTransactionId();
   /// The current time as internet date-time in UTC to whole seconds, e.g. 2024-05-01T09:30:00Z.
   static std::string makeTimestamp();
+  /// The same for a given time.
+  static std::string makeTimestamp(std::chrono::system_clock::time_point at);
 
  private:
   explicit ZavloAuthEventLog(std::string txnid);

@@ -23,5 +23,5 @@ using ZavloLibraryChainRunner = std::function<bool(const std::string& url)>;
 ///
 /// The runner owns one Linux platform (its run loop, I/O thread and TLS context cache live as
 /// long as the runner), and drives a fresh ZavloCellularSnaClient per chain on that platform's
-/// run loop, on the calling thread. Hop events are built and handed to a sink that drops them.
+/// run loop, on the calling thread. Hop events are handed to a sink that drops them.
 ZavloLibraryChainRunner zavloMakeLibraryChainRunner(const ZavloLibraryChainContext& context);

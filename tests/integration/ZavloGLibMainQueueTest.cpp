@@ -157,7 +157,7 @@ TEST(ZavloGLibMainQueue, TheLinuxPlatformDeliversASilentAuthenticationOnTheConte
   ZavloChainServer chain(serverOptions);
   std::vector<nlohmann::json> completions;
   bool onQueue = false;
-  auto client = ZavloCellularSnaClient::create(platform, [](std::shared_ptr<ZavloAuthEventLog>) {});
+  auto client = ZavloCellularSnaClient::create(platform, [](const ZavloCellularSnaClient::HopEvent&) {});
   client->open(*ZavloUrl::parse(chain.chainUrl(3)), "req-glib", [&](const ZavloChainOutcome& outcome) {
     onQueue = queue->isCurrent();
     completions.push_back(ZavloChainDictionary::of(outcome));

@@ -48,8 +48,9 @@ inline ZavloSnaChainOutcome zavloRunSnaChain(ZavloLinuxPlatform& platform, const
   const auto parsed = ZavloUrl::parse(url);
   outcome->urlParsed = parsed.has_value();
   if (!parsed) return *outcome;
-  auto client = ZavloCellularSnaClient::create(
-      platform, [outcome](std::shared_ptr<ZavloAuthEventLog> event) { outcome->hops.push_back(std::move(event)); });
+  auto client = ZavloCellularSnaClient::create(platform, [outcome](const ZavloCellularSnaClient::HopEvent& event) {
+    outcome->hops.push_back(event.toEventLog());
+  });
   client->CONNECTION_TIME_OUT = timeOut;
   const auto started = Clock::now();
   client->open(*parsed, "req-chain", [outcome, &platform, started](const ZavloChainOutcome& ending) {

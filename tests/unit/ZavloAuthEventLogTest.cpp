@@ -28,6 +28,19 @@ TEST(ZavloAuthEventLog, TransactionIdsAreUniqueUpperCaseVersion4Uuids) {
   EXPECT_EQ(seen.size(), 2000U);
 }
 
+TEST(ZavloAuthEventLog, TimestampOfAGivenTime) {
+  using namespace std::chrono;
+  const std::vector<std::pair<sys_seconds, const char*>> rows = {
+      {sys_days{1970y / 1 / 1}, "1970-01-01T00:00:00Z"},
+      {sys_days{2024y / 5 / 1} + 9h + 30min, "2024-05-01T09:30:00Z"},
+      {sys_days{2000y / 2 / 29} + 23h + 59min + 59s, "2000-02-29T23:59:59Z"},
+      {sys_days{1999y / 12 / 31} + 10h + 1min + 2s, "1999-12-31T10:01:02Z"},
+  };
+  for (const auto& [at, text] : rows) {
+    EXPECT_EQ(ZavloAuthEventLog::makeTimestamp(at + 999ms), text);  // to whole seconds
+  }
+}
+
 TEST(ZavloAuthEventLog, TimestampIsUtcInternetDateTimeToWholeSeconds) {
   const auto timestamp = ZavloAuthEventLog::makeTimestamp();
   ASSERT_EQ(timestamp.size(), 20U) << timestamp;

@@ -34,6 +34,7 @@ TEST(ZavloHttp1Codec, RequestTextByteForByte) {
       {"http://h:80/x", "GET /x HTTP/1.1\r\nHost: h"},
       {"http://h", "GET / HTTP/1.1\r\nHost: h"},
       {"http://h/dir/", "GET /dir/ HTTP/1.1\r\nHost: h"},
+      {"http://h/a?b=/", "GET /a/?b=/ HTTP/1.1\r\nHost: h"},             // a URL ending in "/" gives its path one
       {"http://h/a%20b?x=%20y", "GET /a b?x=%20y HTTP/1.1\r\nHost: h"},  // path decoded, query as written
       {"http://[::1]:8080/v6", "GET /v6 HTTP/1.1\r\nHost: ::1:8080"},
   };
@@ -178,6 +179,51 @@ TEST(ZavloUrl, AResolvedUrlResolvesAsItsTextWould) {
   }
 }
 
+// A reference that is a plain absolute path (a chain's usual Location) is resolved without
+// libcurl: it must give what libcurl gives, parts and text, also against a URL that was
+// itself resolved that way.
+TEST(ZavloUrl, APlainPathResolvesAsLibcurlWould) {
+  struct Row {
+    const char* base;
+    const char* reference;
+    const char* absolute;
+    const char* host;
+    std::optional<std::uint16_t> port;
+    const char* path;
+    std::optional<std::string> query;
+  };
+  const std::vector<Row> rows = {
+      {"http://127.0.0.1:8080/chain/4/sna", "/chain/3/sna", "http://127.0.0.1:8080/chain/3/sna", "127.0.0.1", 8080,
+       "/chain/3/sna", std::nullopt},
+      {"HTTP://Op.Test/a?b#c", "/x?y=1&z=/?", "HTTP://Op.Test/x?y=1&z=/?", "Op.Test", std::nullopt, "/x", "y=1&z=/?"},
+      {"https://user:pw@op.test:443/a", "/b", "https://user:pw@op.test:443/b", "op.test", 443, "/b", std::nullopt},
+      {"http://op.test:0080/a", "/b", "http://op.test:80/b", "op.test", 80, "/b", std::nullopt},
+      {"http://[::1]:81", "/v6", "http://[::1]:81/v6", "::1", 81, "/v6", std::nullopt},
+      {"http://h/a", "/a//b/", "http://h/a//b/", "h", std::nullopt, "/a//b/", std::nullopt},
+      {"http://h/a", "/p/./q/../r", "http://h/p/r", "h", std::nullopt, "/p/r", std::nullopt},
+      {"http://h/a", "/p?", "http://h/p", "h", std::nullopt, "/p", ""},
+      {"http://h/a", "/p#f", "http://h/p#f", "h", std::nullopt, "/p", std::nullopt},
+      {"http://h/a", "/%41", "http://h/%41", "h", std::nullopt, "/%41", std::nullopt},
+      {"http://h/a", "/a:b@c!$'()*+,;=~", "http://h/a:b@c!$'()*+,;=~", "h", std::nullopt, "/a:b@c!$'()*+,;=~",
+       std::nullopt},
+  };
+  for (const auto& row : rows) {
+    // Twice: against the parsed base, then against what the first resolution gave.
+    auto base = url(row.base);
+    for (int round = 0; round < 2; ++round) {
+      const auto resolved = ZavloUrl::resolve(base, row.reference);
+      ASSERT_TRUE(resolved) << row.base << " + " << row.reference;
+      EXPECT_EQ(resolved->absoluteString(), row.absolute) << row.base << " + " << row.reference;
+      EXPECT_EQ(resolved->scheme(), base.scheme()) << row.reference;
+      EXPECT_EQ(resolved->host(), row.host) << row.reference;
+      EXPECT_EQ(resolved->port(), row.port) << row.reference;
+      EXPECT_EQ(resolved->encodedPath(), row.path) << row.reference;
+      EXPECT_EQ(resolved->query(), row.query) << row.reference;
+      base = *resolved;
+    }
+  }
+}
+
 TEST(ZavloChainDictionary, ErrorWordsOrTheStatusWithTheBodysMembers) {
   const std::vector<std::pair<ZavloChainOutcome, json>> rows = {
       {ZavloNetworkError::connectionCantBeCreated("t"),
@@ -207,7 +253,8 @@ struct Judged {
 Judged judge(const char* requestUrl, std::string response, const std::optional<ZavloConnectionError>& error = {}) {
   ZavloTestPlatform platform;
   Judged judged;
-  auto client = Client::create(platform, [&](auto event) { judged.events.push_back(std::move(event)); });
+  auto client =
+      Client::create(platform, [&](const Client::HopEvent& event) { judged.events.push_back(event.toEventLog()); });
   client->processResponse(url(requestUrl), std::vector<std::uint8_t>(response.begin(), response.end()), error,
                           [&](ZavloConnectionResult result) { judged.results.push_back(std::move(result)); });
   return judged;

@@ -132,8 +132,14 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 
   void send(std::vector<std::uint8_t> content, SendCompletion completion) override {
     if (cancelled_) return;
+    if (ioCanTakeAtOnce() && !sending_) {
+      sends_.push_back({std::move(content), std::move(completion)});
+      return pumpSends();
+    }
+    ++postedIo_;
     core_->post(
         [self = shared_from_this(), content = std::move(content), completion = std::move(completion)]() mutable {
+          --self->postedIo_;
           self->sends_.push_back({std::move(content), std::move(completion)});
           self->pumpSends();
         });
@@ -141,11 +147,27 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
 
   void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength, ReceiveCompletion completion) override {
     if (cancelled_) return;
+    if (ioCanTakeAtOnce() && !receiving_ && receives_.empty() && !peerFinished_ && !deferredFailure_ &&
+        maximumLength > 0) {
+      receives_.push_back({minimumIncompleteLength, maximumLength, std::move(completion)});
+      return pumpReceives();
+    }
+    ++postedIo_;
     core_->post([self = shared_from_this(), minimumIncompleteLength, maximumLength,
                  completion = std::move(completion)]() mutable {
+      --self->postedIo_;
       self->receives_.push_back({minimumIncompleteLength, maximumLength, std::move(completion)});
       self->pumpReceives();
     });
+  }
+
+  // Whether a send or receive asked for now may start its I/O in the caller's call: on a run
+  // loop that is the I/O thread, with the stream ready, a post would only add a turn of the
+  // loop. Asio never completes an operation inside the call that starts it, so the caller
+  // still hears of it later; the callers above exclude what would complete at once.
+  bool ioCanTakeAtOnce() const {
+    return core_->loop != nullptr && !core_->stopped && core_->loop->isCurrent() && phase_ == Phase::ready &&
+           postedIo_ == 0;  // and none asked for earlier still waits to be queued
   }
 
   // I/O thread: the service stops; the socket closes and the connection reports no more.
@@ -453,7 +475,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   // Connects to endpoints_ from index first on, skipping families without a usable
   // interface: one after another, or raced with the families interleaved.
   void connectTo(std::size_t first) {
-    if (racesAttempts()) {
+    if (racesAttempts() && first + 1 < endpoints_.size()) {  // one endpoint has no order to change
       const auto rest =
           first < endpoints_.size() ? endpoints_.begin() + static_cast<std::ptrdiff_t>(first) : endpoints_.end();
       const auto ordered =
@@ -807,6 +829,7 @@ class ZavloLinuxConnection final : public ZavloConnection, public std::enable_sh
   std::atomic<bool> cancelled_{false};
   ZavloQueue* queue_ = nullptr;             // set once by start(), before any I/O work is posted
   std::atomic<unsigned> queuedReports_{0};  // reports posted to the queue and not yet run
+  std::atomic<unsigned> postedIo_{0};       // sends and receives posted to the I/O thread and not yet run
 
   // I/O thread only.
   Phase phase_ = Phase::idle;
