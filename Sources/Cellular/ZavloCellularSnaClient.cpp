@@ -19,27 +19,6 @@ bool startsWith(std::string_view text, std::string_view prefix) { return text.su
 // same texts but copies and escapes them on the way.
 bool isValidUtf8(std::string_view text) { return ZavloAuthValidationUtils::isWellFormedUtf8(text); }
 
-// Dotted-quad text as an address parser reads it: four decimal numbers up to 255, without
-// leading zeros.
-bool isIpv4Literal(std::string_view host) {
-  int parts = 0;
-  while (parts < 4) {
-    std::size_t digits = 0;
-    unsigned value = 0;
-    while (digits < host.size() && host[digits] >= '0' && host[digits] <= '9') {
-      value = value * 10 + static_cast<unsigned>(host[digits] - '0');
-      if (++digits > 3 || value > 255) return false;
-    }
-    if (digits == 0 || (digits > 1 && host[0] == '0')) return false;
-    host.remove_prefix(digits);
-    if (++parts < 4) {
-      if (host.empty() || host[0] != '.') return false;
-      host.remove_prefix(1);
-    }
-  }
-  return host.empty();
-}
-
 std::string bodyText(const std::optional<std::string>& body) {
   return body && isValidUtf8(*body) ? *body : std::string();
 }
@@ -134,15 +113,11 @@ void ZavloCellularSnaClient::activateConnectionForDataFetch(const ZavloUrl& url,
   hopStarted_ = std::chrono::steady_clock::now();
   connectTime_.reset();
   requestSent_.reset();
-  // An IPv4 address has no IPv6 try to make: the first connection may use either version.
-  const bool tryIpv6First = !isIpv4Literal(url.host());
-  if (!createConnection(
-          url.scheme(), url.host(), port,
-          tryIpv6First ? ZavloConnectionParameters::IpVersion::v6 : ZavloConnectionParameters::IpVersion::any)) {
+  if (!createConnection(url.scheme(), url.host(), port, ZavloConnectionParameters::IpVersion::v6)) {
     return deliver(*hop->completion,
                    ZavloNetworkError::connectionCantBeCreated("Problem creating a connection " + url.absoluteString()));
   }
-  connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), tryIpv6First));
+  connection_->setStateUpdateHandler(createConnectionUpdateHandler(std::move(hop), true));
   connection_->start(platform_.mainQueue());
 }
 

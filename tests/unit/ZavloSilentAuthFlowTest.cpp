@@ -187,33 +187,6 @@ TEST_F(ZavloSilentAuthFlow, FallsBackOnceFromIPv6ToAnyVersion) {
   EXPECT_EQ(connections.count(), 4U) << "one fallback per hop, no more";
 }
 
-// An IPv4 address cannot be reached over IPv6: its hop starts with the connection that may
-// use either version. A name, or text that only looks like an address, tries IPv6 first.
-TEST_F(ZavloSilentAuthFlow, AnIpv4AddressSkipsTheIpv6Try) {
-  const std::vector<std::pair<std::string, std::vector<IpVersion>>> rows = {
-      {"127.0.0.1", {IpVersion::any}},
-      {"255.255.255.255", {IpVersion::any}},
-      {"op.test", {IpVersion::v6, IpVersion::any}},
-      {"1.2.3.4.op.test", {IpVersion::v6, IpVersion::any}},
-      {"1.2.3.256", {IpVersion::v6, IpVersion::any}},
-      {"[::1]", {IpVersion::v6, IpVersion::any}},
-  };
-  auto& connections = graph.platform.connections();
-  for (const auto& [host, versions] : rows) {
-    const auto bare = host.front() == '[' ? host.substr(1, host.size() - 2) : host;
-    connections.script(bare, 80, Script::failing(refused()), IpVersion::v6);
-    connections.script(bare, 80, Script::answering("HTTP/1.1 200 OK\r\n\r\n{\"snaToken\":\"t\"}"), IpVersion::any);
-    const auto before = connections.count();
-    const auto done = start("http://" + host + "/");
-    ASSERT_EQ(done.results.size(), 1U) << host;
-    EXPECT_TRUE(done.results[0]) << host;
-    std::vector<IpVersion> made;
-    const auto all = connections.all();
-    for (auto i = before; i < all.size(); ++i) made.push_back(all[i]->parameters().ipVersion);
-    EXPECT_EQ(made, versions) << host;
-  }
-}
-
 TEST_F(ZavloSilentAuthFlow, EachHopIsBoundedByTheTimeOutAndLateResultsAreIgnored) {
   auto& connections = graph.platform.connections();
   connections.script("op.test", 80, Script::answering("HTTP/1.1 302 Found\r\nLocation: /slow\r\n\r\n"));
