@@ -37,9 +37,9 @@ ZavloLibraryChainRunner zavloMakeLibraryChainRunner(const ZavloLibraryChainConte
     const auto url = ZavloUrl::parse(text);
     if (!url) return false;
     if (byName) platform->forgetCellularNames();
-    // Every hop still hands its telemetry over; no one builds or sends it, as the flow's
-    // telemetry queue would, off this thread.
-    auto client = ZavloCellularSnaClient::create(*platform, [](const ZavloCellularSnaClient::HopEvent&) {});
+    // Every hop's event is built, as the flow builds it on this queue; no one sends it.
+    auto client = ZavloCellularSnaClient::create(
+        *platform, [](const ZavloCellularSnaClient::HopEvent& event) { static_cast<void>(event.toEventLog()); });
     client->CONNECTION_TIME_OUT = kHopTimeOut;
     // Shared: a chain given up on at the bound may still answer during a later run.
     auto answer = std::make_shared<std::optional<nlohmann::json>>();

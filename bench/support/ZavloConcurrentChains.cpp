@@ -52,7 +52,10 @@ ZavloConcurrentChainsOutcome zavloRunConcurrentChains(ZavloPlatform& platform,
   tally->outcome.peakResidentBytes = zavloResidentBytes();
   for (std::size_t chain = 0; chain < run.chains; ++chain) {
     auto client = ZavloCellularSnaClient::create(
-        platform, [tally](const ZavloCellularSnaClient::HopEvent&) { ++tally->outcome.hopEvents; });
+        // Each hop's event is built, as the flow builds it; no one sends it.
+        platform, [tally](const ZavloCellularSnaClient::HopEvent& event) {
+          if (event.toEventLog()) ++tally->outcome.hopEvents;
+        });
     client->CONNECTION_TIME_OUT = run.hopTimeOut;
     client->open(*url, "soak-" + std::to_string(chain), [tally, chain](const ZavloChainOutcome& ending) {
       auto& outcome = tally->outcome;
