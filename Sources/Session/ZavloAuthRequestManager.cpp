@@ -55,7 +55,10 @@ std::shared_ptr<ZavloAuthRequestManager> ZavloAuthRequestManager::create(
 ZavloAuthRequestManager::ZavloAuthRequestManager(ZavloPlatform& platform,
                                                  std::shared_ptr<ZavloAuthLogManager> logManager,
                                                  std::shared_ptr<ZavloCellularPathChecker> pathChecker)
-    : platform_(platform), logManager_(std::move(logManager)), pathChecker_(std::move(pathChecker)) {}
+    : platform_(platform),
+      logManager_(std::move(logManager)),
+      telemetry_(platform.makeSerialQueue("com.zavlo.auth.telemetry")),
+      pathChecker_(std::move(pathChecker)) {}
 
 ZavloAuthRequestManager::~ZavloAuthRequestManager() { clearSession(); }
 
@@ -85,7 +88,7 @@ void ZavloAuthRequestManager::sendStartEvent(const char* eventName, const std::o
   auto metaData = ZavloAuthEventLog::createDeviceMetadata(platform_.deviceInfo());
   metaData["sdkVersion"] = ZavloAuthSDKVersion;
   event->metaData = std::move(metaData);
-  logManager_->sendEventLog(event);
+  logManager_->sendEventLogOn(*telemetry_, [event = std::move(event)] { return event; });
 }
 
 void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std::optional<std::string>& requestId,
@@ -100,7 +103,7 @@ void ZavloAuthRequestManager::sendOutcomeEvent(const char* eventName, const std:
   event->status = status;
   event->failureReason = failureReason;
   event->metaData = std::move(metaData);
-  logManager_->sendEventLog(event);
+  logManager_->sendEventLogOn(*telemetry_, [event = std::move(event)] { return event; });
 }
 
 void ZavloAuthRequestManager::performCellularPreflightCheck(const std::optional<std::string>& /*requestId*/,
@@ -176,12 +179,15 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
     if (completion) completion(zavloFailure(std::move(exception)));
   };
   auto onSuccess = [self = shared_from_this(), requestId, completion, url = std::move(*url)] {
-    // Built and sent here, on the main queue, so that the collector gets every event of a
-    // session in order and before the session's completion returns.
+    // Handed over here and built on the telemetry queue with the session's other events, so
+    // that the collector gets them in order; the host's wait for pending events covers them
+    // from the moment they are handed over.
     std::weak_ptr<ZavloAuthLogManager> logManager = self->logManager_;
-    auto client =
-        ZavloCellularSnaClient::create(self->platform_, [logManager](const ZavloCellularSnaClient::HopEvent& event) {
-          if (auto manager = logManager.lock()) manager->sendEventLog(event.toEventLog());
+    auto client = ZavloCellularSnaClient::create(
+        self->platform_, [logManager, telemetry = self->telemetry_](ZavloCellularSnaClient::HopEvent event) {
+          if (auto manager = logManager.lock()) {
+            manager->sendEventLogOn(*telemetry, [event = std::move(event)] { return event.toEventLog(); });
+          }
         });
     client->CONNECTION_TIME_OUT = kSnaHopTimeOut;
     {

@@ -75,6 +75,9 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
 
   ZavloPlatform& platform_;
   std::shared_ptr<ZavloAuthLogManager> logManager_;
+  // Every event of this manager is built and sent here, in order: the main queue, which
+  // runs the chains, only hands them over.
+  const std::shared_ptr<ZavloQueue> telemetry_;
   std::shared_ptr<ZavloCellularPathChecker> pathChecker_;
 
   std::mutex observerMutex_;

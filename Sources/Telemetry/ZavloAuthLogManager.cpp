@@ -1,9 +1,10 @@
 #include "Telemetry/ZavloAuthLogManager.hpp"
 
+#include <algorithm>
 #include <exception>
 
-#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
 #include "Core/ZavloAuthVersion.hpp"
+#include "Telemetry/ZavloAuthEnvironmentSecurity.hpp"
 
 namespace {
 
@@ -116,6 +117,34 @@ void ZavloAuthLogManager::sendEventLog(const std::shared_ptr<ZavloAuthEventLog>&
   }
 }
 
+void ZavloAuthLogManager::sendEventLogOn(ZavloQueue& queue, std::function<std::shared_ptr<ZavloAuthEventLog>()> build) {
+  // Counted until the job has posted its event, or until a queue that drops it lets it go.
+  struct Counted {
+    explicit Counted(std::shared_ptr<HandedOver> handed) : handedOver(std::move(handed)) {
+      std::lock_guard lock(handedOver->mutex);
+      ++handedOver->count;
+    }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() {
+      std::lock_guard lock(handedOver->mutex);
+      if (--handedOver->count == 0) handedOver->none.notify_all();
+    }
+    std::shared_ptr<HandedOver> handedOver;
+  };
+  auto counted = std::make_shared<Counted>(handedOver_);
+  std::weak_ptr<ZavloAuthLogManager> weak = weak_from_this();
+  queue.post([weak = std::move(weak), build = std::move(build), counted = std::move(counted)] {
+    const auto self = weak.lock();
+    if (!self) return;
+    try {
+      self->sendEventLog(build());
+    } catch (...) {
+      // An event that cannot be built is lost; telemetry never fails an operation.
+    }
+  });
+}
+
 void ZavloAuthLogManager::cleanup() {
   std::shared_ptr<ZavloAuthHTTPManager> manager;
   {
@@ -135,6 +164,13 @@ void ZavloAuthLogManager::setObserver(Observer observer) {
 }
 
 bool ZavloAuthLogManager::waitForPendingEvents(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  {
+    std::unique_lock lock(handedOver_->mutex);
+    if (!handedOver_->none.wait_until(lock, deadline, [this] { return handedOver_->count == 0; })) return false;
+  }
+  timeout = std::max(std::chrono::milliseconds(0),
+                     std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()));
   std::shared_ptr<ZavloAuthHTTPManager> manager;
   {
     std::lock_guard lock(stateQueue_);

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -9,9 +11,10 @@
 #include <string_view>
 
 #include "Core/ZavloAuthEnvironment.hpp"
+#include "Core/ZavloResult.hpp"
+#include "Platform/ZavloQueue.hpp"
 #include "Telemetry/ZavloAuthEventLog.hpp"
 #include "Telemetry/ZavloAuthHTTPManager.hpp"
-#include "Core/ZavloResult.hpp"
 
 /// The telemetry sink: posts each event's dictionary form as JSON to the configured
 /// tracking endpoint through the HTTP manager, fire and forget. Until configure() (and
@@ -24,7 +27,7 @@
 /// across a call out, so the lock order log manager -> HTTP manager can never be reversed.
 /// A completion runs where the HTTP manager reports (at once on the caller's thread for a
 /// failure found before sending). The observer runs on the sending thread.
-class ZavloAuthLogManager {
+class ZavloAuthLogManager : public std::enable_shared_from_this<ZavloAuthLogManager> {
  public:
   using Completion = std::function<void(ZavloResult<ZavloVoid, ZavloAuthHttpError>)>;
   /// Told of every event as it is handed to the transport, with the URL it goes to.
@@ -54,6 +57,10 @@ class ZavloAuthLogManager {
   /// not configured") at once when nothing is configured. A null event is refused with
   /// encodingError at once.
   void sendEventLog(const std::shared_ptr<ZavloAuthEventLog>& eventLog, Completion completion = {});
+  /// Builds an event on queue and sends it from there, in the order handed over, so that the
+  /// caller's queue (the one running a chain) only hands it over. waitForPendingEvents counts
+  /// it from this call on; a job the queue drops unrun stops counting.
+  void sendEventLogOn(ZavloQueue& queue, std::function<std::shared_ptr<ZavloAuthEventLog>()> build);
   /// Shuts the transport down (the next post rebuilds it) and forgets the configuration;
   /// the environment stays as it was.
   void cleanup();
@@ -66,11 +73,18 @@ class ZavloAuthLogManager {
 
   /// Replaces the observer (an empty function removes it).
   void setObserver(Observer observer);
-  /// Waits until every event posted so far has been answered or has failed, or until the
-  /// timeout passes; true when nothing is left in flight.
+  /// Waits until every event handed over or posted so far has been answered or has failed,
+  /// or until the timeout passes; true when nothing is left in flight.
   bool waitForPendingEvents(std::chrono::milliseconds timeout);
 
  private:
+  // Events handed to a queue and not yet posted; shared with the jobs, which may outlive us.
+  struct HandedOver {
+    std::mutex mutex;
+    std::condition_variable none;
+    std::size_t count = 0;
+  };
+  const std::shared_ptr<HandedOver> handedOver_ = std::make_shared<HandedOver>();
   const std::shared_ptr<ZavloAuthHTTPManager> transport_;
   mutable std::mutex stateQueue_;  // "zavlo.auth.log.manager.state"
   std::shared_ptr<ZavloAuthHTTPManager> httpManager_;

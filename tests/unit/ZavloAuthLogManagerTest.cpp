@@ -181,4 +181,32 @@ TEST_F(ZavloAuthLogManagerTest, TellsTheObserverOfEverySentEventAndWaitsForPendi
   EXPECT_TRUE(logManager->waitForPendingEvents(0ms));
 }
 
+// An event handed over is built and posted on the queue given, in the order handed over;
+// until then the caller's thread has done nothing but hand it over, and a host waiting for
+// pending events waits for it.
+TEST_F(ZavloAuthLogManagerTest, HandedOverEventsAreBuiltOnTheQueueInOrderAndCountAsPending) {
+  logManager->configure(ZavloAuthEnvironment::production, endpoint);
+  auto queue = platform.makeSerialQueue("telemetry");
+  std::vector<std::string> built;
+  for (const char* name : {"START", "HOP", "END"}) {
+    logManager->sendEventLogOn(*queue, [&built, name] {
+      built.emplace_back(name);
+      return event(name);
+    });
+  }
+  EXPECT_TRUE(built.empty());
+  EXPECT_EQ(http.requestCount(), 0U);
+  EXPECT_FALSE(logManager->waitForPendingEvents(0ms)) << "handed over, not yet posted";
+
+  platform.scheduler().runUntilIdle();
+  EXPECT_EQ(built, (std::vector<std::string>{"START", "HOP", "END"}));
+  ASSERT_EQ(http.requestCount(), 3U);
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(nlohmann::json::parse(http.exchanges()[i].bodyText()).at("eventName"), built[i]);
+  }
+  EXPECT_FALSE(logManager->waitForPendingEvents(0ms)) << "posted, not yet answered";
+  for (std::size_t i = 0; i < 3; ++i) http.respond(i, 200);
+  EXPECT_TRUE(logManager->waitForPendingEvents(0ms));
+}
+
 }  // namespace
