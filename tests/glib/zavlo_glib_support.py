@@ -61,7 +61,7 @@ def call(start, finish, *arguments, cancellable=None, context=None, started=None
             outcome["error"] = error
         loop.quit()
 
-    def guard():
+    def guard(*_):
         outcome["error"] = GLib.Error("no answer before the guard")
         loop.quit()
         return GLib.SOURCE_REMOVE
