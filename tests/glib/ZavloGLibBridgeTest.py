@@ -85,9 +85,12 @@ class BridgeTest(unittest.TestCase):
 
         view.connect("notify::title", title_changed)
         view.load_html(PAGE % json.dumps(operator.url), BASE)
-        GLib.timeout_add_seconds(GUARD_SECONDS, loop.quit)
+        guard = GLib.timeout_add_seconds(GUARD_SECONDS, loop.quit)
         loop.run()
+        if answered:  # otherwise the guard has fired and is gone
+            GLib.source_remove(guard)
         del bridge
+        self.assertTrue(answered, "the page got no answer before the guard")
         return answered
 
     def test_the_page_runs_a_chain_through_the_bridge(self):
