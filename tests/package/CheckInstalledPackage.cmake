@@ -54,7 +54,8 @@ function(pkg_config_consumer module compiler standard source)
   execute_process(COMMAND pkg-config --cflags --libs ${module} OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE
                   COMMAND_ERROR_IS_FATAL ANY)
   separate_arguments(flags UNIX_COMMAND "${flags}")
-  run(${compiler} ${standard} ${SOURCE_DIR}/tests/package/pkg-config/${source} ${flags} -o ${WORK_DIR}/${module}-consumer)
+  # The linker finds libzavlo-auth.so.0, which libzavlo-auth-glib.so.0 needs, as the loader does.
+  run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${prefix}/${LIBDIR}" ${compiler} ${standard} ${SOURCE_DIR}/tests/package/pkg-config/${source} ${flags} -o ${WORK_DIR}/${module}-consumer)
   execute_process(COMMAND ${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${prefix}/${LIBDIR}" ${WORK_DIR}/${module}-consumer
                   RESULT_VARIABLE result OUTPUT_VARIABLE output)
   message(STATUS "${module} consumer (${result}): ${output}")
