@@ -20,8 +20,7 @@ int main(int argc, char** argv) {
   options.mixedLocations = true;
   ZavloChainServer server(options);
   if (options.tls) std::ofstream(argv[2]) << server.trustAnchorPem();
-  std::cout << server.chainUrl(static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10)), "glib") << '\n'
-            << std::flush;
+  std::cout << server.chainUrl(static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10)), "glib") << '\n' << std::flush;
   std::string line;
   while (std::getline(std::cin, line)) {
   }
