@@ -46,3 +46,24 @@ foreach(library libpam libp11-kit libsqlite3 libtss2)
     message(FATAL_ERROR "zavlo-sna-only links ${library}")
   endif()
 endforeach()
+
+# pkg-config alone: a C++ consumer of zavlo-auth and a C consumer of zavlo-auth-glib, built
+# from `pkg-config --cflags --libs` against the installed prefix and run from it.
+set(ENV{PKG_CONFIG_PATH} "${prefix}/${LIBDIR}/pkgconfig")
+function(pkg_config_consumer module compiler standard source)
+  execute_process(COMMAND pkg-config --cflags --libs ${module} OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE
+                  COMMAND_ERROR_IS_FATAL ANY)
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  # The linker finds libzavlo-auth.so.0, which libzavlo-auth-glib.so.0 needs, as the loader does.
+  run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${prefix}/${LIBDIR}" ${compiler} ${standard} ${SOURCE_DIR}/tests/package/pkg-config/${source} ${flags} -o ${WORK_DIR}/${module}-consumer)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${prefix}/${LIBDIR}" ${WORK_DIR}/${module}-consumer
+                  RESULT_VARIABLE result OUTPUT_VARIABLE output)
+  message(STATUS "${module} consumer (${result}): ${output}")
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "the ${module} consumer built with pkg-config failed (${result})")
+  endif()
+endfunction()
+pkg_config_consumer(zavlo-auth c++ -std=c++20 consumer.cpp)
+if(EXISTS ${prefix}/${LIBDIR}/pkgconfig/zavlo-auth-glib.pc)
+  pkg_config_consumer(zavlo-auth-glib cc -std=c11 consumer.c)
+endif()
