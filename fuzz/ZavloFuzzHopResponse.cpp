@@ -51,7 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<nlohmann::json> completions;
   std::vector<ZavloCellularSnaClient::HopTrace> traces;
   {
-    auto client = ZavloCellularSnaClient::create(platform, [&events](auto event) { events.push_back(event); });
+    auto client = ZavloCellularSnaClient::create(
+        platform, [&events](const ZavloCellularSnaClient::HopEvent& event) { events.push_back(event.toEventLog()); });
     client->CONNECTION_TIME_OUT = kHopTimeOutSeconds;
     client->hopObserver = [&traces](const ZavloCellularSnaClient::HopTrace& trace) { traces.push_back(trace); };
     const auto start = ZavloUrl::parse("http://op.test/start?session=1");
