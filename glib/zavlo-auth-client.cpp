@@ -232,6 +232,8 @@ namespace {
 struct Call {
   GTask* task;
   GCancellable* cancellable;
+  // Stops what the call started on the network (a chain), when the cancellable fires.
+  std::shared_ptr<ZavloCancellation> stop = std::make_shared<ZavloCancellation>();
   gulong cancelledHandler = 0;
   std::atomic<bool> answered{false};
 
@@ -262,10 +264,11 @@ void cancelled(GCancellable* /*cancellable*/, gpointer data) {
   auto& call = *static_cast<std::shared_ptr<Call>*>(data);
   if (call->claim()) {
     g_task_return_new_error(call->task, G_IO_ERROR, G_IO_ERROR_CANCELLED, "The operation was cancelled");
+    call->stop->cancel();
   }
 }
 
-using Operation = std::function<void(ZavloAuthenticationNativeWrapper::Completion)>;
+using Operation = std::function<void(ZavloAuthenticationNativeWrapper::Completion, std::shared_ptr<ZavloCancellation>)>;
 
 void run(ZavloAuthClient* self, GCancellable* cancellable, GAsyncReadyCallback callback, gpointer userData,
          gpointer tag, const Operation& operation) {
@@ -297,7 +300,7 @@ void run(ZavloAuthClient* self, GCancellable* cancellable, GAsyncReadyCallback c
     releaseLater(self);
   };
   try {
-    operation(std::move(completion));
+    operation(std::move(completion), call->stop);
   } catch (const std::exception& failure) {
     // The library answers with values; this is only for what it cannot (memory).
     if (call->claim()) {
@@ -328,7 +331,7 @@ void zavlo_auth_client_init_auth(ZavloAuthClient* self, const gchar* config, GCa
   auto& wrapper = self->graph->nativeWrapper;
   const auto json = configFrom(config);
   run(self, cancellable, callback, user_data, reinterpret_cast<gpointer>(zavlo_auth_client_init_auth),
-      [&wrapper, json](auto completion) { wrapper.initAuth(json, std::move(completion)); });
+      [&wrapper, json](auto completion, auto /*stop*/) { wrapper.initAuth(json, std::move(completion)); });
 }
 
 gchar* zavlo_auth_client_init_auth_finish(ZavloAuthClient* self, GAsyncResult* result, GError** error) {
@@ -344,17 +347,17 @@ void zavlo_auth_client_start_auth(ZavloAuthClient* self, const gchar* url, const
   std::optional<nlohmann::json> session;
   if (config != nullptr) session = configFrom(config);
   run(self, cancellable, callback, user_data, reinterpret_cast<gpointer>(zavlo_auth_client_start_auth),
-      [&wrapper, target, session](auto completion) {
+      [&wrapper, target, session](auto completion, auto stop) {
         if (!session) {
-          wrapper.startAuth(target, std::move(completion));
+          wrapper.startAuth(target, std::move(completion), std::move(stop));
           return;
         }
-        wrapper.initAuth(*session, [&wrapper, target, completion](ZavloResult<nlohmann::json> started) {
+        wrapper.initAuth(*session, [&wrapper, target, completion, stop](ZavloResult<nlohmann::json> started) {
           if (!started) {
             completion(std::move(started));
             return;
           }
-          wrapper.startAuth(target, completion);
+          wrapper.startAuth(target, completion, stop);
         });
       });
 }
@@ -369,7 +372,7 @@ void zavlo_auth_client_enroll(ZavloAuthClient* self, const gchar* config, GCance
   auto& wrapper = self->graph->nativeWrapper;
   const auto json = configFrom(config);
   run(self, cancellable, callback, user_data, reinterpret_cast<gpointer>(zavlo_auth_client_enroll),
-      [&wrapper, json](auto completion) { wrapper.enrollDeviceBinding(json, std::move(completion)); });
+      [&wrapper, json](auto completion, auto /*stop*/) { wrapper.enrollDeviceBinding(json, std::move(completion)); });
 }
 
 gchar* zavlo_auth_client_enroll_finish(ZavloAuthClient* self, GAsyncResult* result, GError** error) {
@@ -382,7 +385,9 @@ void zavlo_auth_client_sign(ZavloAuthClient* self, const gchar* config, GCancell
   auto& wrapper = self->graph->nativeWrapper;
   const auto json = configFrom(config);
   run(self, cancellable, callback, user_data, reinterpret_cast<gpointer>(zavlo_auth_client_sign),
-      [&wrapper, json](auto completion) { wrapper.signDeviceBindingChallenge(json, std::move(completion)); });
+      [&wrapper, json](auto completion, auto /*stop*/) {
+        wrapper.signDeviceBindingChallenge(json, std::move(completion));
+      });
 }
 
 gchar* zavlo_auth_client_sign_finish(ZavloAuthClient* self, GAsyncResult* result, GError** error) {
@@ -395,7 +400,7 @@ void zavlo_auth_client_get_state(ZavloAuthClient* self, const gchar* config, GCa
   auto& wrapper = self->graph->nativeWrapper;
   const auto json = configFrom(config);
   run(self, cancellable, callback, user_data, reinterpret_cast<gpointer>(zavlo_auth_client_get_state),
-      [&wrapper, json](auto completion) { wrapper.getDeviceBindingState(json, std::move(completion)); });
+      [&wrapper, json](auto completion, auto /*stop*/) { wrapper.getDeviceBindingState(json, std::move(completion)); });
 }
 
 gchar* zavlo_auth_client_get_state_finish(ZavloAuthClient* self, GAsyncResult* result, GError** error) {

@@ -50,6 +50,7 @@ void ZavloCellularSnaClient::open(const ZavloUrl& url, std::optional<std::string
   }
   setCheckResponseHandler(makeResponseHandler(std::move(completion)));
   platform_.mainQueue().post([self = shared_from_this(), url] {
+    if (self->finished_) return;  // cancelled before its first hop
     self->createTimer();
     if (auto handler = self->checkResponseHandler()) self->activateConnectionForDataFetch(url, std::move(handler));
   });
@@ -220,6 +221,14 @@ void ZavloCellularSnaClient::createTimer() {
       std::chrono::duration_cast<ZavloQueue::Duration>(std::chrono::duration<double>(CONNECTION_TIME_OUT));
   // The timer holds the client: it is what keeps a chain alive between hops.
   timer_ = platform_.mainQueue().postAfter(interval, [self = shared_from_this()] { self->fireTimer(); });
+}
+
+void ZavloCellularSnaClient::cancel() {
+  platform_.mainQueue().post([weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    if (auto handler = self->checkResponseHandler()) (*handler)(ZavloNetworkError::other("Connection cancelled"));
+  });
 }
 
 void ZavloCellularSnaClient::fireTimer() {

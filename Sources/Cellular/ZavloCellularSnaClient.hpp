@@ -66,6 +66,9 @@ class ZavloCellularSnaClient : public std::enable_shared_from_this<ZavloCellular
 
   /// Starts the chain at url; completion receives how it ended.
   void open(const ZavloUrl& url, std::optional<std::string> requestId, Completion completion);
+  /// Ends a chain still running as a failed hop ("Connection cancelled") and stops its
+  /// connection and timer; callable from any thread, does nothing once the chain has ended.
+  void cancel();
 
   /// Judges the bytes of one hop's single receive and reports the hop's telemetry.
   void processResponse(const ZavloUrl& requestUrl, const std::vector<std::uint8_t>& data,

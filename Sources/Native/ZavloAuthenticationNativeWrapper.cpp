@@ -24,8 +24,9 @@ void ZavloAuthenticationNativeWrapper::initAuth(const nlohmann::json& config, Co
   operations_->initAuth(initConfig_->requestId(), std::move(viewController), std::move(completion));
 }
 
-void ZavloAuthenticationNativeWrapper::startAuth(const std::string& snaUrl, Completion completion) {
-  operations_->startAuth(snaUrl, std::move(completion));
+void ZavloAuthenticationNativeWrapper::startAuth(const std::string& snaUrl, Completion completion,
+                                                 std::shared_ptr<ZavloCancellation> cancellation) {
+  operations_->startAuth(snaUrl, std::move(completion), std::move(cancellation));
 }
 
 nlohmann::json ZavloAuthenticationNativeWrapper::getCapabilities() const {

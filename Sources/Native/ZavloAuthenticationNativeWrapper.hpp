@@ -10,8 +10,8 @@
 #include "Core/ZavloAuthEnvironment.hpp"
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloResult.hpp"
-#include "Session/ZavloAuthInitConfig.hpp"
 #include "Operations/ZavloAuthenticationOperations.hpp"
+#include "Session/ZavloAuthInitConfig.hpp"
 
 /// The entry class for native hosts: setup, then initAuth, then the operations, then
 /// cleanupAll. Every result leaves as a dictionary, every failure as a ZavloAuthException.
@@ -37,7 +37,9 @@ class ZavloAuthenticationNativeWrapper {
   void setup(std::weak_ptr<void> viewController, ZavloAuthEnvironment environment);
   void initAuth(const nlohmann::json& config, Completion completion);
   void initSNA(const nlohmann::json& config, Completion completion) { initAuth(config, std::move(completion)); }
-  void startAuth(const std::string& snaUrl, Completion completion);
+  /// A cancellation, when given, ends the chain where it is.
+  void startAuth(const std::string& snaUrl, Completion completion,
+                 std::shared_ptr<ZavloCancellation> cancellation = nullptr);
   void startSNA(const std::string& snaUrl, Completion completion) { startAuth(snaUrl, std::move(completion)); }
   [[nodiscard]] nlohmann::json getCapabilities() const;
 

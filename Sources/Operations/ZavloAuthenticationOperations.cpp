@@ -58,8 +58,10 @@ void ZavloAuthenticationOperations::initAuth(std::optional<std::string> requestI
                                           answering<ZavloAuthInitSuccessResponse>(std::move(completion)));
 }
 
-void ZavloAuthenticationOperations::startAuth(const std::string& snaUrl, Completion completion) {
-  repository_->requestManager->startSilentNetworkAuth(snaUrl, answering<ZavloSnaStartResponse>(std::move(completion)));
+void ZavloAuthenticationOperations::startAuth(const std::string& snaUrl, Completion completion,
+                                              std::shared_ptr<ZavloCancellation> cancellation) {
+  repository_->requestManager->startSilentNetworkAuth(snaUrl, answering<ZavloSnaStartResponse>(std::move(completion)),
+                                                      std::move(cancellation));
 }
 
 nlohmann::json ZavloAuthenticationOperations::capabilities() {

@@ -10,6 +10,7 @@
 #include "Cellular/ZavloCellularSnaClient.hpp"
 #include "Core/ZavloAuthEnvironment.hpp"
 #include "Core/ZavloAuthException.hpp"
+#include "Core/ZavloCancellation.hpp"
 #include "Core/ZavloResult.hpp"
 
 class ZavloAuthLogManager;
@@ -40,7 +41,8 @@ class ZavloAuthenticationOperations {
 
   /// Starts a session for requestId over the host's screen.
   void initAuth(std::optional<std::string> requestId, std::shared_ptr<void> viewController, Completion completion);
-  void startAuth(const std::string& snaUrl, Completion completion);
+  void startAuth(const std::string& snaUrl, Completion completion,
+                 std::shared_ptr<ZavloCancellation> cancellation = nullptr);
   [[nodiscard]] static nlohmann::json capabilities();
 
   /// Reads "keyId" (text, empty when missing) and answers the binding state.

@@ -151,7 +151,8 @@ void ZavloAuthRequestManager::initialize(std::optional<std::string> requestId, s
   });
 }
 
-void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion) {
+void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion,
+                                                     std::shared_ptr<ZavloCancellation> cancellation) {
   const auto session = sessionSnapshot();
   if (!session.isSessionInitialized) {
     if (completion) {
@@ -178,7 +179,7 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
                            failureMetaData(exception));
     if (completion) completion(zavloFailure(std::move(exception)));
   };
-  auto onSuccess = [self = shared_from_this(), requestId, completion, url = std::move(*url)] {
+  auto onSuccess = [self = shared_from_this(), requestId, completion, url = std::move(*url), cancellation] {
     // Handed over here and built on the telemetry queue with the session's other events, so
     // that the collector gets them in order; the host's wait for pending events covers them
     // from the moment they are handed over.
@@ -193,6 +194,13 @@ void ZavloAuthRequestManager::startSilentNetworkAuth(const std::string& snaURLSt
     {
       std::lock_guard lock(self->observerMutex_);
       client->hopObserver = self->hopObserver_;
+    }
+    // Before open: a cancel that came first is then the chain's first step, and no
+    // connection is made.
+    if (cancellation) {
+      cancellation->onCancel([weak = std::weak_ptr<ZavloCellularSnaClient>(client)] {
+        if (const auto chain = weak.lock()) chain->cancel();
+      });
     }
     client->open(url, requestId, [self, requestId, completion](const ZavloChainOutcome& outcome) {
       auto result = startResponse(outcome);

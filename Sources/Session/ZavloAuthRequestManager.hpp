@@ -9,6 +9,7 @@
 #include "Cellular/ZavloCellularSnaClient.hpp"
 #include "Core/ZavloAuthException.hpp"
 #include "Core/ZavloAuthInitSuccessResponse.hpp"
+#include "Core/ZavloCancellation.hpp"
 #include "Core/ZavloResult.hpp"
 #include "Core/ZavloSnaStartResponse.hpp"
 #include "Platform/ZavloPlatform.hpp"
@@ -47,8 +48,10 @@ class ZavloAuthRequestManager : public std::enable_shared_from_this<ZavloAuthReq
   void clearSession();
   [[nodiscard]] SessionSnapshot sessionSnapshot() const;
 
-  /// Runs one silent network authentication chain against snaURLString.
-  void startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion);
+  /// Runs one silent network authentication chain against snaURLString. A cancellation,
+  /// when given, ends the chain where it is (its completion then reports the failed hop).
+  void startSilentNetworkAuth(const std::string& snaURLString, const SnaCompletion& completion,
+                              std::shared_ptr<ZavloCancellation> cancellation = nullptr);
 
   /// Told about every hop of every chain this manager starts (a host's diagnostics, set
   /// through ZavloAuthenticationOperations); callable from any thread, takes effect for

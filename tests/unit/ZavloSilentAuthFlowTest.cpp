@@ -187,6 +187,35 @@ TEST_F(ZavloSilentAuthFlow, FallsBackOnceFromIPv6ToAnyVersion) {
   EXPECT_EQ(connections.count(), 4U) << "one fallback per hop, no more";
 }
 
+// A cancellation ends the chain where it is: given before the chain starts, no connection
+// is made; while the operator holds a hop, that hop's connection is cancelled. Either way the
+// completion reports the hop as failed, once, and no later hop runs.
+TEST_F(ZavloSilentAuthFlow, ACancelledChainEndsWhereItIs) {
+  auto& connections = graph.platform.connections();
+  for (const bool beforeTheStart : {true, false}) {
+    SCOPED_TRACE(beforeTheStart ? "cancelled before the start" : "cancelled while the operator holds the hop");
+    connections.script("op.test", 80, Script::silent());
+    const auto before = connections.count();
+    auto cancellation = std::make_shared<ZavloCancellation>();
+    if (beforeTheStart) cancellation->cancel();
+    ZavloCompletions done;
+    graph.wrapper.startAuth("http://op.test/", done.collect(graph.platform), cancellation);
+    graph.platform.runUntilIdle();
+    if (!beforeTheStart) {
+      ASSERT_TRUE(done.results.empty());
+      ASSERT_EQ(connections.count(), before + 1) << "the IPv6 try, held";
+      cancellation->cancel();
+      graph.platform.runUntilIdle();
+      EXPECT_TRUE(connections.all().back()->wasCancelled());
+    }
+    graph.platform.advanceBy(60s);
+    ASSERT_EQ(done.results.size(), 1U);
+    EXPECT_EQ(done.results[0].error(),
+              ZavloAuthException::failure("SNA_CELLULAR_REQUEST_FAILED", "Connection cancelled"));
+    EXPECT_EQ(connections.count(), before + (beforeTheStart ? 0 : 1));
+  }
+}
+
 TEST_F(ZavloSilentAuthFlow, EachHopIsBoundedByTheTimeOutAndLateResultsAreIgnored) {
   auto& connections = graph.platform.connections();
   connections.script("op.test", 80, Script::answering("HTTP/1.1 302 Found\r\nLocation: /slow\r\n\r\n"));
